@@ -1,0 +1,220 @@
+#include "cli/RunDriver.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "cli/CommandLine.h"
+#include "support/ScriptedPlatform.h"
+
+namespace zorbel::test {
+
+/// Calls a function with arguments as a program gets them.
+template <typename Function>
+auto withArguments(std::vector<std::string> words, Function function) {
+    words.insert(words.begin(), "zorbel");
+    std::vector<char*> pointers;
+    for (std::string& word : words) pointers.push_back(word.data());
+    pointers.push_back(nullptr);
+    return function(static_cast<int>(words.size()), pointers.data());
+}
+
+/// What came of a run.
+struct Outcome {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+/// A whole run on a machine, with both outputs going to files.
+static Outcome runOn(ScriptedPlatform& machine, const std::vector<std::string>& words) {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const int status =
+        withArguments(words, [&](int argc, char* const* argv) { return run(argc, argv, machine); });
+    ZBProcess::_clearGlobalErrors();
+    const std::string err = testing::internal::GetCapturedStderr();
+    return {status, testing::internal::GetCapturedStdout(), err};
+}
+
+/// Its pids lie above those that Linux hands out, so that none of them is the test's own.
+class RunDriverTest : public Test {
+  protected:
+    RunDriverTest() {
+        machine.process(5000001, "baker")
+            .maps(0x1000, {.pages = 9, .info = {.user_tag = kMallocTiny, .pages_resident = 1}});
+        machine.process(5000002, "miller")
+            .maps(0x1000, {.pages = 9, .info = {.user_tag = kStack, .pages_resident = 2}});
+        apprentice.parent = 5000001;
+        machine.process(5000099, "shy").openCode = kKernFailure;
+        machine.process(getpid(), "the-tool").parent = 5000001;
+    }
+
+    Outcome zorbel(const std::vector<std::string>& words) { return runOn(machine, words); }
+
+    /// The names of the processes of a report, in order.
+    static std::string reported(const Outcome& outcome) {
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+        std::string names;
+        for (std::size_t at = 0; (at = outcome.out.find("-bit", at)) != std::string::npos; ++at) {
+            const std::size_t line = outcome.out.rfind('\n', at) + 1;
+            names += outcome.out.substr(line, outcome.out.find(' ', line) - line) + " ";
+        }
+        return names;
+    }
+
+    ScriptedPlatform machine;
+    ScriptedProcess& apprentice = machine.process(5000003, "apprentice");
+};
+
+TEST_F(RunDriverTest, TargetsAreNamedInEveryWay) {
+    const std::pair<std::vector<std::string>, const char*> rows[] = {
+        {{"baker"}, "baker "},
+        {{"-p", "miller", "5000001"}, "miller baker "},
+        {{"--pid", "5000001", "-p", "baker"}, "baker "},
+        {{"-t", "baker"}, "baker apprentice "},  // But never the tool itself.
+        {{"-y", "baker", "miller", "-x", "miller", "-x", "nobody"}, "baker "},
+        // What is excluded comes back as the child of a target.
+        {{"-t", "baker", "-x", "apprentice"}, "baker apprentice "},
+    };
+    for (const auto& [words, names] : rows) {
+        const Outcome outcome = zorbel(words);
+        EXPECT_EQ(reported(outcome), names);
+        EXPECT_EQ(outcome.err, "");
+    }
+}
+
+TEST_F(RunDriverTest, WhatCanNotBeMeasuredIsSaidAndTheRunGoesOn) {
+    const Outcome outcome = zorbel({"baker", "shy", "nobody", "--pid", "5000098"});
+    EXPECT_EQ(reported(outcome), "baker ");
+    EXPECT_EQ(outcome.err,
+              "Unable to find pid for process matching 'nobody'\n"
+              "Unable to analyze process with pid 5000098 (try as root?)\n"
+              "task_for_pid: failure\n"
+              "Unable to analyze process shy [5000099] (try as root?)\n");
+    EXPECT_THAT(outcome.out, HasSubstr("\nErrors were encountered:\n\ttask_for_pid [5000099] failure\n"
+                                       "\nDue to errors, summary results may be invalid\n"));
+    // Widening to children forgets how a process was named.
+    EXPECT_EQ(zorbel({"-t", "baker", "shy"}).err,
+              "task_for_pid: failure\nUnable to analyze process with pid 5000099 (try as root?)\n");
+}
+
+TEST_F(RunDriverTest, WithoutAnyTargetLeftTheRunFails) {
+    const std::string nothing =
+        "Unable to find any processes matching the supplied process names or pids (try as root?)\n";
+    const std::pair<std::vector<std::string>, std::string> rows[] = {
+        {{"nobody"}, "Unable to find pid for process matching 'nobody'\n" + nothing},
+        {{"baker", "-x", "baker"}, nothing},
+        {{"--pid", "5000098"}, "Unable to analyze process with pid 5000098 (try as root?)\n" + nothing},
+        {{"the-tool", "--pid", std::to_string(getpid())}, nothing},
+    };
+    for (const auto& [words, err] : rows) EXPECT_THAT(zorbel(words), FieldsAre(1, "", err));
+    machine.hasProcessList = false;
+    EXPECT_THAT(zorbel({"baker"}), FieldsAre(1, "", "Unable to obtain system process list\n" + nothing));
+    // What is not supported yet is refused in one line.
+    for (const char* last : {"-j/nonexistent/x", "-s", "-v", "--corpsePid=1", "/dev/null"})
+        EXPECT_THAT(zorbel({"baker", last}),
+                    FieldsAre(1, "", MatchesRegex("zorbel: this version does not [^\n]*\n")));
+}
+
+TEST_F(RunDriverTest, BreakdownModeIsSetBeforeProcessesAreMeasured) {
+    apprentice.maps(
+        0x1000,
+        {.pages = 9, .info = {.user_tag = kStack, .pages_resident = 5}, .purgeable = kPurgeableNonVolatile});
+    EXPECT_THAT(zorbel({"apprentice"}).out, Not(HasSubstr("purgeable")));
+    const Outcome on = zorbel({"--physZorbel", "apprentice"});
+    EXPECT_THAT(on.out, HasSubstr("    0 B      20 KB          0 B          1    stack (purgeable "));
+    EXPECT_THAT(on.out, HasSubstr("\nPhysical Zorbel Breakdown: Enabled\n"));
+    // Where the system refuses: once when it is set, then on each use.
+    machine.sysctlError = EPERM;
+    const std::string refusal = " physical zorbel data collection: Operation not permitted\n";
+    const std::string unread = "Unable to retrieve status of" + refusal;
+    EXPECT_THAT(zorbel({"--physZorbel", "apprentice"}),
+                FieldsAre(0, Not(HasSubstr("Breakdown")),
+                          "Unable to configure" + refusal + unread + unread + unread));
+}
+
+TEST_F(RunDriverTest, InterruptEndsGatheringAndStillReports) {
+    apprentice.maps(0x1000, {.info = {.pages_resident = 1}}).beforeLookup = [this] {
+        if (apprentice.lookups > 1) return;
+        kill(getpid(), SIGINT);
+        struct stat said {};
+        while (said.st_size == 0) fstat(STDERR_FILENO, &said);  // Until the interrupt has been taken.
+    };
+    const Outcome outcome = zorbel({"apprentice"});
+    EXPECT_EQ(outcome.err, "Exiting early due to SIGINT\n");
+    EXPECT_THAT(outcome.out, HasSubstr("apprentice [5000003]: 64-bit\tZorbel: 4096 B"));
+    // From then on an interrupt has its usual effect.
+    EXPECT_EXIT(raise(SIGINT), KilledBySignal(SIGINT), "");
+}
+
+static CommandLine parsed(const std::vector<std::string>& words) {
+    CommandLine commandLine;
+    EXPECT_EQ(withArguments(words, [&](auto... args) { return parseCommandLine(args..., commandLine); }),
+              std::nullopt);
+    return commandLine;
+}
+
+TEST(CommandLineTest, OptionsAreTakenInBothSpellings) {
+    for (const auto& words :
+         {std::vector<std::string>{"-atsyw", "-j", "a", "-jb", "-f", "pages", "-px", "-x", "y"},
+          {"--all", "--targetChildren", "--skip", "--summary", "--wide", "--json=a", "--json", "b",
+           "--format", "pages", "--proc", "x", "--exclude", "y"}}) {
+        const CommandLine all = parsed(words);
+        const RunSettings& asked = all.settings;
+        EXPECT_TRUE(asked.targetAll && asked.targetChildren && asked.skipIdleExitClean && asked.summarize);
+        EXPECT_EQ(asked.outputOptions, kShowSwapped | kShowWired);
+        EXPECT_EQ(asked.jsonPath, "b");
+        EXPECT_EQ(asked.summaryFormat, SummaryFormat::kPages);
+        EXPECT_THAT(all.processDescriptions, ElementsAre("x"));
+        EXPECT_THAT(all.excludeDescriptions, ElementsAre("y"));
+    }
+    const RunSettings corpse = parsed({"--corpseDirtyFlags", "10"}).settings;
+    EXPECT_TRUE(corpse.corpseMode && corpse.corpseDirtyFlags == 0x10);
+    EXPECT_EQ(parsed({"-f", "bytes", "-f", "formatted"}).settings.summaryFormat, SummaryFormat::kFormatted);
+    EXPECT_EQ(parsed({"--wired"}).settings.outputOptions, kShowWired);
+    const CommandLine targets = parsed({"mill", "-p", "baker", "--proc", "baker", "--pid", "12abc", "--pid",
+                                        "4294967297", "-w", "--", "-p"});
+    EXPECT_THAT(targets.processDescriptions, ElementsAre("baker"));
+    EXPECT_THAT(targets.pidToName, ElementsAre(Pair(1, std::nullopt), Pair(12, std::nullopt)));
+    EXPECT_THAT(targets.positionalArguments, ElementsAre("mill", "-p"));
+}
+
+constexpr const char* kUsage =
+    "Gather memory information about a process or set of processes\n"
+    "Usage: zorbel [args] [proc/pid/memgraph [proc/pid/memgraph [...]]]\n"
+    "\t-a, --all \t\t\t\ttarget all processes\n"
+    "\t-j, --json <file> \t\t\tprint json output to a file\n"
+    "\t-h, --help \t\t\t\tprint this output\n"
+    "\t-p, --proc, --pid [proc/pid] \t\ttarget pid or process (or interpret for -p)\n"
+    "\t-x, --exclude [proc/pid] \t\texclude pid or process\n"
+    "\t-s, --skip \t\t\t\tskip processes that are idle-exit clean\n"
+    "\t-v \t\t\t\t\tlattix-like output of address space layout\n"
+    "\t-f, --format (bytes|formatted|pages) \tchange size formatting preference (default: formatted)\n"
+    "\t-y, --summary\t\t\t\tprint only dirty regions, and always exclude __TEXT, __DATA and __LINKEDIT "
+    "regions\n"
+    "\t-w, --wide\t\t\t\tshow wide output with all columns (implies --swapped --wired)\n"
+    "\t--swapped\t\t\t\tshow swapped/compressed column\n"
+    "\t--wired\t\t\t\t\tshow wired column\n";
+
+TEST(CommandLineTest, ErrorsEndTheRunInTheOrderOfTheArguments) {
+    ScriptedPlatform machine;
+    const Outcome help = runOn(machine, {"nobody", "--help", "-f", "bad"});
+    EXPECT_THAT(help, FieldsAre(0, kUsage, ""));
+    const std::string badFormat =
+        "Unrecognized argument to -f / --format.\n\nAccepted arguments: 'bytes', 'formatted', 'pages'.\n";
+    const std::string badPid =
+        "'abc' is not a valid integer for --pid.\n\n"
+        "Use -p / --proc if you meant to specify a process name.\n";
+    const std::tuple<std::vector<std::string>, std::string, std::string> rows[] = {
+        {{"-f", "Bytes", "-h"}, "", badFormat},
+        {{"--pid", "abc", "-f", "bad"}, "", badPid},
+        {{"-q", "-f", "bad"}, help.out, "zorbel: invalid option -- 'q'\n"},
+        {{"--json"}, help.out, "zorbel: option '--json' requires an argument\n"},
+        {{"-x", "baker"}, help.out, "Must specify at least one process or memgraph\n"},
+    };
+    for (const auto& [words, out, err] : rows) EXPECT_THAT(runOn(machine, words), FieldsAre(1, out, err));
+}
+
+}  // namespace zorbel::test

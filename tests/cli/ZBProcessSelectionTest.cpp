@@ -1,0 +1,64 @@
+#include "support/ScriptedPlatform.h"
+
+namespace zorbel::test {
+
+using ZBProcessSelectionTest = CoordinatorTest;
+
+TEST_F(ZBProcessSelectionTest, DescriptionSelectsTheFirstProcessByNameOrNumber) {
+    for (const auto& [pid, name] : {std::pair{10, "worker"},
+                                    {42, "clerk"},
+                                    {11, "worker"},
+                                    {5, "first"},
+                                    {12, "41"},
+                                    {41, "mason"},
+                                    {20, "5"},
+                                    {77, "77"}})
+        machine.process(pid, name);
+    const std::pair<std::set<std::string>, PidDescriptions> rows[] = {
+        {{"worker"}, {{10, "worker"}}},
+        {{" 42"}, {{42, std::nullopt}}},
+        {{"42abc", "+11"}, {{11, std::nullopt}, {42, std::nullopt}}},
+        // A name of digits hides the number when it comes first, or is of the same process.
+        {{"41"}, {{12, "41"}}},
+        {{"5"}, {{5, std::nullopt}}},
+        {{"77"}, {{77, "77"}}},
+        // Names that were met on the way to one description serve the next, and change nothing.
+        {{"5", "41", "worker", "clerk"}, {{5, std::nullopt}, {10, "worker"}, {12, "41"}, {42, "clerk"}}},
+    };
+    std::vector<std::string> errors;
+    for (const auto& [descriptions, pids] : rows)
+        EXPECT_EQ(ZBProcess::pidsForStringDescriptions(machine, descriptions, &errors), pids);
+    EXPECT_THAT(errors, ElementsAre());
+    const std::set<std::string> wrong = {"work", "Worker", "-10", "4294967338", "99999999999999999999",
+                                         "",     "7"};
+    EXPECT_EQ(ZBProcess::pidsForStringDescriptions(machine, wrong, &errors), PidDescriptions());
+    EXPECT_EQ(errors.size(), wrong.size());
+    EXPECT_EQ(errors.back(), "Unable to find pid for process matching 'work'");
+}
+
+TEST_F(ZBProcessSelectionTest, DescendantsFollowLevelByLevel) {
+    for (const auto& [pid, parent] :
+         {std::pair{0, 0}, {30, 20}, {1, 0}, {20, 10}, {10, 1}, {21, 10}, {31, 21}})
+        machine.process(pid, "any").parent = parent;
+    using Pids = std::vector<std::int32_t>;
+    const std::pair<Pids, Pids> rows[] = {{{20, 21}, {20, 21, 30, 31}},
+                                          {{10, 20}, {10, 20, 30, 21, 31}},
+                                          {{0}, {0, 1, 10, 20, 21, 30, 31}},
+                                          {{999}, {999}}};
+    for (const auto& [pids, family] : rows) EXPECT_EQ(ZBProcess::childPidsForPids(machine, pids), family);
+}
+
+TEST_F(ZBProcessSelectionTest, AllProcessesLeavesOutWhatIsExcludedOrUnopenable) {
+    machine.process(1, "init");
+    machine.process(2, "shy").openCode = kKernFailure;
+    machine.process(3, "gone").hasRecord = false;
+    machine.process(4, "clerk");
+    machine.process(5, "baker");
+    machine.process(6, "kernel").flags = BsdInfoRecord::kFlagSystem;
+    testing::internal::CaptureStderr();
+    const auto targets = ZBProcess::allProcessesExcludingPids(machine, {1, 77});
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "task_for_pid: failure\n");
+    EXPECT_THAT(*targets, UnorderedElementsAre(Key(4), Key(5)));
+}
+
+}  // namespace zorbel::test

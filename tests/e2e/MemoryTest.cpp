@@ -1,0 +1,153 @@
+// What zorbel counts, page by page, of processes whose memory is known.
+
+#include <gtest/gtest.h>
+#include <sys/swap.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <memory>
+
+#include "e2e/Program.h"
+#include "fixtures/Fixture.h"
+
+namespace zorbel::e2e {
+namespace {
+
+const std::string kUntagged = "untagged (\"VM_ALLOCATE\")";
+const std::string kSharedAnonymous = "shared anonymous memory";
+
+/// The row of its own in the report on the process alone.
+Row ownRow(const Fixture& fixture, const std::string& category) {
+    return measure({fixture.pid()}).tableOf(fixture.pid())[category];
+}
+
+/// Steps of a fixture, and what each adds to a row of its own.
+void expectGrowth(const std::string& category, const std::vector<std::pair<Fixture::Step, Row>>& growths) {
+    std::vector<Fixture::Step> steps = {[] {}};
+    for (const auto& [step, growth] : growths) steps.push_back(step);
+    const Fixture fixture(steps);
+    Row before = ownRow(fixture, category);
+    for (const auto& [step, growth] : growths) {
+        fixture.next();
+        const Row after = ownRow(fixture, category);
+        const Row expected = {before.dirty + growth.dirty, before.swapped + growth.swapped,
+                              before.clean + growth.clean, before.reclaimable + growth.reclaimable,
+                              before.wired + growth.wired, before.regions + growth.regions};
+        EXPECT_EQ(after, expected) << "a growth of " << growth;
+        before = after;
+    }
+}
+
+int readNumber(const std::string& path) {
+    int value = -1;
+    std::ifstream(path) >> value;
+    return value;
+}
+
+/// False when the file does not take it.
+bool writeFile(const std::string& path, const std::string& text) {
+    return (std::ofstream(path) << text << std::flush).good();
+}
+
+TEST(MemoryTest, PrivateAnonymousPages) {
+    const Region region(300);
+    expectGrowth(kUntagged, {{[&] { region.touch(20, 100); }, {.dirty = 100}},
+                             {[&] { region.lock(); }, {.dirty = 200, .wired = 300}}});
+}
+
+TEST(MemoryTest, LazilyFreedPages) {
+    const Region region(70);
+    expectGrowth(kUntagged, {{[&] { region.touch(0, 70), region.freeLazily(); }, {.reclaimable = 70}},
+                             // Of what may be dropped, pages that are written again may not.
+                             {[&] { region.touch(10, 5); }, {.dirty = 5, .reclaimable = -5}}});
+}
+
+TEST(MemoryTest, PagesOfFiles) {
+    const Region file(40, MAP_SHARED, newFile(40, "/var/tmp"));
+    const Region changed(40, MAP_SHARED, newFile(40, "/var/tmp"));
+    const Region copied(40, MAP_PRIVATE, newFile(40, "/var/tmp"));
+    expectGrowth("mapped file", {{[&] { file.read(0, 40); }, {.clean = 40}},
+                                 {[&] { changed.touch(10, 15); }, {.dirty = 15}},
+                                 {[&] { copied.read(0, 40); }, {.clean = 40}},
+                                 {[&] { copied.touch(30, 7); }, {.dirty = 7, .clean = -7}}});
+}
+
+TEST(MemoryTest, SharedMemoryCountsOnce) {
+    const Region file(20, MAP_SHARED, newFile(20));
+    const Region other(3, MAP_SHARED, newFile(3));  // Of the same name.
+    const Region anonymous(30, MAP_SHARED);
+    const Fixture first({[&] { file.touch(0, 20), other.touch(0, 3), anonymous.touch(0, 18); }});
+    const Fixture second({[&] { file.touch(5, 6), anonymous.touch(10, 20); }});
+    const Outcome both = measure({first.pid(), second.pid()});
+    // What two processes have on common pages is taken for the same memory, and is never less than what one
+    // of them has: 18 and 20 pages of 30.
+    const std::pair<std::string, Row> expected[] = {{"memfd", {.dirty = 23, .regions = 4}},
+                                                    {kSharedAnonymous, {.dirty = 20, .regions = 2}}};
+    for (const auto& [category, row] : expected) {
+        EXPECT_EQ(both.summary()[category], row);
+        for (const auto& [self, peer] : {std::pair(&first, &second), std::pair(&second, &first)}) {
+            EXPECT_EQ(both.tableOf(self->pid()).count(category), 0U);
+            const std::string title = "Shared with e2e-tests" + numberOf(peer->pid()) + ":\n";
+            EXPECT_EQ(both.tableAfter({headerOf(self->pid()), title})[category], row) << category;
+        }
+    }
+    EXPECT_EQ(measure({first.pid(), second.pid()}).output, both.output);
+    // Alone, each has what it has touched itself.
+    EXPECT_EQ(measure({first.pid()}).summary(), Table());
+    EXPECT_EQ(ownRow(first, kSharedAnonymous), (Row{.dirty = 18, .regions = 1}));
+    EXPECT_EQ(ownRow(second, "memfd"), (Row{.dirty = 6, .regions = 2}));
+}
+
+TEST(MemoryTest, CopiedPagesCountForEachProcess) {
+    const Region copied(20, MAP_PRIVATE, newFile(20, "/dev/shm"));
+    const Fixture reader({[&] { copied.read(0, 20); }});
+    const Fixture writer({[&] { copied.read(0, 20); }, [&] { copied.touch(0, 5); }});
+    // As long as nobody has written, the pages are the file's, which lives in memory.
+    const auto both = [&] { return measure({reader.pid(), writer.pid()}); };
+    EXPECT_EQ(both().summary()["POSIX shared memory"], (Row{.dirty = 20, .regions = 2}));
+    writer.next();
+    EXPECT_EQ(both().tableOf(writer.pid())["POSIX shared memory"], (Row{.dirty = 20, .regions = 1}));
+}
+
+TEST(MemoryTest, HugePages) {
+    constexpr std::int64_t kSmallPages = kHugePageSize / 4096;
+    if (geteuid() != 0 || kPageSize != 4096) GTEST_SKIP() << "takes root and pages of 4 KiB";
+    const std::string path = "/proc/sys/vm/nr_hugepages";
+    const int setting = readNumber(path);
+    const std::shared_ptr<void> putBack(
+        nullptr, [&](void*) { EXPECT_TRUE(writeFile(path, std::to_string(setting))); });
+    ASSERT_TRUE(writeFile(path, std::to_string(setting + 4)));
+    if (readNumber(path) < setting + 4) GTEST_SKIP() << "no huge pages to be had";
+    const Fixture fixture({[] {
+        static const Region huge(4, MAP_PRIVATE | MAP_HUGETLB);
+        huge.touch(0, 3);
+    }});
+    EXPECT_EQ(ownRow(fixture, "huge pages"),
+              (Row{.dirty = 3 * kSmallPages, .wired = 3 * kSmallPages, .regions = 1}));
+}
+
+TEST(MemoryTest, PagesInSwap) {
+    const std::string device = "/dev/zram0";
+    const std::string zram = "/sys/block/zram0/";
+    if (geteuid() != 0 || readNumber(zram + "initstate") != 0 || !writeFile(zram + "disksize", "64M"))
+        GTEST_SKIP() << "takes root and an unused " << device;
+    const std::shared_ptr<void> putBack(nullptr, [&](void*) {
+        swapoff(device.c_str());
+        EXPECT_TRUE(writeFile(zram + "reset", "1"));
+    });
+    ASSERT_EQ(ProgramRun({"/sbin/mkswap", device}).finish().status, 0);
+    ASSERT_EQ(swapon(device.c_str(), 0), 0);
+    const Region own(50);
+    expectGrowth(kUntagged, {{[&] { own.touch(0, 50); }, {.dirty = 50}},
+                             {[&] { own.pageOut(); }, {.swapped = 50}},
+                             {[&] { own.touch(0, 10); }, {.swapped = -10}}});
+    // Of shared memory, the object's pages in swap show in every process that maps it.
+    const Region shared(20, MAP_SHARED, newFile(20));
+    const Fixture first({[&] { shared.touch(0, 20), shared.pageOut(); }});
+    const Fixture second({[&] { shared.touch(0, 4); }});
+    EXPECT_EQ(measure({first.pid(), second.pid()}).summary()["memfd"],
+              (Row{.dirty = 20, .swapped = 16, .regions = 2}));
+}
+
+}  // namespace
+}  // namespace zorbel::e2e

@@ -1,0 +1,188 @@
+// Whom zorbel looks at and whom it may look at, what they are called, processes that end while they are
+// measured or have ended by halves, and runs that are cut short.
+
+#include <gmock/gmock.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <list>
+#include <memory>
+#include <thread>
+
+#include "e2e/Program.h"
+#include "fixtures/Fixture.h"
+
+namespace zorbel::e2e {
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+/// A copy of a program where everybody may run it, removed at the end.
+struct Copy {
+    Copy(const std::string& program, const std::string& name) : path("/tmp/" + name) {
+        std::filesystem::copy_file(program, path, std::filesystem::copy_options::overwrite_existing);
+    }
+    Copy(const Copy&) = delete;
+    ~Copy() { std::filesystem::remove(path); }
+
+    const std::string path;
+};
+
+TEST(ProcessTest, SelectsFamiliesAndExceptions) {
+    const Fixture parent({[] { static const Fixture child({[] { static const Fixture grandchild; }}); }});
+    const std::string pid = std::to_string(parent.pid());
+    const std::string family = runZorbel({"-t", "--pid", pid}).output;
+    EXPECT_THAT(family, HasSubstr("e2e-tests" + headerOf(parent.pid())));
+    EXPECT_THAT(family, testing::ContainsRegex("(: 64-bit(.|\n)*){3}Summary Zorbel: "));
+    const Fixture other;
+    const Outcome rest = runZorbel({pid, std::to_string(other.pid()), "-x", pid, "-x", "nosuch"});
+    EXPECT_EQ(rest.error, "");
+    EXPECT_THAT(rest.output, AllOf(Not(HasSubstr(headerOf(parent.pid()))), HasSubstr(headerOf(other.pid())),
+                                   Not(HasSubstr("Summary Zorbel"))));
+}
+
+TEST(ProcessTest, EscapesHostileNames) {
+    const Copy shell("/bin/sh", "evil\x1B[31m\n\xFF\xC2\x9B (deleted)");
+    const std::string printed = "evil\\x1B[31m\\x0A\\xFF\\xC2\\x9B";
+    const Fixture fixture({[&] { execl(shell.path.c_str(), "sh", "-c", "kill -STOP $$", nullptr); }});
+    EXPECT_THAT(runZorbel({printed}).output,  // The name that is shown finds it.
+                AllOf(HasSubstr("\n" + printed + headerOf(fixture.pid())), Not(HasSubstr("\x1B"))));
+}
+
+TEST(ProcessTest, MeasuresOwnProcessesWithoutRoot) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can become somebody else";
+    const Copy copy(kZorbel, "zorbel-" + std::to_string(getpid()));
+    const Words zorbel = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", copy.path};
+    const Region memory(9, MAP_SHARED, newFile(9));
+    const Fixture own({[&] {
+        memory.touch(0, 9);
+        check(setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0, "setresuid");
+        prctl(PR_SET_DUMPABLE, 1);  // This and the next are lost with root.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+    }});
+    const Fixture others;
+    const Outcome mixed = runZorbel(wide({others.pid(), own.pid()}), zorbel);
+    EXPECT_EQ(mixed.status, 0);
+    EXPECT_EQ(mixed.error, "task_for_pid: Permission denied\nUnable to analyze process with pid " +
+                               std::to_string(others.pid()) + " (try as root?)\n");
+    EXPECT_EQ(mixed.tableOf(own.pid())["memfd"], (Row{.dirty = 9, .regions = 1}));
+    EXPECT_EQ(runZorbel({"-a"}, zorbel).error, "Must run as root.\n");
+    EXPECT_THAT(runZorbel({"-a"}).output,
+                AllOf(HasSubstr(headerOf(own.pid())), Not(HasSubstr("kthreadd"))));  // No kernel threads.
+}
+
+TEST(ProcessTest, GoesOnWithoutWhatEvenRootMayNotOpen) {
+    const Fixture fixture;
+    std::string errors = "Unable to analyze process with pid 0 (try as root?)\n";
+    if (!std::ifstream("/proc/1/maps").is_open())
+        errors += "task_for_pid: Permission denied\nUnable to analyze process with pid 1 (try as root?)\n";
+    const Outcome outcome = measure({0, 1, fixture.pid()});
+    EXPECT_EQ(outcome.error, errors);
+    EXPECT_THAT(outcome.output, HasSubstr(headerOf(fixture.pid())));
+}
+
+TEST(ProcessTest, MeasuresMoreProcessesThanItMayOpen) {
+    const Region memory(2, MAP_SHARED, newFile(2));
+    std::list<Fixture> fixtures;
+    std::vector<pid_t> pids;
+    for (int i = 0; i < 120; ++i)
+        pids.push_back(fixtures.emplace_back(std::vector<Fixture::Step>{[&] { memory.touch(0, 2); }}).pid());
+    const Outcome outcome = runZorbel(wide(pids), {"prlimit", "--nofile=100", kZorbel});
+    EXPECT_EQ(outcome.error, "");
+    const Row row = outcome.tableAfter({"Shared with 120 processes:\n"})["memfd"];
+    EXPECT_EQ(row, (Row{.dirty = 2, .regions = 120}));
+}
+
+/// A run of zorbel, stopped while it reads the regions of the first process, of which there are many. On a
+/// machine that has much else to do it may be stopped too late; then it is tried again.
+std::unique_ptr<ProgramRun> stoppedRun(const std::vector<pid_t>& pids, bool isOnTerminal = false) {
+    Words command = wide(pids);
+    command.insert(command.begin(), kZorbel);
+    for (int attempt = 0; attempt < 50; ++attempt) {
+        auto run = std::make_unique<ProgramRun>(command, isOnTerminal);
+        if (run->stopWhileReading(pids.front())) return run;
+    }
+    throw std::runtime_error("zorbel can't be stopped in time");
+}
+
+TEST(ProcessTest, ProcessEndsWhileItIsRead) {
+    const Region memory(3, MAP_SHARED, newFile(3));
+    const Fixture witness({[&] { memory.touch(0, 3); }});
+    for (const bool isReaped : {false, true}) {
+        Fixture victim({makeManyRegions});
+        const std::string display = "e2e-tests" + numberOf(victim.pid());
+        const auto run = stoppedRun({victim.pid(), witness.pid()});
+        victim.kill(isReaped);
+        const Outcome outcome = run->finish();
+        EXPECT_EQ(outcome.status, 0);
+        EXPECT_EQ(outcome.error,
+                  "mach_vm_region_recurse: Address space no longer exists\nbailing out for process " +
+                      display + "; data may be incomplete!\n");
+        const std::string warning = ": 64-bit\nWarnings were encountered while examining the process.\n\t" +
+                                    display + ": Address space no longer exists ";
+        EXPECT_THAT(outcome.output, HasSubstr(display + warning +
+                                              (isReaped ? "(process exited)" : "(zombie)") + "\n\tZorbel: "));
+        EXPECT_EQ(outcome.tableOf(witness.pid())["memfd"].dirty, 3);
+    }
+}
+
+TEST(ProcessTest, ProcessExecsWhileItIsRead) {
+    const Fixture fixture({makeManyRegions, [] { execl("/bin/sh", "sh", "-c", "kill -STOP $$", nullptr); }});
+    const auto run = stoppedRun({fixture.pid()});
+    fixture.next();
+    const Outcome outcome = run->finish();
+    EXPECT_EQ(outcome.error, "");
+    const Row total = outcome.tableOf(fixture.pid())["TOTAL"];
+    EXPECT_GT(total.dirty, 0);
+    EXPECT_LT(total.regions, 1000);  // None of the old image.
+}
+
+TEST(ProcessTest, ZombieGetsAWarning) {
+    Fixture shade({[] { prctl(PR_SET_NAME, "a) R 0\x1B[2J"); }});
+    shade.kill(false);
+    EXPECT_THAT(measure({shade.pid()}).output, HasSubstr("\n\ta) R 0\\x1B[2J" + numberOf(shade.pid()) +
+                                                         ": Address space no longer exists (zombie)\n"));
+}
+
+TEST(ProcessTest, ProcessOutlivesItsMainThread) {
+    const Region memory(8, MAP_SHARED, newFile(8));
+    const Fixture fixture({[&] {
+        memory.touch(0, 8);
+        std::thread([mainThread = pthread_self()] {
+            pthread_join(mainThread, nullptr);
+            kill(getpid(), SIGSTOP);
+        }).detach();
+        syscall(SYS_exit, 0);
+    }});
+    const Outcome outcome = measure({fixture.pid()});
+    EXPECT_EQ(outcome.error, "");
+    EXPECT_EQ(outcome.tableOf(fixture.pid())["memfd"], (Row{.dirty = 8, .regions = 1}));
+    // The number of the other thread is not that of a process.
+    const std::string pid = std::to_string(fixture.pid());
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/" + pid + "/task"))
+        if (const std::string number = thread.path().filename(); number != pid)
+            EXPECT_THAT(runZorbel({"--pid", number}).error,
+                        testing::StartsWith("Unable to analyze process with pid " + number + " "));
+}
+
+TEST(ProcessTest, InterruptCutsTheRunShort) {
+    const Fixture fixture({makeManyRegions});
+    for (const bool isOnTerminal : {false, true}) {
+        const auto run = stoppedRun({fixture.pid()}, isOnTerminal);
+        run->interrupt();
+        const Outcome outcome = run->finish();
+        EXPECT_EQ(WIFSIGNALED(outcome.status) ? WTERMSIG(outcome.status) : 0, isOnTerminal ? SIGINT : 0);
+        EXPECT_EQ(outcome.error, isOnTerminal ? "" : "Exiting early due to SIGINT\n");
+        EXPECT_EQ(outcome.output.find("=====") == std::string::npos, isOnTerminal);
+        EXPECT_EQ(outcome.output.find("exited early due to SIGINT") == std::string::npos, isOnTerminal);
+    }
+}
+
+}  // namespace
+}  // namespace zorbel::e2e

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace zorbel::e2e {
+
+using Words = std::vector<std::string>;
+
+const std::string kZorbel = PROGRAM_DIR "/zorbel";
+
+/// A line of a category table, in pages.
+struct Row {
+    std::int64_t dirty = 0, swapped = 0, clean = 0, reclaimable = 0, wired = 0, regions = 0;
+
+    friend bool operator==(const Row&, const Row&) = default;
+    friend std::ostream& operator<<(std::ostream& stream, const Row& row);
+};
+
+using Table = std::map<std::string, Row>;
+
+/// What a program left.
+struct Outcome {
+    int status = -1;  ///< As waitpid() gives it.
+    std::string output;
+    std::string error;
+
+    /// The table behind the texts, each of which follows the one before, in a report of the widest form in
+    /// pages; empty when there is none.
+    [[nodiscard]] Table tableAfter(const Words& texts) const;
+    /// The process's own categories.
+    [[nodiscard]] Table tableOf(pid_t pid) const;
+    [[nodiscard]] Table summary() const { return tableAfter({"Summary Zorbel: "}); }
+};
+
+/// How a report names a process, and how it begins that process's section.
+inline std::string numberOf(pid_t pid) { return " [" + std::to_string(pid) + "]"; }
+inline std::string headerOf(pid_t pid) { return numberOf(pid) + ": 64-bit"; }
+
+/// A program that runs, and what it prints.
+class ProgramRun {
+  public:
+    explicit ProgramRun(Words command, bool isOnTerminal = false);
+    ProgramRun(const ProgramRun&) = delete;
+    ~ProgramRun();
+
+    /// Stops it while it reads the regions of the target; false when it was done too soon.
+    [[nodiscard]] bool stopWhileReading(pid_t target) const;
+    /// Interrupts it as Ctrl-C does.
+    void interrupt() const;
+    /// Has it go on where it was stopped, and awaits its end. What it prints on a terminal comes as output.
+    Outcome finish();
+
+  private:
+    int _output;
+    int _error;
+    int _terminal = -1;
+    pid_t _pid = 0;
+};
+
+/// The arguments for a report of the widest form in pages.
+Words wide(const std::vector<pid_t>& pids);
+
+/// Runs zorbel to its end, by way of other programs where some are given.
+Outcome runZorbel(const Words& arguments, Words program = {kZorbel});
+inline Outcome measure(const std::vector<pid_t>& pids) { return runZorbel(wide(pids)); }
+
+}  // namespace zorbel::e2e

@@ -1,0 +1,212 @@
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <deque>
+#include <functional>
+#include <map>
+
+#include "aggregate/ZBZorbel.h"
+
+namespace zorbel::test {
+
+using namespace testing;
+
+inline constexpr std::uint32_t kPage = 4096;
+inline constexpr std::uint32_t kMallocTiny = 7;
+inline constexpr std::uint32_t kStack = 30;
+inline constexpr KernReturn kKernFailure = 5;
+
+/// A stretch of memory of a scripted process. All counts are pages.
+struct ScriptedRegion {
+    std::uint64_t pages = 1;
+    RegionInfoRecord info{};  ///< Memory of its own unless an object is told.
+    Name path{};              ///< A file has a pager without being told.
+    int purgeable = kPurgeableDeny;
+};
+
+/// A process of a scripted machine. What is not told is as with any healthy process.
+struct ScriptedProcess {
+    std::int32_t pid = 0;
+    std::int32_t parent = 1;
+    std::uint32_t flags = BsdInfoRecord::kFlag64Bit;
+    std::optional<std::string> argumentArea;
+    bool hasRecord = true;
+    KernReturn openCode = kKernSuccess;
+    KernReturn lookupCode = kKernSuccess;
+    int shortRecordError = 0;
+    std::uint32_t state = BsdShortInfoRecord::kStateRunning;
+    std::map<std::uint64_t, ScriptedRegion> regions;
+    int lookups = 0;
+    /// Called on the thread that looks a region up, once the look-up has been counted.
+    std::function<void()> beforeLookup = [] {};
+
+    ScriptedProcess& maps(std::uint64_t address, ScriptedRegion region) {
+        // No two processes come to the same number, and none to the small ones that tests choose.
+        if (region.info.object_id == 0)
+            region.info.object_id =
+                static_cast<std::uint32_t>((static_cast<std::size_t>(pid) << 12) + 0x800 + regions.size());
+        if (region.path.isPresent()) region.info.external_pager = 1;
+        regions[address] = region;
+        return *this;
+    }
+};
+
+/// A machine that a test writes down: processes, their regions, and what goes wrong with them. It answers as
+/// a kernel does: a look-up yields the first region that ends above the address, where it begins below too.
+class ScriptedPlatform : public Platform {
+  public:
+    /// A process with 64-bit addresses whose executable is /usr/bin/NAME.
+    ScriptedProcess& process(std::int32_t pid, const std::string& name) {
+        ScriptedProcess& process = _processes.emplace_back();
+        process.pid = pid;
+        process.argumentArea = std::string("\2\0\0\0", 4) + "/usr/bin/" + name + '\0' + '\0' + name + '\0';
+        return process;
+    }
+
+    /// Opens all processes for inspection.
+    std::vector<std::unique_ptr<ZBProcess>> open() {
+        std::vector<std::unique_ptr<ZBProcess>> opened;
+        for (const ScriptedProcess& process : _processes)
+            if (auto made = ZBProcess::processWithPid(*this, process.pid)) opened.push_back(std::move(made));
+        return opened;
+    }
+
+    bool hasProcessList = true;
+    std::int32_t breakDownMode = 0;
+    int sysctlError = 0;
+
+    std::uint32_t vm_kernel_page_size() const override { return kPage; }
+
+    bool proc_listallpids(std::vector<std::int32_t>& pids) override {
+        for (const ScriptedProcess& process : _processes) pids.push_back(process.pid);
+        return hasProcessList;
+    }
+
+    bool proc_pidinfo(std::int32_t pid, BsdInfoRecord& record) override {
+        const ScriptedProcess* process = _find(pid);
+        if (process == nullptr || !process->hasRecord) return false;
+        record.pbi_flags = process->flags;
+        record.pbi_pid = static_cast<std::uint32_t>(pid);
+        record.pbi_ppid = static_cast<std::uint32_t>(process->parent);
+        return true;
+    }
+
+    int proc_pidinfo(TaskName task, BsdShortInfoRecord& record) override {
+        record.pbsi_status = _ofTask(task).state;
+        return _ofTask(task).shortRecordError;
+    }
+
+    bool sysctl_procargs(std::int32_t pid, std::string& area) override {
+        area = _find(pid)->argumentArea.value_or("");
+        return _find(pid)->argumentArea.has_value();
+    }
+
+    KernReturn task_for_pid(std::int32_t pid, TaskName& task) override {
+        task = static_cast<TaskName>(pid);
+        return _find(pid)->openCode;
+    }
+
+    KernReturn mach_vm_region_recurse(TaskName task, std::uint64_t& address, std::uint64_t& size,
+                                      RegionInfoRecord& record) override {
+        ScriptedProcess& process = _ofTask(task);
+        ++process.lookups;
+        process.beforeLookup();
+        if (process.lookupCode != kKernSuccess) return process.lookupCode;
+        for (const auto& [start, region] : process.regions) {
+            // By its last byte, since the end of the last region of all may be 0.
+            if (start + (region.pages * kPage - 1) < address) continue;
+            address = start;
+            size = region.pages * kPage;
+            record = region.info;
+            return kKernSuccess;
+        }
+        return kKernInvalidAddress;
+    }
+
+    KernReturn mach_vm_purgable_control(TaskName task, std::uint64_t address, int& state) override {
+        state = _ofTask(task).regions.at(address).purgeable;
+        return kKernSuccess;
+    }
+
+    Name proc_regionfilename(TaskName task, std::uint64_t address) override {
+        return _ofTask(task).regions.at(address).path;
+    }
+
+    int sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) override {
+        if (std::string(name) != "vm.self_region_zorbel") return ENOENT;
+        if (sysctlError != 0) return sysctlError;
+        if (oldValue != nullptr) *oldValue = breakDownMode;
+        if (newValue != nullptr) breakDownMode = *newValue;
+        return 0;
+    }
+
+    std::string mach_error_string(KernReturn code) const override {
+        return code == kMachSendInvalidDest ? "invalid destination" : "failure";
+    }
+
+  private:
+    ScriptedProcess* _find(std::int32_t pid) {
+        for (ScriptedProcess& process : _processes)
+            if (process.pid == pid) return &process;
+        return nullptr;
+    }
+    ScriptedProcess& _ofTask(TaskName task) { return *_find(static_cast<std::int32_t>(task)); }
+
+    std::deque<ScriptedProcess> _processes;
+};
+
+/// A target whose regions and further data a test lays down itself, for what no walk yields.
+class FixedProcess : public ZBProcess {
+  public:
+    FixedProcess(Platform& platform, std::int32_t pid) : ZBProcess(platform) {
+        _pid = pid;
+        _name = "fixed" + std::to_string(pid);
+        _displayString = _name + " [" + std::to_string(pid) + "]";
+        _pageSize = kPage;
+        _is64bit = true;
+    }
+
+    using ZBProcess::_errors;
+    using ZBProcess::_is64bit;
+    using ZBProcess::_warnings;
+    std::shared_ptr<const ZBAuxDataDictionary> figures;
+
+    /// A region of one page that maps the start of an object. The next call may move it.
+    ZBMemoryRegion& add(const char* name, std::uint64_t objectId, std::uint64_t dirtyBytes) {
+        ZBMemoryRegion& region = _memoryRegions.emplace_back();
+        region.setName(Name(name));
+        region.setObject_id(objectId);
+        region.setDirtySize(dirtyBytes);
+        region.setSize(kPage);
+        region.setSegment(SegmentCode::kNotInImage);
+        return region;
+    }
+
+    std::shared_ptr<const ZBAuxDataDictionary> auxData() const override { return figures; }
+};
+
+/// A scripted machine, and a coordinator of its processes or of fixed ones.
+class CoordinatorTest : public Test {
+  protected:
+    ~CoordinatorTest() override { ZBProcess::_clearGlobalErrors(); }
+
+    FixedProcess& fixed(std::int32_t pid) {
+        processes.push_back(std::make_unique<FixedProcess>(machine, pid));
+        return static_cast<FixedProcess&>(*processes.back());
+    }
+
+    /// Gathers the fixed processes, or those of the machine if there are none.
+    void gather() {
+        zorbel = std::make_unique<ZBZorbel>(processes.empty() ? machine.open() : std::move(processes));
+        processes.clear();
+        zorbel->gatherData();
+    }
+
+    ScriptedPlatform machine;
+    std::vector<std::unique_ptr<ZBProcess>> processes;
+    std::unique_ptr<ZBZorbel> zorbel;
+};
+
+}  // namespace zorbel::test

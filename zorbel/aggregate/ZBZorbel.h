@@ -1,0 +1,111 @@
+#pragma once
+
+#include <atomic>
+#include <boost/unordered/unordered_flat_map.hpp>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "aggregate/CancelHandler.h"
+#include "aggregate/SizeTotals.h"
+#include "aggregate/ZBZorbelSharingData.h"
+#include "inspect/ZBProcess.h"
+#include "model/ZBMemoryCategory.h"
+#include "model/ZBMemoryObject.h"
+
+namespace zorbel {
+
+class ZBOutputFormatter;
+
+using Categories = std::unordered_map<Name, std::shared_ptr<ZBMemoryCategory>>;
+
+/// The coordinator of one run: gathers all processes in parallel, folds their regions into the memory objects
+/// that they share, and drives the formatters over the result. Its zorbel, for each process, is the dirty and
+/// swapped bytes of every object that the process maps.
+///
+/// Created, gathered once, printed once. Everything but the gathering of single processes happens on the
+/// calling thread. The sources follow the subjects: ZBZorbelGather.cpp, ZBZorbelAttribution.cpp and
+/// ZBZorbelCategories.cpp beside this header, ZBZorbelReport.cpp in report/.
+class ZBZorbel {
+  public:
+    explicit ZBZorbel(std::vector<std::unique_ptr<ZBProcess>> processes);
+    ZBZorbel(const ZBZorbel&) = delete;
+    ZBZorbel& operator=(const ZBZorbel&) = delete;
+
+    /// Has SIGINT call the handler, on a thread of its own, for as long as the result lives. Null when
+    /// standard output is a terminal: there an interrupt ends the tool as ever.
+    static std::unique_ptr<CancelHandler> installCancelHandler(std::function<void()> handler);
+
+    /// Makes gathering skip the processes that it has not begun. From any thread.
+    void cancel() { _earlyExit.store(true, std::memory_order_relaxed); }
+
+    /// Gathers every process and attributes its memory. An early exit becomes a global error.
+    void gatherData();
+
+    void addOutputFormatter(std::shared_ptr<ZBOutputFormatter> formatter);
+
+    /// Sends the whole report to each formatter. Summarizing folds small categories into "Other".
+    void printOutput(bool summarize);
+
+    [[nodiscard]] const std::vector<std::unique_ptr<ZBProcess>>& processes() const { return _processes; }
+
+    // Steps and views, in the order in which a run takes them.
+
+    [[nodiscard]] std::vector<ZBProcess*> _getProcessListSortedByPidDesc() const;
+    void _addProcess(ZBProcess& process);
+    void _calculateSizes();
+    /// Dirty and swapped bytes of every object that the process maps, each once.
+    [[nodiscard]] std::uint64_t _calculateZorbelForProcess(const ZBProcess& process) const;
+    void _buildProcessToZorbelMap();
+    [[nodiscard]] ZBZorbelSharingData _sharingData();
+    /// Largest zorbel first, of equal ones the highest pid.
+    [[nodiscard]] std::vector<const ZBProcess*> _getProcessListSortedByZorbel() const;
+    /// Bytes; 0 for a pid that is not of this run.
+    [[nodiscard]] std::uint64_t _zorbelOfPid(std::int32_t pid) const;
+
+    /// The objects under their names.
+    [[nodiscard]] static Categories _categoriesForObjects(const std::vector<ZBMemoryObject*>& objects);
+    /// Every object of the run, once, under the name of the first region that maps it.
+    [[nodiscard]] Categories _categoriesForAllProcesses() const;
+    /// The categories as they are to be printed, and the sums over all of them, folded ones included. When
+    /// summarizing, image segments of at most 1 MiB and categories without dirty memory fold into "Other".
+    [[nodiscard]] static Categories _summarizedCategoriesForCategories(const Categories& categories,
+                                                                       bool summarize, SizeTotals& outTotal);
+    /// By descending dirty + swapped size, then reclaimable size, then clean size, then by name.
+    [[nodiscard]] static std::vector<Name> _sortedKeysForCategories(const Categories& categories);
+
+  private:
+    /// Object id, or address in the shared cache, to object.
+    using ObjectTable = boost::unordered_flat_map<std::uint64_t, ZBMemoryObject*>;
+
+    /// The same id may stand for different memory in different tables.
+    struct ObjectTables {
+        ObjectTable _memoryObjects;
+        ObjectTable _sharedCache64MemoryObjects;
+        ObjectTable _sharedCache32MemoryObjects;
+        ObjectTable _textMemoryObjects;
+        ObjectTable _linkeditMemoryObjects;
+
+        [[nodiscard]] ObjectTable& tableForRegion(const ZBProcess& process, const ZBMemoryRegion& region);
+    };
+
+    ZBMemoryObject& _newObject();
+    void _gatherProcesses();
+
+    struct GroupSummary;
+    class GroupSummaries;
+    void _printProcess(const ZBProcess& process, const GroupSummaries& summaries);
+
+    std::vector<std::unique_ptr<ZBProcess>> _processes;
+    std::unordered_map<std::int32_t, std::uint64_t> _pidToZorbel;
+    /// Every object of the run; the tables only find those that regions of several processes may map.
+    std::deque<ZBMemoryObject> _objects;
+    ObjectTables _objectTables;
+    std::vector<std::shared_ptr<ZBOutputFormatter>> _outputFormatters;
+    std::atomic<bool> _earlyExit = false;
+};
+
+}  // namespace zorbel

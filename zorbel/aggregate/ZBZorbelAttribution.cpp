@@ -1,0 +1,112 @@
+// Which memory objects the regions of a run stand for, and which processes share them.
+
+#include <algorithm>
+#include <functional>
+#include <iterator>
+
+#include "aggregate/ZBZorbel.h"
+
+namespace zorbel {
+
+namespace {
+
+/// Whether the region's pages are no longer what they are a copy of, and so its process's own.
+bool hasPagesOfItsOwn(const ZBMemoryRegion& region) {
+    return region.share_mode() == kShareModeCopyOnWrite &&
+           (region.dirtySize() != 0 || region.swappedSize() != 0);
+}
+
+}  // namespace
+
+ZBZorbel::ObjectTable& ZBZorbel::ObjectTables::tableForRegion(const ZBProcess& process,
+                                                              const ZBMemoryRegion& region) {
+    if (region.inSharedCache())
+        return process.is64bit() ? _sharedCache64MemoryObjects : _sharedCache32MemoryObjects;
+    switch (region.segment()) {
+        case SegmentCode::kText:
+            return _textMemoryObjects;
+        case SegmentCode::kLinkedit:
+            return _linkeditMemoryObjects;
+        default:
+            return _memoryObjects;
+    }
+}
+
+ZBMemoryObject& ZBZorbel::_newObject() { return _objects.emplace_back(_objects.size()); }
+
+void ZBZorbel::_addProcess(ZBProcess& process) {
+    ObjectTables ownTables;  // Of the objects that no other process can map.
+    for (ZBMemoryRegion& region : process.memoryRegions()) {
+        const std::uint64_t key = region.inSharedCache() ? region.start() : region.object_id();
+        const bool isOwn = hasPagesOfItsOwn(region);
+        ZBMemoryObject* object = nullptr;
+        if (key == 0 && !isOwn) {
+            object = &_newObject();
+        } else {
+            ObjectTables& tables = isOwn ? ownTables : _objectTables;
+            ZBMemoryObject*& known = tables.tableForRegion(process, region)[key];
+            if (known == nullptr) known = &_newObject();
+            object = known;
+        }
+        object->addRegion(region, process.pageSize());
+        region.setMemoryObject(object);
+    }
+}
+
+void ZBZorbel::_calculateSizes() {
+    for (ZBMemoryObject& object : _objects) object.calculateSizes();
+}
+
+std::uint64_t ZBZorbel::_calculateZorbelForProcess(const ZBProcess& process) const {
+    std::vector<const ZBMemoryObject*> objects;
+    objects.reserve(process.memoryRegions().size());
+    for (const ZBMemoryRegion& region : process.memoryRegions()) objects.push_back(region.memoryObject());
+    std::sort(objects.begin(), objects.end(), std::less<>());
+    objects.erase(std::unique(objects.begin(), objects.end()), objects.end());
+    std::uint64_t zorbel = 0;
+    for (const ZBMemoryObject* object : objects)
+        zorbel += object->totalDirtySize() + object->totalSwappedSize();
+    return zorbel;
+}
+
+void ZBZorbel::_buildProcessToZorbelMap() {
+    _pidToZorbel.clear();
+    for (const auto& process : _processes)
+        _pidToZorbel[process->pid()] = _calculateZorbelForProcess(*process);
+}
+
+std::uint64_t ZBZorbel::_zorbelOfPid(std::int32_t pid) const {
+    const auto found = _pidToZorbel.find(pid);
+    return found == _pidToZorbel.end() ? 0 : found->second;
+}
+
+ZBZorbelSharingData ZBZorbel::_sharingData() {
+    // The processes that map each object, once for each region, those of one object behind those of the one
+    // before: counted first, then put in place.
+    std::vector<std::size_t> places;
+    places.reserve(_objects.size());
+    std::size_t count = 0;
+    for (const ZBMemoryObject& object : _objects) {
+        places.push_back(count);
+        count += object.memoryRegions().size();
+    }
+    std::vector<const ZBProcess*> mappers(count);
+    for (const auto& process : _processes)
+        for (const ZBMemoryRegion& region : process->memoryRegions())
+            mappers[places[region.memoryObject()->ordinal()]++] = process.get();
+
+    ZBZorbelSharingData data;
+    auto first = mappers.begin();
+    for (ZBMemoryObject& object : _objects) {
+        const auto last = first + static_cast<std::ptrdiff_t>(object.memoryRegions().size());
+        std::stable_sort(first, last, [](const auto* a, const auto* b) { return a->pid() < b->pid(); });
+        std::vector<const ZBProcess*> members;
+        std::unique_copy(first, last, std::back_inserter(members),
+                         [](const auto* a, const auto* b) { return *a == *b; });
+        data.addObject(ProcessGroup(std::move(members)), object);
+        first = last;
+    }
+    return data;
+}
+
+}  // namespace zorbel

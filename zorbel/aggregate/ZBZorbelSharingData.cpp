@@ -1,0 +1,36 @@
+#include "aggregate/ZBZorbelSharingData.h"
+
+#include <algorithm>
+#include <boost/container_hash/hash.hpp>
+
+namespace zorbel {
+
+bool operator==(const ProcessGroup& a, const ProcessGroup& b) {
+    return std::equal(a._members.begin(), a._members.end(), b._members.begin(), b._members.end(),
+                      [](const ZBProcess* x, const ZBProcess* y) { return x->pid() == y->pid(); });
+}
+
+bool operator<(const ProcessGroup& a, const ProcessGroup& b) {
+    return std::lexicographical_compare(
+        a._members.begin(), a._members.end(), b._members.begin(), b._members.end(),
+        [](const ZBProcess* x, const ZBProcess* y) { return x->pid() < y->pid(); });
+}
+
+std::size_t ProcessGroup::Hash::operator()(const ProcessGroup& group) const {
+    std::size_t seed = 0;
+    for (const ZBProcess* member : group._members) boost::hash_combine(seed, member->pid());
+    return seed;
+}
+
+void ZBZorbelSharingData::addObject(const ProcessGroup& group, ZBMemoryObject& object) {
+    // Objects come process by process, so that most are of the group of the one before.
+    if (_last != nullptr && _last->first == group) return _last->second.push_back(&object);
+    const auto [entry, isNew] = _processGroupToObjects.try_emplace(group);
+    _last = &*entry;
+    entry->second.push_back(&object);
+    if (!isNew) return;
+    for (const ZBProcess* member : group.members())
+        _processToProcessGroups[member->pid()].push_back(&entry->first);
+}
+
+}  // namespace zorbel

@@ -1,0 +1,188 @@
+#include "cli/CommandLine.h"
+
+#include <getopt.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+namespace zorbel {
+
+namespace {
+
+enum LongOnlyOption : int {
+    kCorpsePidOption = 256,
+    kCorpseNameOption,
+    kCorpseDirtyFlagsOption,
+    kCorpseProcFlagsOption,
+    kPhysZorbelOption,
+    kSwappedOption,
+    kWiredOption,
+    kPidOption,
+};
+
+constexpr const char* kShortOptions = "aj:htp:x:svf:yw";
+
+constexpr option kLongOptions[] = {
+    {"all", no_argument, nullptr, 'a'},
+    {"json", required_argument, nullptr, 'j'},
+    {"help", no_argument, nullptr, 'h'},
+    {"targetChildren", no_argument, nullptr, 't'},
+    {"proc", required_argument, nullptr, 'p'},
+    {"exclude", required_argument, nullptr, 'x'},
+    {"pid", required_argument, nullptr, kPidOption},
+    {"skip", no_argument, nullptr, 's'},
+    {"format", required_argument, nullptr, 'f'},
+    {"summary", no_argument, nullptr, 'y'},
+    {"corpsePid", required_argument, nullptr, kCorpsePidOption},
+    {"corpseName", required_argument, nullptr, kCorpseNameOption},
+    {"corpseDirtyFlags", required_argument, nullptr, kCorpseDirtyFlagsOption},
+    {"corpseProcFlags", required_argument, nullptr, kCorpseProcFlagsOption},
+    {"physZorbel", no_argument, nullptr, kPhysZorbelOption},
+    {"wide", no_argument, nullptr, 'w'},
+    {"swapped", no_argument, nullptr, kSwappedOption},
+    {"wired", no_argument, nullptr, kWiredOption},
+    {nullptr, 0, nullptr, 0},
+};
+
+constexpr const char* kUsage =
+    "Gather memory information about a process or set of processes\n"
+    "Usage: zorbel [args] [proc/pid/memgraph [proc/pid/memgraph [...]]]\n"
+    "\t-a, --all \t\t\t\ttarget all processes\n"
+    "\t-j, --json <file> \t\t\tprint json output to a file\n"
+    "\t-h, --help \t\t\t\tprint this output\n"
+    "\t-p, --proc, --pid [proc/pid] \t\ttarget pid or process (or interpret for -p)\n"
+    "\t-x, --exclude [proc/pid] \t\texclude pid or process\n"
+    "\t-s, --skip \t\t\t\tskip processes that are idle-exit clean\n"
+    "\t-v \t\t\t\t\tlattix-like output of address space layout\n"
+    "\t-f, --format (bytes|formatted|pages) \tchange size formatting preference (default: formatted)\n"
+    "\t-y, --summary\t\t\t\tprint only dirty regions, and always exclude __TEXT, __DATA and __LINKEDIT "
+    "regions\n"
+    "\t-w, --wide\t\t\t\tshow wide output with all columns (implies --swapped --wired)\n"
+    "\t--swapped\t\t\t\tshow swapped/compressed column\n"
+    "\t--wired\t\t\t\t\tshow wired column\n";
+
+bool addPid(const char* text, PidDescriptions& pidToName) {
+    char* end = nullptr;
+    const long pid = std::strtol(text, &end, 10);
+    if (end == text) {
+        std::fprintf(stderr,
+                     "'%s' is not a valid integer for --pid.\n\n"
+                     "Use -p / --proc if you meant to specify a process name.\n",
+                     text);
+        return false;
+    }
+    pidToName[static_cast<std::int32_t>(pid)] = std::nullopt;
+    return true;
+}
+
+bool setFormat(std::string_view word, SummaryFormat& format) {
+    if (word == "bytes")
+        format = SummaryFormat::kBytes;
+    else if (word == "formatted")
+        format = SummaryFormat::kFormatted;
+    else if (word == "pages")
+        format = SummaryFormat::kPages;
+    else {
+        std::fputs(
+            "Unrecognized argument to -f / --format.\n\n"
+            "Accepted arguments: 'bytes', 'formatted', 'pages'.\n",
+            stderr);
+        return false;
+    }
+    return true;
+}
+
+/// Applies one of the options that describe a corpse; false for any other option.
+bool applyCorpseOption(int code, const char* argument, RunSettings& settings) {
+    switch (code) {
+        case kCorpsePidOption:
+            settings.corpsePid = static_cast<std::int32_t>(std::strtol(argument, nullptr, 10));
+            break;
+        case kCorpseNameOption:
+            settings.corpseName = argument;
+            break;
+        case kCorpseDirtyFlagsOption:
+            settings.corpseDirtyFlags = static_cast<std::uint32_t>(std::strtol(argument, nullptr, 16));
+            break;
+        case kCorpseProcFlagsOption:
+            settings.corpseProcFlags = static_cast<std::uint32_t>(std::strtol(argument, nullptr, 16));
+            break;
+        default:
+            return false;
+    }
+    settings.corpseMode = true;
+    return true;
+}
+
+/// Applies one option; returns the exit status where it ends the run.
+std::optional<int> applyOption(int code, CommandLine& commandLine) {
+    RunSettings& settings = commandLine.settings;
+    switch (code) {
+        case 'a':
+            settings.targetAll = true;
+            break;
+        case 'j':
+            settings.jsonPath = optarg;
+            break;
+        case 'h':
+            printUsage();
+            return 0;
+        case 't':
+            settings.targetChildren = true;
+            break;
+        case 'p':
+            commandLine.processDescriptions.insert(optarg);
+            break;
+        case 'x':
+            commandLine.excludeDescriptions.insert(optarg);
+            break;
+        case 's':
+            settings.skipIdleExitClean = true;
+            break;
+        case 'v':
+            settings.lattixOutput = true;
+            break;
+        case 'y':
+            settings.summarize = true;
+            break;
+        case 'w':
+            settings.outputOptions |= kShowWired | kShowSwapped;
+            break;
+        case kSwappedOption:
+            settings.outputOptions |= kShowSwapped;
+            break;
+        case kWiredOption:
+            settings.outputOptions |= kShowWired;
+            break;
+        case kPhysZorbelOption:
+            settings.physZorbelRequested = true;
+            break;
+        case kPidOption:
+            if (!addPid(optarg, commandLine.pidToName)) return 1;
+            break;
+        case 'f':
+            if (!setFormat(optarg, settings.summaryFormat)) return 1;
+            break;
+        default:
+            if (applyCorpseOption(code, optarg, settings)) break;
+            printUsage();  // getopt_long has said what is wrong.
+            return 1;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+void printUsage() { std::fputs(kUsage, stdout); }
+
+std::optional<int> parseCommandLine(int argc, char* const argv[], CommandLine& commandLine) {
+    optind = 0;  // Starts the parser anew.
+    int code = 0;
+    while ((code = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1)
+        if (const auto status = applyOption(code, commandLine)) return status;
+    commandLine.positionalArguments.assign(argv + optind, argv + argc);
+    return std::nullopt;
+}
+
+}  // namespace zorbel

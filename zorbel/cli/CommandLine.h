@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "inspect/ZBProcess.h"
+#include "report/OutputFormat.h"
+
+namespace zorbel {
+
+/// What the options ask for.
+struct RunSettings {
+    bool targetAll = false;
+    std::optional<std::string> jsonPath;
+    bool targetChildren = false;
+    bool skipIdleExitClean = false;
+    bool lattixOutput = false;
+    SummaryFormat summaryFormat = SummaryFormat::kFormatted;
+    bool summarize = false;
+    OutputOptions outputOptions = 0;
+    bool physZorbelRequested = false;
+    bool corpseMode = false;
+    std::int32_t corpsePid = -1;
+    std::optional<std::string> corpseName;
+    std::uint32_t corpseDirtyFlags = 0;
+    std::uint32_t corpseProcFlags = 0;
+};
+
+/// The command line, taken apart.
+struct CommandLine {
+    RunSettings settings;
+    std::set<std::string> processDescriptions;  ///< To be resolved by name or number.
+    std::set<std::string> excludeDescriptions;
+    PidDescriptions pidToName;  ///< Pids that were given as such.
+    std::vector<std::string> positionalArguments;
+};
+
+/// Parses in the order of the arguments. Returns the exit status where parsing ends the run: 0 when help was
+/// asked for, 1 for an error, which has been reported by then. Uses getopt_long, so one call at a time.
+std::optional<int> parseCommandLine(int argc, char* const argv[], CommandLine& commandLine);
+
+/// Prints the usage text on standard output.
+void printUsage();
+
+}  // namespace zorbel

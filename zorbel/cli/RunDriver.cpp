@@ -1,0 +1,168 @@
+#include "cli/RunDriver.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <utility>
+
+#include "aggregate/ZBZorbel.h"
+#include "cli/CommandLine.h"
+#include "inspect/BreakDownMode.h"
+#include "report/ZBOutputFormatterText.h"
+
+namespace zorbel {
+
+namespace {
+
+constexpr int kFailure = 1;
+
+/// Says so where the command line asks for what this version cannot do yet; nothing asked for is ignored.
+bool asksForMissingFeature(const CommandLine& commandLine) {
+    const RunSettings& settings = commandLine.settings;
+    const std::pair<bool, const char*> missing[] = {
+        {settings.jsonPath.has_value(), "-j / --json"},
+        {settings.skipIdleExitClean, "-s / --skip"},
+        {settings.lattixOutput, "-v"},
+        {settings.corpseMode, "--corpsePid, --corpseName, --corpseDirtyFlags and --corpseProcFlags"},
+    };
+    for (const auto& [asked, options] : missing) {
+        if (!asked) continue;
+        std::fprintf(stderr, "zorbel: this version does not support %s.\n", options);
+        return true;
+    }
+    return false;
+}
+
+/// Sorts the positional arguments: texts that name no file are descriptions of processes.
+bool takePositionalArguments(CommandLine& commandLine) {
+    for (const std::string& argument : commandLine.positionalArguments) {
+        struct stat status {};
+        if (stat(argument.c_str(), &status) == 0) {
+            std::fprintf(
+                stderr,
+                "zorbel: this version does not read memory graphs, and '%s' names a file; use -p to name "
+                "a process.\n",
+                argument.c_str());
+            return false;
+        }
+        commandLine.processDescriptions.insert(argument);
+    }
+    return true;
+}
+
+bool checkTargets(const CommandLine& commandLine) {
+    const RunSettings& settings = commandLine.settings;
+    if (commandLine.pidToName.empty() && commandLine.processDescriptions.empty() && !settings.targetAll) {
+        std::fputs("Must specify at least one process or memgraph\n", stderr);
+        printUsage();
+        return false;
+    }
+    if (settings.targetAll && geteuid() != 0) {
+        std::fputs("Must run as root.\n", stderr);
+        printUsage();
+        return false;
+    }
+    return true;
+}
+
+std::set<std::int32_t> excludedPids(Platform& platform, const CommandLine& commandLine) {
+    std::set<std::int32_t> excluded = {getpid()};
+    if (commandLine.excludeDescriptions.empty()) return excluded;
+    if (const auto pids =
+            ZBProcess::pidsForStringDescriptions(platform, commandLine.excludeDescriptions, nullptr))
+        for (const auto& [pid, description] : *pids) excluded.insert(pid);
+    return excluded;
+}
+
+/// The pids that names, numbers and, where asked for, descent select.
+PidDescriptions selectPids(Platform& platform, const CommandLine& commandLine,
+                           const std::set<std::int32_t>& excluded) {
+    PidDescriptions selected = commandLine.pidToName;
+    if (!commandLine.processDescriptions.empty()) {
+        std::vector<std::string> errors;
+        const auto described =
+            ZBProcess::pidsForStringDescriptions(platform, commandLine.processDescriptions, &errors);
+        if (described)
+            for (const auto& [pid, description] : *described) selected[pid] = description;
+        for (const std::string& error : errors) std::fprintf(stderr, "%s\n", error.c_str());
+    }
+    for (const std::int32_t pid : excluded) selected.erase(pid);
+    if (commandLine.settings.targetChildren) {
+        std::vector<std::int32_t> pids;
+        for (const auto& [pid, description] : selected) pids.push_back(pid);
+        if (const auto family = ZBProcess::childPidsForPids(platform, pids))
+            for (const std::int32_t pid : *family) selected[pid] = std::nullopt;
+        selected.erase(getpid());  // A child of the shell that was asked for, but never a target.
+    }
+    return selected;
+}
+
+void reportUnopenable(std::int32_t pid, const std::optional<std::string>& description) {
+    if (description)
+        std::fprintf(stderr, "Unable to analyze process %s [%ld] (try as root?)\n", description->c_str(),
+                     static_cast<long>(pid));
+    else
+        std::fprintf(stderr, "Unable to analyze process with pid %ld (try as root?)\n",
+                     static_cast<long>(pid));
+}
+
+TargetMap openTargets(Platform& platform, const CommandLine& commandLine) {
+    const std::set<std::int32_t> excluded = excludedPids(platform, commandLine);
+    if (commandLine.settings.targetAll)
+        return ZBProcess::allProcessesExcludingPids(platform, excluded).value_or(TargetMap());
+    TargetMap targets;
+    for (const auto& [pid, description] : selectPids(platform, commandLine, excluded)) {
+        if (auto process = ZBProcess::processWithPid(platform, pid))
+            targets[pid] = std::move(process);
+        else
+            reportUnopenable(pid, description);
+    }
+    return targets;
+}
+
+void gatherCancellably(ZBZorbel& zorbel) {
+    const auto cancelHandler = ZBZorbel::installCancelHandler([&zorbel] {
+        zorbel.cancel();
+        std::fputs("Exiting early due to SIGINT\n", stderr);
+    });
+    zorbel.gatherData();
+}
+
+}  // namespace
+
+int run(int argc, char* const argv[], Platform& platform) {
+    CommandLine commandLine;
+    if (const auto status = parseCommandLine(argc, argv, commandLine)) return *status;
+    if (asksForMissingFeature(commandLine)) return kFailure;
+    if (!takePositionalArguments(commandLine)) return kFailure;
+    if (!checkTargets(commandLine)) return kFailure;
+
+    const RunSettings& settings = commandLine.settings;
+    if (settings.physZorbelRequested) {
+        setBreakDownPhysZorbel(platform, true);
+        breakDownPhysZorbel(platform);  // Reports now what every process would run into.
+    }
+
+    TargetMap targets = openTargets(platform, commandLine);
+    if (targets.empty()) {
+        std::fputs(
+            "Unable to find any processes matching the supplied process names or pids (try as root?)\n",
+            stderr);
+        return kFailure;
+    }
+    if (settings.skipIdleExitClean) targets = ZBProcess::removeIdleExitCleanProcessesFrom(std::move(targets));
+
+    std::vector<std::unique_ptr<ZBProcess>> processes;
+    processes.reserve(targets.size());
+    for (auto& [key, process] : targets) processes.push_back(std::move(process));
+    ZBZorbel zorbel(std::move(processes));
+    gatherCancellably(zorbel);
+
+    zorbel.addOutputFormatter(
+        std::make_shared<ZBOutputFormatterText>(platform, settings.summaryFormat, settings.outputOptions));
+    zorbel.printOutput(settings.summarize);
+    return 0;
+}
+
+}  // namespace zorbel

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <unordered_map>
+
+namespace zorbel {
+
+/// Tells by device number what kind of file system a mapped file is on, without touching the file: a file
+/// system that is served by a process or a dead server might never answer. Shared by the workers.
+class FileSystems {
+  public:
+    enum class Kind {
+        kUnknown,  ///< Nowhere mounted that we can see.
+        kMemory,   ///< Lives in memory only: pages have no file to be read from again.
+        kKernel,   ///< The kernel's own mount behind memfd, SysV and shared anonymous memory, in no list.
+        kStorage,
+    };
+
+    /// Reads the mounts of our own namespace.
+    FileSystems();
+
+    /// The kind of the file system with the device number, as far as the mounts tell that are known by now.
+    Kind kindOf(std::uint64_t device);
+
+    /// Adds the mounts that the process sees whose /proc directory is given.
+    void addMountsOf(int processDirectory);
+
+  private:
+    std::mutex _mutex;
+    std::unordered_map<std::uint64_t, Kind> _kinds;
+};
+
+}  // namespace zorbel

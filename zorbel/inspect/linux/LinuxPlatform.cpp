@@ -1,0 +1,244 @@
+#include "inspect/linux/LinuxPlatform.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <thread>
+
+#include "inspect/linux/ProcessStat.h"
+
+namespace zorbel {
+
+namespace {
+
+constexpr std::uint64_t k32BitAddressSpace = 0x100000000;
+constexpr KernReturn kErrnoBase = kernReturnFromErrno(0);
+
+/// Descriptors left free for standard streams and the like, and for each worker: it reads one file of a
+/// process at a time, or two, from a directory that it may have had to open.
+constexpr unsigned kSpareDescriptors = 32;
+constexpr unsigned kWorkerDescriptors = 4;
+
+constexpr const char* kSelfRegionZorbel = "vm.self_region_zorbel";
+
+std::string procPath(std::int32_t pid, const char* file) { return "/proc/" + std::to_string(pid) + file; }
+
+FileDescriptor openProcessDirectory(std::int32_t pid) {
+    return FileDescriptor(open(procPath(pid, "").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+bool saysGone(int error) { return error == ENOENT || error == ESRCH; }
+
+std::optional<ProcessStat> readStat(int processDirectory) {
+    const auto text = readWholeFile("stat", processDirectory);
+    return text ? parseProcessStat(*text) : std::nullopt;
+}
+
+/// Copies as much of a text as a field holds.
+template <std::size_t size>
+void copyText(char (&field)[size], const std::string& text) {
+    std::memcpy(field, text.data(), std::min(size, text.size()));
+}
+
+/// Whether the number is that of a thread other than a process's first: /proc knows those too, but lists them
+/// not.
+bool isThread(std::int32_t pid) {
+    const FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    return !process.isOpen() && (errno == EINVAL || errno == ENOENT);
+}
+
+BsdInfoRecord recordOfKernel() {
+    BsdInfoRecord record;
+    record.pbi_flags = BsdInfoRecord::kFlagSystem | BsdInfoRecord::kFlag64Bit;
+    copyText(record.pbi_comm, "kernel");
+    copyText(record.pbi_name, "kernel");
+    return record;
+}
+
+/// Raises the soft limit; returns the number from which on descriptors are not to be kept.
+int raiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlim_t spare = kSpareDescriptors + kWorkerDescriptors * std::thread::hardware_concurrency();
+    return static_cast<int>(std::clamp<rlim_t>(limit.rlim_cur, spare, INT32_MAX) - spare);
+}
+
+}  // namespace
+
+/// The /proc directory of a task, opened for as long as it is looked at where the task keeps none.
+class LinuxPlatform::TaskDirectory {
+  public:
+    explicit TaskDirectory(const Task& task) : _fd(task.directory.get()) {
+        if (_fd >= 0) return;
+        _opened = openProcessDirectory(task.pid);
+        if (!_opened.isOpen()) return;
+        const auto stat = readStat(_opened.get());
+        if (stat && stat->startTime == task.startTime) _fd = _opened.get();
+    }
+
+    /// Never AT_FDCWD and never another process's; -1 when the process is gone.
+    [[nodiscard]] int get() const { return _fd; }
+
+  private:
+    FileDescriptor _opened;
+    int _fd;
+};
+
+LinuxPlatform::LinuxPlatform() : _mostDescriptors(raiseDescriptorLimit()) {}
+LinuxPlatform::~LinuxPlatform() = default;
+
+std::uint32_t LinuxPlatform::vm_kernel_page_size() const {
+    return static_cast<std::uint32_t>(sysconf(_SC_PAGESIZE));
+}
+
+bool LinuxPlatform::proc_listallpids(std::vector<std::int32_t>& pids) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), &closedir);
+    if (!proc) return false;
+    pids = {0};
+    while (const dirent* entry = readdir(proc.get())) {
+        const char* end = entry->d_name + std::strlen(entry->d_name);
+        std::int32_t pid = 0;
+        const auto [parsed, error] = std::from_chars(entry->d_name, end, pid);
+        if (error == std::errc() && parsed == end) pids.push_back(pid);
+    }
+    std::sort(pids.begin(), pids.end());
+    return true;
+}
+
+bool LinuxPlatform::proc_pidinfo(std::int32_t pid, BsdInfoRecord& record) {
+    if (pid == 0) {
+        record = recordOfKernel();
+        return true;
+    }
+    if (isThread(pid)) return false;
+    const auto text = readWholeFile(procPath(pid, "/stat").c_str(), AT_FDCWD);
+    const auto stat = text ? parseProcessStat(*text) : std::nullopt;
+    if (!stat || (stat->flags & ProcessStat::kKernelThread) != 0) return false;
+    record = {};
+    record.pbi_pid = static_cast<std::uint32_t>(pid);
+    record.pbi_ppid = static_cast<std::uint32_t>(stat->parentPid);
+    const bool is64bit = stat->stackStart != 0 ? stat->stackStart >= k32BitAddressSpace : sizeof(void*) == 8;
+    if (is64bit) record.pbi_flags |= BsdInfoRecord::kFlag64Bit;
+    if (stat->terminal != 0) record.pbi_flags |= BsdInfoRecord::kFlagControllingTerminal;
+    copyText(record.pbi_comm, printable(stat->command, sizeof record.pbi_comm));
+    copyText(record.pbi_name, printable(stat->command, sizeof record.pbi_name));
+    return true;
+}
+
+int LinuxPlatform::proc_pidinfo(TaskName task, BsdShortInfoRecord& record) {
+    const TaskDirectory directory(_taskNamed(task));
+    if (directory.get() < 0) return ESRCH;
+    const auto text = readWholeFile("stat", directory.get());
+    if (!text) return saysGone(errno) ? ESRCH : errno;
+    const auto stat = parseProcessStat(*text);
+    if (!stat) return EIO;
+    // A process gives up its memory before it counts as a zombie, which takes a while where there is much of
+    // it.
+    const bool isEnding = stat->state == 'Z' || stat->state == 'X' || stat->state == 'x' ||
+                          (stat->flags & ProcessStat::kExiting) != 0;
+    record.pbsi_status = isEnding ? BsdShortInfoRecord::kStateZombie : BsdShortInfoRecord::kStateRunning;
+    return 0;
+}
+
+bool LinuxPlatform::sysctl_procargs(std::int32_t pid, std::string& area) {
+    // An opened process is asked itself: its pid may by now be another's.
+    const bool isOpened = !_tasks.empty() && _tasks.back().pid == pid && _tasks.back().directory.isOpen();
+    auto path = isOpened ? readLink("exe", _tasks.back().directory.get())
+                         : readLink(procPath(pid, "/exe").c_str(), AT_FDCWD);
+    if (!path) return false;
+    constexpr std::string_view kDeleted = " (deleted)";
+    if (path->ends_with(kDeleted)) path->resize(path->size() - kDeleted.size());
+    constexpr std::size_t kCountSize = 4;
+    area.assign(kCountSize, '\0');  // No arguments: the name is all that is looked for.
+    area += printable(*path);
+    area += '\0';
+    return true;
+}
+
+KernReturn LinuxPlatform::task_for_pid(std::int32_t pid, TaskName& task) {
+    task = kTaskNull;
+    Task opened;
+    opened.pid = pid;
+    opened.directory = openProcessDirectory(pid);
+    if (opened.directory.isOpen()) {
+        const FileDescriptor maps = openForReading("maps", opened.directory.get());
+        if (!maps.isOpen() && !saysGone(errno)) return kernReturnFromErrno(errno);
+        if (opened.directory.get() >= _mostDescriptors) {
+            if (const auto stat = readStat(opened.directory.get())) opened.startTime = stat->startTime;
+            opened.directory = FileDescriptor();
+        }
+    } else if (!saysGone(errno)) {
+        return kernReturnFromErrno(errno);
+    }
+    _tasks.push_back(std::move(opened));
+    task = static_cast<TaskName>(_tasks.size());
+    return kKernSuccess;
+}
+
+KernReturn LinuxPlatform::mach_vm_region_recurse(TaskName task, std::uint64_t& address, std::uint64_t& size,
+                                                 RegionInfoRecord& record) {
+    Task& opened = _taskNamed(task);
+    if (!opened.snapshot) {
+        const TaskDirectory directory(opened);
+        if (directory.get() < 0) return kMachSendInvalidDest;
+        opened.snapshot = std::make_unique<TaskSnapshot>(directory.get(), _fileSystems, _objectIds);
+    }
+    if (const SnapshotRegion* region = opened.snapshot->regionAtOrAfter(address)) {
+        address = region->start;
+        size = region->size();
+        record = region->record;
+        return kKernSuccess;
+    }
+    const KernReturn code = opened.snapshot->codeAtEnd();
+    opened.snapshot.reset();
+    return code;
+}
+
+KernReturn LinuxPlatform::mach_vm_purgable_control(TaskName /*task*/, std::uint64_t /*address*/, int& state) {
+    state = kPurgeableDeny;
+    return kKernSuccess;
+}
+
+Name LinuxPlatform::proc_regionfilename(TaskName task, std::uint64_t address) {
+    const Task& opened = _taskNamed(task);
+    if (!opened.snapshot) return {};
+    const SnapshotRegion* region = opened.snapshot->regionAtOrAfter(address);
+    return region != nullptr && region->start <= address ? region->path : Name();
+}
+
+int LinuxPlatform::sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) {
+    // The one setting there is; the kernel knows nothing of it.
+    if (std::strcmp(name, kSelfRegionZorbel) != 0) return ENOENT;
+    if (oldValue != nullptr) *oldValue = _selfRegionZorbel;
+    if (newValue != nullptr) _selfRegionZorbel = *newValue;
+    return 0;
+}
+
+std::string LinuxPlatform::mach_error_string(KernReturn code) const {
+    switch (code) {
+        case kKernSuccess:
+            return "Success";
+        case kKernInvalidAddress:
+            return "Invalid address";
+        case kMachSendInvalidDest:
+            return "Address space no longer exists";
+        default:
+            break;
+    }
+    if (code >= kErrnoBase && code < kMachSendInvalidDest) {
+        if (const char* text = strerrordesc_np(static_cast<int>(code - kErrnoBase))) return text;
+    }
+    return "Unknown error " + std::to_string(code);
+}
+
+}  // namespace zorbel

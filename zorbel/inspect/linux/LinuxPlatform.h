@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "inspect/linux/FileSystems.h"
+#include "inspect/linux/ObjectIds.h"
+#include "inspect/linux/ProcFiles.h"
+#include "inspect/linux/TaskSnapshot.h"
+#include "inspect/platform/Platform.h"
+
+namespace zorbel {
+
+/// The machine we run on, as /proc shows it.
+class LinuxPlatform final : public Platform {
+  public:
+    /// Raises the soft limit of open files to the hard one: every target holds a descriptor.
+    LinuxPlatform();
+    ~LinuxPlatform() override;
+
+    [[nodiscard]] std::uint32_t vm_kernel_page_size() const override;
+
+    /// Pid 0, which stands for the kernel, and the entries of /proc in ascending order. Kernel threads are
+    /// among them but have no record.
+    bool proc_listallpids(std::vector<std::int32_t>& pids) override;
+    /// From /proc/PID/stat.
+    bool proc_pidinfo(std::int32_t pid, BsdInfoRecord& record) override;
+    /// From /proc/PID/stat.
+    int proc_pidinfo(TaskName task, BsdShortInfoRecord& record) override;
+    /// The path only, from /proc/PID/exe.
+    bool sysctl_procargs(std::int32_t pid, std::string& area) override;
+
+    /// Succeeds when the process's maps can be opened, and for a process that has just exited too: its walk
+    /// will say so. Otherwise an errno's code.
+    KernReturn task_for_pid(std::int32_t pid, TaskName& task) override;
+
+    /// From a snapshot of /proc/PID/smaps, taken at the first look-up and given back at the end of the walk,
+    /// when a look-up finds nothing more.
+    KernReturn mach_vm_region_recurse(TaskName task, std::uint64_t& address, std::uint64_t& size,
+                                      RegionInfoRecord& record) override;
+    /// Linux has no purgeable memory.
+    KernReturn mach_vm_purgable_control(TaskName task, std::uint64_t address, int& state) override;
+    Name proc_regionfilename(TaskName task, std::uint64_t address) override;
+
+    int sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) override;
+    [[nodiscard]] std::string mach_error_string(KernReturn code) const override;
+
+  private:
+    /// An opened process. Where descriptors are short it has none of its own: its start time tells then
+    /// whether the process with its pid is still the same.
+    struct Task {
+        std::int32_t pid = 0;
+        std::uint64_t startTime = 0;
+        FileDescriptor directory;
+        std::unique_ptr<TaskSnapshot> snapshot;
+    };
+    class TaskDirectory;
+
+    Task& _taskNamed(TaskName task) { return _tasks[task - 1]; }
+
+    FileSystems _fileSystems;
+    ObjectIds _objectIds;
+    /// Grows only while processes are opened, before any of them is gathered.
+    std::deque<Task> _tasks;
+    /// Descriptors from this number on are not kept.
+    int _mostDescriptors = 0;
+    std::int32_t _selfRegionZorbel = 0;
+};
+
+}  // namespace zorbel

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace zorbel {
+
+/// An open file descriptor, closed with the object.
+class FileDescriptor {
+  public:
+    explicit FileDescriptor(int fd = -1) : _fd(fd) {}
+    FileDescriptor(FileDescriptor&& other) noexcept : _fd(std::exchange(other._fd, -1)) {}
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+        std::swap(_fd, other._fd);
+        return *this;
+    }
+    ~FileDescriptor();
+
+    [[nodiscard]] int get() const { return _fd; }
+    [[nodiscard]] bool isOpen() const { return _fd >= 0; }
+
+  private:
+    int _fd;
+};
+
+/// Opens a file for reading, relative to a directory where one is given. On failure errno tells why.
+FileDescriptor openForReading(const char* path, int directory);
+
+/// Reads as read() does, through interruptions.
+std::ptrdiff_t readSome(int fd, char* buffer, std::size_t size);
+
+/// The whole of a file; nothing on failure, for which errno tells why.
+std::optional<std::string> readWholeFile(const char* path, int directory);
+
+/// The target of a symbolic link; nothing on failure, for which errno tells why.
+std::optional<std::string> readLink(const char* path, int directory);
+
+/// A text from a process, safe to print on a terminal: control characters and bytes that are not UTF-8 become
+/// \xNN.
+/// What does not fit into the given number of bytes is cut off, between two characters.
+std::string printable(std::string_view text, std::size_t mostBytes = std::string::npos);
+
+/// Reads an unsigned number and moves behind it; nothing when there is no digit. Fields behind single blanks
+/// are what the files under /proc are made of.
+std::optional<unsigned long long> takeNumber(std::string_view& text, int base = 10);
+
+}  // namespace zorbel

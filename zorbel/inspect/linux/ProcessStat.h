@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace zorbel {
+
+/// What we need of a /proc/PID/stat.
+struct ProcessStat {
+    // PF_KTHREAD and PF_EXITING of <linux/sched.h>.
+    static constexpr std::uint32_t kKernelThread = 0x00200000;
+    static constexpr std::uint32_t kExiting = 0x00000004;
+
+    std::string command;  ///< At most 15 bytes, as the process chose them.
+    char state = '\0';
+    std::int32_t parentPid = 0;
+    std::int32_t terminal = 0;     ///< Device number of the controlling terminal, 0 for none.
+    std::uint32_t flags = 0;       ///< PF_ bits.
+    std::uint64_t startTime = 0;   ///< Clock ticks since boot; tells two processes of one pid apart.
+    std::uint64_t stackStart = 0;  ///< Address, 0 where we may not see it.
+};
+
+/// Takes the text of a stat file apart; nothing when it is not one.
+std::optional<ProcessStat> parseProcessStat(std::string_view text);
+
+}  // namespace zorbel

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string_view>
+
+namespace zorbel {
+
+/// One entry of a /proc/PID/smaps. Sizes are in KiB, as the kernel prints them.
+struct SmapsEntry {
+    // Of VmFlags.
+    static constexpr std::uint32_t kMayRead = 0x1;        ///< mr
+    static constexpr std::uint32_t kMayWrite = 0x2;       ///< mw
+    static constexpr std::uint32_t kMayExecute = 0x4;     ///< me
+    static constexpr std::uint32_t kLocked = 0x8;         ///< lo
+    static constexpr std::uint32_t kHugePages = 0x10;     ///< ht: of hugetlbfs
+    static constexpr std::uint32_t kDeviceMemory = 0x20;  ///< io or pf: no pages of the system's
+
+    // Of the permissions, which are the protection's numbers.
+    static constexpr std::uint8_t kRead = 0x1;
+    static constexpr std::uint8_t kWrite = 0x2;
+    static constexpr std::uint8_t kExecute = 0x4;
+
+    std::uint64_t start = 0;
+    std::uint64_t end = 0;
+    std::uint64_t offset = 0;  ///< Bytes into the file.
+    std::uint64_t device = 0;  ///< As makedev() makes it.
+    std::uint64_t inode = 0;
+    std::uint8_t permissions = 0;
+    bool isShared = false;  ///< MAP_SHARED.
+    std::uint32_t flags = 0;
+    /// As the kernel prints it, empty for plain anonymous memory. Points into the text that was parsed.
+    std::string_view path;
+
+    std::uint64_t resident = 0;
+    std::uint64_t sharedDirty = 0;
+    std::uint64_t privateDirty = 0;
+    std::uint64_t anonymous = 0;  ///< Resident pages that are no file's.
+    std::uint64_t lazyFree = 0;
+    std::uint64_t sharedHugetlb = 0;
+    std::uint64_t privateHugetlb = 0;
+    std::uint64_t swap = 0;
+
+    [[nodiscard]] std::uint64_t size() const { return end - start; }
+    [[nodiscard]] std::uint64_t hugetlb() const { return sharedHugetlb + privateHugetlb; }
+};
+
+/// Calls the consumer for each entry of a piece of an smaps and returns the number of bytes that those took.
+/// An entry that is cut off is left for the next call, when more of the text is there; with atEnd no more
+/// comes. Lines that can't be read are passed over.
+std::size_t parseSmaps(std::string_view text, bool atEnd,
+                       const std::function<void(const SmapsEntry&)>& consume);
+
+}  // namespace zorbel

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "inspect/linux/FileSystems.h"
+#include "inspect/linux/ObjectIds.h"
+#include "inspect/linux/Smaps.h"
+#include "inspect/linux/SnapshotRegion.h"
+#include "inspect/platform/Platform.h"
+
+namespace zorbel {
+
+/// The regions of a process as one reading of its smaps shows them, in ascending order and disjoint.
+class TaskSnapshot {
+  public:
+    /// Reads the smaps of the process whose /proc directory is given. An address space that goes away
+    /// meanwhile is read anew, since the process may have replaced it by exec.
+    TaskSnapshot(int processDirectory, FileSystems& fileSystems, ObjectIds& objectIds);
+
+    /// The first region that ends above the address, or null.
+    [[nodiscard]] const SnapshotRegion* regionAtOrAfter(std::uint64_t address) const;
+
+    /// What a look-up behind the last region answers: kKernInvalidAddress when all regions were read,
+    /// kMachSendInvalidDest when the process exited before, an errno's code when it could not be read.
+    [[nodiscard]] KernReturn codeAtEnd() const { return _codeAtEnd; }
+
+  private:
+    KernReturn _read(int processDirectory, const char* path);
+    void _readThroughOtherThreads(int processDirectory);
+    void _addEntry(const SmapsEntry& entry, int processDirectory);
+    void _lookAtFile(const SmapsEntry& entry, int processDirectory);
+    [[nodiscard]] FileSystems::Kind _kindOfFileSystem(const SmapsEntry& entry, int processDirectory);
+
+    FileSystems& _fileSystems;
+    ObjectIds& _objectIds;
+    std::vector<SnapshotRegion> _regions;
+    KernReturn _codeAtEnd = kKernInvalidAddress;
+    mutable std::size_t _lastFound = 0;
+    bool _knowsMounts = false;
+
+    /// What was found out about the file of the last entry that has one. A file's regions follow each other,
+    /// so mostly it is the file of the next one too.
+    struct {
+        FileIdentity identity;
+        FileSystems::Kind fileSystem = FileSystems::Kind::kUnknown;
+        std::uint32_t objectId = 0;
+        std::string rawPath;
+        Name path;
+    } _file;
+};
+
+}  // namespace zorbel

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "inspect/platform/Records.h"
+#include "model/Name.h"
+
+namespace zorbel {
+
+/// A kernel return code. Codes from 0xC000 on are errno values, offset by that number.
+using KernReturn = std::uint32_t;
+inline constexpr KernReturn kKernSuccess = 0;
+inline constexpr KernReturn kKernInvalidAddress = 1;  ///< A look-up found nothing at or after the address.
+inline constexpr KernReturn kMachSendInvalidDest = 0x10000003;  ///< The task no longer has an address space.
+
+constexpr KernReturn kernReturnFromErrno(int error) { return 0xC000 + static_cast<KernReturn>(error); }
+
+/// A handle on the address space of one process, good for as long as the platform object lives and for that
+/// one process only: a later process with the same pid is never taken for it.
+using TaskName = std::uint32_t;
+inline constexpr TaskName kTaskNull = 0;
+
+/// Everything that the inspectors ask of a machine, in the terms of the kernel calls that they are written
+/// against.
+///
+/// Calls that take a pid, and task_for_pid, are made from one thread. Calls that take a task are made from
+/// the worker that gathers that task, several workers at once for different tasks.
+class Platform {
+  public:
+    Platform() = default;
+    Platform(const Platform&) = delete;
+    Platform& operator=(const Platform&) = delete;
+    virtual ~Platform() = default;
+
+    /// Page size of the kernel in bytes; a power of two.
+    [[nodiscard]] virtual std::uint32_t vm_kernel_page_size() const = 0;
+
+    /// All pids of the system, in the order in which names are resolved. False when the list can't be had.
+    virtual bool proc_listallpids(std::vector<std::int32_t>& pids) = 0;
+
+    /// The record of a process. False when there is none or it can't be read.
+    virtual bool proc_pidinfo(std::int32_t pid, BsdInfoRecord& record) = 0;
+
+    /// The short record of the process that the task stands for. 0, or an errno: ESRCH once it is gone.
+    virtual int proc_pidinfo(TaskName task, BsdShortInfoRecord& record) = 0;
+
+    /// The saved argument area of a process: a 4-byte count, the executable's path, padding zeros, arguments.
+    /// As much of it as the platform cares to give, up to the path's terminator at least. False when it can't
+    /// be read.
+    virtual bool sysctl_procargs(std::int32_t pid, std::string& area) = 0;
+
+    /// Opens a process. The handle is kTaskNull unless kKernSuccess is returned.
+    virtual KernReturn task_for_pid(std::int32_t pid, TaskName& task) = 0;
+
+    /// The first leaf region that ends above the address. The address moves to the region's start, which may
+    /// be below it. kKernInvalidAddress when there is none, kMachSendInvalidDest when the process has exited.
+    virtual KernReturn mach_vm_region_recurse(TaskName task, std::uint64_t& address, std::uint64_t& size,
+                                              RegionInfoRecord& record) = 0;
+
+    /// The purgeable state of the region at an address.
+    virtual KernReturn mach_vm_purgable_control(TaskName task, std::uint64_t address, int& state) = 0;
+
+    /// Path of the file mapped at an address, fit to be printed; absent when there is none.
+    virtual Name proc_regionfilename(TaskName task, std::uint64_t address) = 0;
+
+    /// Reads or sets, where newValue is given, an integer setting of the tool's own process. 0 or an errno,
+    /// ENOENT when the system has no such setting.
+    virtual int sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) = 0;
+
+    /// The system's text for a return code.
+    [[nodiscard]] virtual std::string mach_error_string(KernReturn code) const = 0;
+
+    /// Prints the prefix and the text of the code on standard error, at once.
+    void mach_error(const char* prefix, KernReturn code) const;
+};
+
+}  // namespace zorbel

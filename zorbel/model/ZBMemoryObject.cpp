@@ -1,0 +1,122 @@
+#include "model/ZBMemoryObject.h"
+
+#include <algorithm>
+
+namespace zorbel {
+
+namespace {
+
+SizeCounts countsOf(const ZBMemoryRegion& region) {
+    return {.clean = region.cleanNonSpecSize(),
+            .dirty = region.dirtySize(),
+            .swapped = region.swappedSize(),
+            .reclaimable = region.reclaimableSize(),
+            .wired = region.wiredSize()};
+}
+
+RangeNode nodeOf(const ZBMemoryRegion& region) { return {region.offset(), region.size(), countsOf(region)}; }
+
+}  // namespace
+
+void ZBMemoryObject::addRegion(ZBMemoryRegion& region, std::uint32_t pageSize) {
+    _accurateSizes = false;
+    if (!_name.isPresent()) _name = region.name();
+    if (_memoryRegions.empty()) _firstPageSize = pageSize;
+    if (pageSize != _firstPageSize && !_pageSizes)
+        _pageSizes = std::make_unique<std::vector<std::uint32_t>>(_memoryRegions.size(), _firstPageSize);
+    if (_pageSizes) _pageSizes->push_back(pageSize);
+    _memoryRegions.push_back(&region);
+}
+
+std::uint32_t ZBMemoryObject::_pageSizeOfRegion(std::size_t index) const {
+    return _pageSizes ? (*_pageSizes)[index] : _firstPageSize;
+}
+
+void ZBMemoryObject::calculateSizes() {
+    if (_accurateSizes) return;
+    _totals = {};
+    _accurateSizes = true;
+    if (_memoryRegions.size() > 1) return _foldRegions();
+    // Almost every object has one region, and there is nothing to fold.
+    for (const ZBMemoryRegion* region : _memoryRegions)
+        if (region->object_id() != 0) _totals += countsOf(*region);
+}
+
+/// Splits the regions into runs of ranges that meet, and adds up the runs.
+void ZBMemoryObject::_foldRegions() {
+    // Ranges that are a page apart at the largest page size never meet at a smaller one.
+    const std::uint64_t page =
+        _pageSizes ? *std::max_element(_pageSizes->begin(), _pageSizes->end()) : _firstPageSize;
+    boost::container::small_vector<Span, 8> spans;
+    spans.reserve(_memoryRegions.size());
+    for (std::size_t i = 0; i < _memoryRegions.size(); ++i) {
+        const ZBMemoryRegion& region = *_memoryRegions[i];
+        if (region.object_id() != 0)
+            spans.push_back(
+                {region.offset(), nodeOf(region).roundedEnd(page), static_cast<std::uint32_t>(i)});
+    }
+    const auto byOffset = [](const Span& a, const Span& b) {
+        return a.offset != b.offset ? a.offset < b.offset : a.index < b.index;
+    };
+    if (!std::is_sorted(spans.begin(), spans.end(), byOffset))
+        std::sort(spans.begin(), spans.end(), byOffset);
+
+    for (auto first = spans.begin(); first != spans.end();) {
+        std::uint64_t end = first->roundedEnd;
+        bool overlap = false;
+        auto last = first + 1;
+        for (; last != spans.end(); ++last) {
+            const std::uint64_t start = last->offset & ~(page - 1);
+            if (start > end) break;
+            overlap = overlap || start < end;
+            end = std::max(end, last->roundedEnd);
+        }
+        if (overlap) {
+            _foldRun({first, last});
+        } else {  // Ranges that at most touch have no page in common: their counts add up in any order.
+            for (; first != last; ++first) _totals += countsOf(*_memoryRegions[first->index]);
+        }
+        first = last;
+    }
+}
+
+/// Adds up a run of ranges, some of which overlap. They come in order of offset and fold in the order in
+/// which they were added. So each range needs to know its neighbour on the left among those that were added
+/// before it; taking the ranges out of a linked list of all of them, last one first, tells.
+void ZBMemoryObject::_foldRun(std::span<const Span> run) {
+    constexpr std::uint32_t kNone = 0xFFFFFFFF;
+    struct Arrival {
+        std::uint32_t index;
+        std::uint32_t place;  // In the run.
+    };
+    struct Neighbours {
+        std::uint32_t left;
+        std::uint32_t right;
+    };
+    const auto count = static_cast<std::uint32_t>(run.size());
+    std::vector<Arrival> arrivals(count);
+    std::vector<Neighbours> neighbours(count);
+    for (std::uint32_t place = 0; place < count; ++place) {
+        arrivals[place] = {run[place].index, place};
+        neighbours[place] = {place == 0 ? kNone : place - 1, place + 1 == count ? kNone : place + 1};
+    }
+    std::sort(arrivals.begin(), arrivals.end(),
+              [](const Arrival& a, const Arrival& b) { return a.index < b.index; });
+    for (auto arrival = arrivals.rbegin(); arrival != arrivals.rend(); ++arrival) {
+        const auto [left, right] = neighbours[arrival->place];
+        if (left != kNone) neighbours[left].right = right;
+        if (right != kNone) neighbours[right].left = left;
+    }
+
+    RangeList list;
+    for (const auto [index, place] : arrivals) {
+        const std::uint32_t left = neighbours[place].left;
+        const RangeList::Position leftPosition = left == kNone ? RangeList::kNone : neighbours[left].right;
+        // The right neighbour is of no more use: its place keeps where in the list the range went.
+        neighbours[place].right =
+            list.fold(nodeOf(*_memoryRegions[index]), _pageSizeOfRegion(index), leftPosition);
+    }
+    _totals += list.total();
+}
+
+}  // namespace zorbel

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "aggregate/SizeTotals.h"
+#include "aggregate/ZBZorbel.h"
+#include "inspect/ZBProcess.h"
+
+namespace zorbel {
+
+/// Renders a report. The coordinator calls a formatter in this order: for each process, largest zorbel first,
+/// the header pair with the total between (no total when the process has errors), then, for a process without
+/// errors, its own categories, one call for each group that it shares memory with, and its auxiliary data;
+/// after all processes the warnings and errors, the summary, the merged auxiliary data, and `end`, once.
+///
+/// Sizes are bytes. Sorted keys give the order of the categories. What is passed is only lent for the call.
+class ZBOutputFormatter {
+  public:
+    ZBOutputFormatter() = default;
+    ZBOutputFormatter(const ZBOutputFormatter&) = delete;
+    ZBOutputFormatter& operator=(const ZBOutputFormatter&) = delete;
+    virtual ~ZBOutputFormatter() = default;
+
+    virtual void printProcessHeader(const ZBProcess& process) = 0;
+    virtual void endProcessHeader(const ZBProcess& process) = 0;
+    virtual void printProcessTotal(std::uint64_t zorbel, const ZBProcess& process) = 0;
+    virtual void printProcessCategories(const Categories& categories, const std::vector<Name>& sortedKeys,
+                                        const SizeTotals& total) = 0;
+    /// The data may be absent (null).
+    virtual void printProcessAuxData(const ZBAuxDataDictionary* auxData) = 0;
+    virtual void printProcessesWithWarnings(const std::vector<const ZBProcess*>& processesWithWarnings,
+                                            const std::vector<const ZBProcess*>& processesWithErrors,
+                                            const std::vector<std::string>& globalErrors) = 0;
+    virtual void printSummaryCategories(const Categories& categories, const std::vector<Name>& sortedKeys,
+                                        const SizeTotals& total, bool hadErrors) = 0;
+    /// The data may be absent (null).
+    virtual void printGlobalAuxData(const ZBAuxDataDictionary* auxData) = 0;
+    virtual void end() = 0;
+
+    /// What the process shares with exactly the other members of the group. A formatter that shows no sharing
+    /// leaves this as it is.
+    virtual void printSharedCategories(const Categories& /*categories*/,
+                                       const std::vector<Name>& /*sortedKeys*/,
+                                       const ProcessGroup& /*sharedWith*/, const ZBProcess& /*process*/,
+                                       const SizeTotals& /*total*/) {}
+};
+
+}  // namespace zorbel

@@ -1,0 +1,219 @@
+#include "report/ZBOutputFormatterText.h"
+
+#include <bsd/stdlib.h>
+
+#include <array>
+#include <cinttypes>
+
+#include "inspect/BreakDownMode.h"
+
+namespace zorbel {
+
+namespace {
+
+struct ColumnWidths {
+    int dirty;
+    int swapped;
+    int clean;
+    int reclaimable;
+    int wired;
+};
+
+constexpr ColumnWidths kFormattedWidths = {7, 11, 11, 13, 11};
+constexpr ColumnWidths kExactWidths = {11, 14, 14, 14, 14};
+
+/// Room for the longest scaled size, such as "1024 MB", and its terminator.
+constexpr std::size_t kHumanizedSize = 8;
+
+/// A larger group is told by its number of members only.
+constexpr std::size_t kMostMembersNamed = 20;
+
+constexpr const char* kRule = "==========";
+constexpr const char* kDashes = "---";
+
+SizeTotals sizesOf(const ZBMemoryCategory& category) {
+    return {category.totalDirtySize(), category.totalSwappedSize(),
+            category.totalCleanSize(), category.totalReclaimableSize(),
+            category.totalWiredSize(), static_cast<std::uint32_t>(category.totalRegions())};
+}
+
+}  // namespace
+
+std::string ZBOutputFormatterText::formattedStringForSize(std::uint64_t size) const {
+    switch (_summaryFormat) {
+        case SummaryFormat::kBytes:
+            return std::to_string(static_cast<std::int64_t>(size)) + " B";
+        case SummaryFormat::kPages: {
+            const std::uint64_t page = _pageSize == 0 ? 1 : _pageSize;
+            return std::to_string((size + page - 1) / page) + " pages";
+        }
+        case SummaryFormat::kFormatted:
+            break;
+    }
+    std::array<char, kHumanizedSize> text{};
+    humanize_number(text.data(), text.size(), static_cast<std::int64_t>(size), "B", HN_AUTOSCALE, 0);
+    return text.data();
+}
+
+void ZBOutputFormatterText::_printSeparator(const char* lineEnd) {
+    const char* swapped = _shows(kShowSwapped) ? kRule : "";
+    const char* wired = _shows(kShowWired) ? kRule : "";
+    std::fprintf(_output, "%s%s%s%s%s%s%s%s%s%s", kRule, kRule, kRule, swapped, kRule, kRule, kRule, wired,
+                 kRule, lineEnd);
+}
+
+void ZBOutputFormatterText::_printWordRow(const char* dirty, const char* swapped, const char* clean,
+                                          const char* reclaimable, const char* wired, const char* regions,
+                                          const char* category) {
+    const ColumnWidths& widths =
+        _summaryFormat == SummaryFormat::kFormatted ? kFormattedWidths : kExactWidths;
+    const bool showsSwapped = _shows(kShowSwapped);
+    const bool showsWired = _shows(kShowWired);
+    std::fprintf(_output, "%*s%*s%*s%*s%*s %10s    %s\n", widths.dirty, dirty,
+                 showsSwapped ? widths.swapped : 0, showsSwapped ? swapped : "", widths.clean, clean,
+                 widths.reclaimable, reclaimable, showsWired ? widths.wired : 0, showsWired ? wired : "",
+                 regions, category);
+}
+
+void ZBOutputFormatterText::_printDashes() {
+    _printWordRow(kDashes, kDashes, kDashes, kDashes, kDashes, kDashes, kDashes);
+}
+
+void ZBOutputFormatterText::_printSizeRow(const SizeTotals& sizes, const char* category) {
+    const auto textIfShown = [this](OutputOptions option, std::uint64_t size) {
+        return _shows(option) ? formattedStringForSize(size) : std::string();
+    };
+    // "Dirty" is all that the process is charged for: what was dirty stays so in swap.
+    _printWordRow(formattedStringForSize(sizes.totalDirtySize + sizes.totalSwappedSize).c_str(),
+                  textIfShown(kShowSwapped, sizes.totalSwappedSize).c_str(),
+                  formattedStringForSize(sizes.totalCleanSize).c_str(),
+                  formattedStringForSize(sizes.totalReclaimableSize).c_str(),
+                  textIfShown(kShowWired, sizes.totalWiredSize).c_str(),
+                  std::to_string(static_cast<std::int32_t>(sizes.totalRegions)).c_str(), category);
+}
+
+void ZBOutputFormatterText::_printTable(const Categories& categories, const std::vector<Name>& sortedKeys,
+                                        const SizeTotals& total) {
+    _printWordRow("Dirty", "(Swapped)", "Clean", "Reclaimable", "(Wired)", "Regions", "Category");
+    _printDashes();
+    for (const Name key : sortedKeys) _printSizeRow(sizesOf(*categories.at(key)), key.c_str());
+    _printDashes();
+    _printSizeRow(total, "TOTAL");
+}
+
+void ZBOutputFormatterText::printProcessHeader(const ZBProcess& process) {
+    ++_processCount;
+    _pageSize = process.pageSize();
+    _printSeparator("\n");
+    // The line stays open for the total or a block of messages.
+    std::fprintf(_output, "%s: %s-bit", process.displayString().c_str(), process.is64bit() ? "64" : "32");
+    if (!process.warnings().empty())
+        std::fputs("\nWarnings were encountered while examining the process.\n", _output);
+    for (const std::string& warning : process.warnings()) std::fprintf(_output, "\t%s\n", warning.c_str());
+    if (!process.errors().empty())
+        std::fputs("\nErrors were encountered while examining the process. No results gathered.\n", _output);
+    for (const std::string& error : process.errors()) std::fprintf(_output, "\t%s\n", error.c_str());
+}
+
+void ZBOutputFormatterText::endProcessHeader(const ZBProcess& /*process*/) { _printSeparator("\n\n"); }
+
+void ZBOutputFormatterText::printProcessTotal(std::uint64_t zorbel, const ZBProcess& process) {
+    std::fprintf(_output, "\tZorbel: %s (%" PRIu32 " bytes per page)\n",
+                 formattedStringForSize(zorbel).c_str(), process.pageSize());
+}
+
+void ZBOutputFormatterText::printProcessCategories(const Categories& categories,
+                                                   const std::vector<Name>& sortedKeys,
+                                                   const SizeTotals& total) {
+    _printTable(categories, sortedKeys, total);
+    std::fputs("\n", _output);
+}
+
+void ZBOutputFormatterText::printSharedCategories(const Categories& categories,
+                                                  const std::vector<Name>& sortedKeys,
+                                                  const ProcessGroup& sharedWith, const ZBProcess& process,
+                                                  const SizeTotals& total) {
+    if (sharedWith.size() > kMostMembersNamed) {
+        std::fprintf(_output, "Shared with %zu processes:\n", sharedWith.size());
+    } else {
+        const char* separator = "Shared with";
+        for (const ZBProcess* member : sharedWith.members()) {
+            if (*member == process) continue;
+            std::fprintf(_output, "%s %s", separator, member->displayString().c_str());
+            separator = ",";
+        }
+        std::fputs(":\n", _output);
+    }
+    _printTable(categories, sortedKeys, total);
+    std::fputs("\n", _output);
+}
+
+void ZBOutputFormatterText::printProcessAuxData(const ZBAuxDataDictionary* auxData) {
+    _printAuxBlock(auxData);
+}
+
+void ZBOutputFormatterText::printGlobalAuxData(const ZBAuxDataDictionary* auxData) {
+    if (_processCount == 1) return;
+    std::fputs("\n", _output);
+    _printAuxBlock(auxData);
+}
+
+void ZBOutputFormatterText::_printAuxBlock(const ZBAuxDataDictionary* auxData) {
+    if (auxData == nullptr) return;
+    std::fputs("Auxiliary data:\n", _output);
+    _printAuxData(*auxData, 1);
+    std::fputs("\n", _output);
+}
+
+void ZBOutputFormatterText::_printAuxData(const ZBAuxDataDictionary& auxData, unsigned indent) {
+    for (const auto& [label, datum] : auxData.entries()) {
+        for (unsigned tab = 0; tab < indent; ++tab) std::fputc('\t', _output);
+        if (datum->isContainer()) {
+            std::fprintf(_output, "%s:\n", label.c_str());
+            _printAuxData(static_cast<const ZBAuxDataDictionary&>(*datum), indent + 1);
+        } else {
+            const auto value = static_cast<const ZBAuxData&>(*datum).value();
+            std::fprintf(_output, "%s: %s\n", label.c_str(),
+                         formattedStringForSize(static_cast<std::uint64_t>(value)).c_str());
+        }
+    }
+}
+
+void ZBOutputFormatterText::_printNames(const char* title, const std::vector<const ZBProcess*>& processes) {
+    if (processes.empty()) return;
+    std::fputs(title, _output);
+    for (const ZBProcess* process : processes) std::fprintf(_output, "\t%s\n", process->name().c_str());
+}
+
+void ZBOutputFormatterText::printProcessesWithWarnings(
+    const std::vector<const ZBProcess*>& processesWithWarnings,
+    const std::vector<const ZBProcess*>& processesWithErrors, const std::vector<std::string>& globalErrors) {
+    _printNames("\nWarnings were encountered while examining the following processes:\n",
+                processesWithWarnings);
+    _printNames("\nErrors were encountered while examining the following processes:\n", processesWithErrors);
+    if (!globalErrors.empty()) std::fputs("\nErrors were encountered:\n", _output);
+    for (const std::string& error : globalErrors) std::fprintf(_output, "\t%s\n", error.c_str());
+    if (!processesWithErrors.empty() || !globalErrors.empty())
+        std::fputs("\nDue to errors, summary results may be invalid\n", _output);
+}
+
+void ZBOutputFormatterText::_printPhysZorbelBreakdownEnabled() {
+    if (breakDownPhysZorbel(_platform)) std::fputs("Physical Zorbel Breakdown: Enabled\n", _output);
+}
+
+void ZBOutputFormatterText::printSummaryCategories(const Categories& categories,
+                                                   const std::vector<Name>& sortedKeys,
+                                                   const SizeTotals& total, bool hadErrors) {
+    _printPhysZorbelBreakdownEnabled();
+    if (_processCount == 1) return;
+    _printSeparator("\n");
+    std::fprintf(_output, "Summary Zorbel: %s%s\n",
+                 formattedStringForSize(total.totalDirtySize + total.totalSwappedSize).c_str(),
+                 hadErrors ? " (may be invalid due to errors)" : "");
+    _printSeparator("\n\n");
+    _printTable(categories, sortedKeys, total);
+}
+
+void ZBOutputFormatterText::end() { std::fflush(_output); }
+
+}  // namespace zorbel

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstdio>
+
+#include "report/OutputFormat.h"
+#include "report/ZBOutputFormatter.h"
+
+namespace zorbel {
+
+/// The report for people, written straight to a stream. Write errors of the stream are ignored.
+class ZBOutputFormatterText final : public ZBOutputFormatter {
+  public:
+    /// The stream is lent and must outlive the formatter.
+    ZBOutputFormatterText(Platform& platform, SummaryFormat format, OutputOptions options,
+                          std::FILE* output = stdout)
+        : _platform(platform), _summaryFormat(format), _options(options), _output(output) {}
+
+    void printProcessHeader(const ZBProcess& process) override;
+    void endProcessHeader(const ZBProcess& process) override;
+    void printProcessTotal(std::uint64_t zorbel, const ZBProcess& process) override;
+    void printProcessCategories(const Categories& categories, const std::vector<Name>& sortedKeys,
+                                const SizeTotals& total) override;
+    void printProcessAuxData(const ZBAuxDataDictionary* auxData) override;
+    void printProcessesWithWarnings(const std::vector<const ZBProcess*>& processesWithWarnings,
+                                    const std::vector<const ZBProcess*>& processesWithErrors,
+                                    const std::vector<std::string>& globalErrors) override;
+    void printSummaryCategories(const Categories& categories, const std::vector<Name>& sortedKeys,
+                                const SizeTotals& total, bool hadErrors) override;
+    void printGlobalAuxData(const ZBAuxDataDictionary* auxData) override;
+    void end() override;
+    void printSharedCategories(const Categories& categories, const std::vector<Name>& sortedKeys,
+                               const ProcessGroup& sharedWith, const ZBProcess& process,
+                               const SizeTotals& total) override;
+
+    /// The size, in bytes, in the chosen style. Pages are those of the process whose header was printed last.
+    [[nodiscard]] std::string formattedStringForSize(std::uint64_t size) const;
+
+  private:
+    [[nodiscard]] bool _shows(OutputOptions option) const { return (_options & option) != 0; }
+    void _printSeparator(const char* lineEnd);
+    /// A line of one word for each size column, empty where the column is not shown.
+    void _printWordRow(const char* dirty, const char* swapped, const char* clean, const char* reclaimable,
+                       const char* wired, const char* regions, const char* category);
+    void _printDashes();
+    void _printSizeRow(const SizeTotals& sizes, const char* category);
+    void _printTable(const Categories& categories, const std::vector<Name>& sortedKeys,
+                     const SizeTotals& total);
+    void _printNames(const char* title, const std::vector<const ZBProcess*>& processes);
+    void _printAuxData(const ZBAuxDataDictionary& auxData, unsigned indent);
+    void _printAuxBlock(const ZBAuxDataDictionary* auxData);
+    void _printPhysZorbelBreakdownEnabled();
+
+    Platform& _platform;
+    std::int32_t _processCount = 0;
+    std::uint32_t _pageSize = 0;
+    SummaryFormat _summaryFormat;
+    OutputOptions _options;
+    std::FILE* _output;
+};
+
+}  // namespace zorbel

@@ -1,0 +1,109 @@
+// The sequence of calls that every formatter gets.
+
+#include <algorithm>
+#include <unordered_map>
+
+#include "aggregate/ZBZorbel.h"
+#include "report/ZBOutputFormatter.h"
+
+namespace zorbel {
+
+/// What is printed of one group.
+struct ZBZorbel::GroupSummary {
+    GroupSummary(const std::vector<ZBMemoryObject*>& objects, bool summarize)
+        : categories(_summarizedCategoriesForCategories(_categoriesForObjects(objects), summarize, total)),
+          sortedKeys(_sortedKeysForCategories(categories)) {}
+
+    [[nodiscard]] std::uint64_t chargedSize() const { return total.totalDirtySize + total.totalSwappedSize; }
+
+    SizeTotals total;
+    Categories categories;
+    std::vector<Name> sortedKeys;
+};
+
+/// The summaries of all groups. A group is printed once for each of its members but summed up only once.
+class ZBZorbel::GroupSummaries {
+  public:
+    struct Entry {
+        const ProcessGroup* group;
+        const GroupSummary* summary;
+    };
+
+    GroupSummaries(const ZBZorbelSharingData& sharing, bool summarize) : _sharing(sharing) {
+        for (const auto& [group, objects] : sharing.processGroupToObjects())
+            _summaries.try_emplace(&group, objects, summarize);
+    }
+
+    /// The groups of a process: itself alone first, then by descending dirty + swapped size, then by pids.
+    [[nodiscard]] std::vector<Entry> groupsOfPid(std::int32_t pid) const {
+        std::vector<Entry> entries;
+        const auto found = _sharing.processToProcessGroups().find(pid);
+        if (found == _sharing.processToProcessGroups().end()) return entries;
+        for (const ProcessGroup* group : found->second) entries.push_back({group, &_summaries.at(group)});
+        std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+            const bool aIsAlone = a.group->size() == 1;
+            const bool bIsAlone = b.group->size() == 1;
+            if (aIsAlone != bIsAlone) return aIsAlone;
+            if (a.summary->chargedSize() != b.summary->chargedSize())
+                return a.summary->chargedSize() > b.summary->chargedSize();
+            return *a.group < *b.group;
+        });
+        return entries;
+    }
+
+  private:
+    const ZBZorbelSharingData& _sharing;
+    std::unordered_map<const ProcessGroup*, GroupSummary> _summaries;
+};
+
+void ZBZorbel::_printProcess(const ZBProcess& process, const GroupSummaries& summaries) {
+    for (const auto& formatter : _outputFormatters) {
+        formatter->printProcessHeader(process);
+        if (process.errors().empty()) formatter->printProcessTotal(_zorbelOfPid(process.pid()), process);
+        formatter->endProcessHeader(process);
+    }
+    if (!process.errors().empty()) return;
+    for (const auto& [group, summary] : summaries.groupsOfPid(process.pid()))
+        for (const auto& formatter : _outputFormatters) {
+            if (group->size() == 1)
+                formatter->printProcessCategories(summary->categories, summary->sortedKeys, summary->total);
+            else
+                formatter->printSharedCategories(summary->categories, summary->sortedKeys, *group, process,
+                                                 summary->total);
+        }
+    const auto auxData = process.auxData();
+    for (const auto& formatter : _outputFormatters) formatter->printProcessAuxData(auxData.get());
+}
+
+void ZBZorbel::printOutput(bool summarize) {
+    std::vector<const ZBProcess*> withWarnings;
+    std::vector<const ZBProcess*> withErrors;
+    std::shared_ptr<const ZBAuxDataDictionary> globalAuxData;
+
+    const ZBZorbelSharingData sharing = _sharingData();
+    const GroupSummaries summaries(sharing, summarize);
+    for (const ZBProcess* process : _getProcessListSortedByZorbel()) {
+        if (!process->warnings().empty()) withWarnings.push_back(process);
+        if (!process->errors().empty())
+            withErrors.push_back(process);
+        else if (const auto auxData = process->auxData())
+            globalAuxData = auxData->mergeWithData(globalAuxData.get());
+        _printProcess(*process, summaries);
+    }
+
+    SizeTotals total;
+    const Categories categories =
+        _summarizedCategoriesForCategories(_categoriesForAllProcesses(), summarize, total);
+    const std::vector<Name> sortedKeys = _sortedKeysForCategories(categories);
+    const std::vector<std::string>& globalErrors = ZBProcess::globalErrors();
+    const bool hadErrors = !globalErrors.empty() || !withErrors.empty();
+    for (const auto& formatter : _outputFormatters)
+        formatter->printProcessesWithWarnings(withWarnings, withErrors, globalErrors);
+    for (const auto& formatter : _outputFormatters) {
+        formatter->printSummaryCategories(categories, sortedKeys, total, hadErrors);
+        formatter->printGlobalAuxData(globalAuxData.get());
+        formatter->end();
+    }
+}
+
+}  // namespace zorbel
