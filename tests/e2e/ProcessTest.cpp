@@ -165,10 +165,12 @@ TEST(ProcessTest, ProcessOutlivesItsMainThread) {
     EXPECT_EQ(outcome.tableOf(fixture.pid())["memfd"], (Row{.dirty = 8, .regions = 1}));
     // The number of the other thread is not that of a process.
     const std::string pid = std::to_string(fixture.pid());
-    for (const auto& thread : std::filesystem::directory_iterator("/proc/" + pid + "/task"))
-        if (const std::string number = thread.path().filename(); number != pid)
-            EXPECT_THAT(runZorbel({"--pid", number}).error,
-                        testing::StartsWith("Unable to analyze process with pid " + number + " "));
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/" + pid + "/task")) {
+        const std::string number = thread.path().filename();
+        if (number == pid) continue;
+        EXPECT_THAT(runZorbel({"--pid", number}).error,
+                    testing::StartsWith("Unable to analyze process with pid " + number + " "));
+    }
 }
 
 TEST(ProcessTest, InterruptCutsTheRunShort) {
