@@ -22,13 +22,14 @@ std::optional<long> leadingInteger(const std::string& text) {
     return value;
 }
 
-/// Finds the first record that a description matches. Naming a process asks the system, so names are looked
-/// up only as far into the list as a description needs, and once for all descriptions.
+/// Finds the first process that a description matches. Asking the system about a process takes time, so names
+/// are looked up only as far into the list as a description needs, once for all descriptions, and records
+/// only where there is no other name.
 class DescriptionMatcher {
   public:
-    DescriptionMatcher(Platform& platform, const std::vector<BsdInfoRecord>& records)
-        : _platform(platform), _records(records) {
-        for (std::size_t i = 0; i < records.size(); ++i) _indexOfPid.emplace(pidOf(records[i]), i);
+    DescriptionMatcher(Platform& platform, std::vector<std::int32_t> pids)
+        : _platform(platform), _pids(std::move(pids)) {
+        for (std::size_t i = 0; i < _pids.size(); ++i) _indexOfPid.emplace(_pids[i], i);
     }
 
     struct Match {
@@ -37,36 +38,48 @@ class DescriptionMatcher {
     };
 
     std::optional<Match> find(const std::string& description) {
-        std::size_t numbered = _records.size();
+        std::size_t numbered = _pids.size();
         if (const auto number = leadingInteger(description))
             if (const auto found = _indexOfPid.find(*number); found != _indexOfPid.end())
                 numbered = found->second;
-        // A record's name goes before its number, so the numbered record itself is still looked at by name.
-        const std::size_t named = _firstNamed(description, std::min(numbered + 1, _records.size()));
-        if (named <= numbered && named < _records.size()) return Match{pidOf(_records[named]), true};
-        if (numbered < _records.size()) return Match{pidOf(_records[numbered]), false};
+        // A process's name goes before its number, so the numbered process itself is still looked at by name.
+        const std::size_t named = _firstNamed(description, std::min(numbered + 1, _pids.size()));
+        if (named <= numbered && named < _pids.size()) return Match{_pids[named], true};
+        if (numbered < _pids.size() && _isProcess[numbered]) return Match{_pids[numbered], false};
         return std::nullopt;
     }
 
   private:
-    /// Index of the first record of that name, if it lies before the limit; otherwise some index that does
+    /// Index of the first process of that name, if it lies before the limit; otherwise some index that does
     /// not.
     std::size_t _firstNamed(const std::string& name, std::size_t limit) {
         if (const auto found = _indexOfName.find(name); found != _indexOfName.end()) return found->second;
-        while (_named < limit) {
-            std::string next = ZBProcess::_nameForBsdInfo(_platform, _records[_named]);
-            const bool matches = next == name;
-            _indexOfName.emplace(std::move(next), _named++);
-            if (matches) return _named - 1;
+        while (_isProcess.size() < limit) {
+            const std::size_t index = _isProcess.size();
+            std::optional<std::string> next = _nameOf(_pids[index]);
+            _isProcess.push_back(next.has_value());
+            if (!next) continue;
+            const bool matches = *next == name;
+            _indexOfName.emplace(std::move(*next), index);
+            if (matches) return index;
         }
-        return _records.size();
+        return _pids.size();
+    }
+
+    /// The name of a process; nothing when it has exited or is none.
+    std::optional<std::string> _nameOf(std::int32_t pid) {
+        if (auto name = ZBProcess::_nameInArgumentArea(_platform, pid)) return name;
+        BsdInfoRecord record;
+        if (!_platform.proc_pidinfo(pid, record)) return std::nullopt;
+        return ZBProcess::_nameForBsdInfoCommName(record);
     }
 
     Platform& _platform;
-    const std::vector<BsdInfoRecord>& _records;
+    std::vector<std::int32_t> _pids;
     std::unordered_map<long, std::size_t> _indexOfPid;
-    std::unordered_map<std::string, std::size_t> _indexOfName;  // Of the records before _named.
-    std::size_t _named = 0;
+    // Of the pids that have been looked at, which are the first ones.
+    std::vector<bool> _isProcess;
+    std::unordered_map<std::string, std::size_t> _indexOfName;
 };
 
 }  // namespace
@@ -104,13 +117,13 @@ std::optional<TargetMap> ZBProcess::allProcessesExcludingPids(Platform& platform
 std::optional<PidDescriptions> ZBProcess::pidsForStringDescriptions(Platform& platform,
                                                                     const std::set<std::string>& descriptions,
                                                                     std::vector<std::string>* errors) {
-    const std::vector<BsdInfoRecord> records = copyAllBsdInfos(platform);
-    if (records.empty()) {
+    std::vector<std::int32_t> listed;
+    if (!platform.proc_listallpids(listed) || listed.empty()) {
         if (errors != nullptr) *errors = {"Unable to obtain system process list"};
         return std::nullopt;
     }
     PidDescriptions pids;
-    DescriptionMatcher matcher(platform, records);
+    DescriptionMatcher matcher(platform, std::move(listed));
     for (const std::string& description : descriptions) {
         if (const auto match = matcher.find(description))
             pids[match->pid] = match->byName ? std::optional(description) : std::nullopt;

@@ -41,13 +41,17 @@ bool ZBProcess::initWithBsdInfo(const BsdInfoRecord& record) {
     return true;
 }
 
-std::string ZBProcess::_nameForBsdInfo(Platform& platform, const BsdInfoRecord& record) {
+std::optional<std::string> ZBProcess::_nameInArgumentArea(Platform& platform, std::int32_t pid) {
     std::string area;
-    if (platform.sysctl_procargs(static_cast<std::int32_t>(record.pbi_pid), area)) {
-        if (!area.empty()) area.back() = '\0';
-        if (const auto path = pathInArgumentArea(area)) return path->substr(path->rfind('/') + 1);
-    }
-    return _nameForBsdInfoCommName(record);
+    if (!platform.sysctl_procargs(pid, area)) return std::nullopt;
+    if (!area.empty()) area.back() = '\0';
+    const auto path = pathInArgumentArea(area);
+    return path ? std::optional(path->substr(path->rfind('/') + 1)) : std::nullopt;
+}
+
+std::string ZBProcess::_nameForBsdInfo(Platform& platform, const BsdInfoRecord& record) {
+    auto name = _nameInArgumentArea(platform, static_cast<std::int32_t>(record.pbi_pid));
+    return name ? *std::move(name) : _nameForBsdInfoCommName(record);
 }
 
 std::string ZBProcess::_nameForBsdInfoCommName(const BsdInfoRecord& record) {

@@ -72,6 +72,8 @@ class ZBProcess {
     /// A process of the kind that the record calls for; null when it can't be opened.
     static std::unique_ptr<ZBProcess> processWithBsdInfo(Platform& platform, const BsdInfoRecord& record);
 
+    /// File name of the executable, from the argument area; nothing where that can't be read.
+    static std::optional<std::string> _nameInArgumentArea(Platform& platform, std::int32_t pid);
     /// File name of the executable, from the argument area; failing that, the record's names.
     static std::string _nameForBsdInfo(Platform& platform, const BsdInfoRecord& record);
     /// The record's long name, else its command name, else "Unknown".
