@@ -39,6 +39,8 @@ TEST(ZBAuxDataTest, MergingSumsWhatAggregatesAndDropsTheRest) {
         const Tree merged = receiver->mergeWithData(argument.get());
         EXPECT_EQ(merged ? serialize(merged->jsonRepresentation()) : "nothing", text ? text : "nothing");
     }
+    EXPECT_DEATH(nested->mergeWithData(tree({{"m", agg(3)}}).get()),
+                 "datum1.isContainer == datum2.isContainer");
 }
 
 }  // namespace zorbel::test

@@ -183,6 +183,19 @@ TEST(ZBMemoryCategoryTest, SumsEachObjectOnceInOrderOfOrdinals) {
     EXPECT_TRUE(category.purgeableNonVolatile());
 }
 
+TEST(ZBMemoryRegionTest, SortsByStartThenTheLargerFirst) {
+    ZBMemoryRegion low;
+    low.setEnd(4096);
+    ZBMemoryRegion large;
+    large.setStart(4096);
+    large.setEnd(12288);
+    ZBMemoryRegion small = large;
+    small.setEnd(8192);
+    EXPECT_TRUE(low.compare(large) < 0 && large.compare(small) < 0 && small.compare(low) > 0);
+    EXPECT_TRUE(small.compare(ZBMemoryRegion(small)) == 0);
+    EXPECT_DEATH(small.setEnd(4095), "end >= self.start");
+}
+
 TEST(ZBMemoryRegionTest, TagsHaveNames) {
     EXPECT_FALSE(ZBMemoryRegion::categoryNameForTag(0).isPresent());
     for (const auto& [tag, name] : {std::pair{7U, "MALLOC_TINY"},
