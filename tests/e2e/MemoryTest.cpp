@@ -1,14 +1,13 @@
 // What zorbel counts, page by page, of processes whose memory is known.
 
 #include <gtest/gtest.h>
-#include <sys/swap.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <memory>
 
 #include "e2e/Program.h"
 #include "fixtures/Fixture.h"
+#include "fixtures/SystemSetting.h"
 
 namespace zorbel::e2e {
 namespace {
@@ -36,17 +35,6 @@ void expectGrowth(const std::string& category, const std::vector<std::pair<Fixtu
         EXPECT_EQ(after, expected) << "a growth of " << growth;
         before = after;
     }
-}
-
-int readNumber(const std::string& path) {
-    int value = -1;
-    std::ifstream(path) >> value;
-    return value;
-}
-
-/// False when the file does not take it.
-bool writeFile(const std::string& path, const std::string& text) {
-    return (std::ofstream(path) << text << std::flush).good();
 }
 
 TEST(MemoryTest, PrivateAnonymousPages) {
@@ -127,16 +115,8 @@ TEST(MemoryTest, HugePages) {
 }
 
 TEST(MemoryTest, PagesInSwap) {
-    const std::string device = "/dev/zram0";
-    const std::string zram = "/sys/block/zram0/";
-    if (geteuid() != 0 || readNumber(zram + "initstate") != 0 || !writeFile(zram + "disksize", "64M"))
-        GTEST_SKIP() << "takes root and an unused " << device;
-    const std::shared_ptr<void> putBack(nullptr, [&](void*) {
-        swapoff(device.c_str());
-        EXPECT_TRUE(writeFile(zram + "reset", "1"));
-    });
-    ASSERT_EQ(ProgramRun({"/sbin/mkswap", device}).finish().status, 0);
-    ASSERT_EQ(swapon(device.c_str(), 0), 0);
+    const SwapDevice device;
+    if (!device.isUsable()) GTEST_SKIP() << "takes root and an unused /dev/zram0";
     const Region own(50);
     expectGrowth(kUntagged, {{[&] { own.touch(0, 50); }, {.dirty = 50}},
                              {[&] { own.pageOut(); }, {.swapped = 50}},

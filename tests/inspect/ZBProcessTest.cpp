@@ -10,16 +10,8 @@ namespace zorbel::test {
 
 using std::string_literals::operator""s;
 
-class ZBProcessTest : public Test {
+class ZBProcessTest : public WalkTest {
   protected:
-    /// Inspects the process and keeps what it says on standard error.
-    void gather() {
-        process = std::move(machine.open().front());
-        testing::internal::CaptureStderr();
-        process->gatherData();
-        said = testing::internal::GetCapturedStderr();
-    }
-
     /// The one region of a process that maps nothing else.
     const ZBMemoryRegion& onlyRegion(ScriptedRegion region) {
         baker.regions.clear();
@@ -29,21 +21,9 @@ class ZBProcessTest : public Test {
     }
 
     void failAtThirdLookup(KernReturn code) {
-        baker.lookups = 0;
         baker.beforeLookup = [this, code] { baker.lookupCode = baker.lookups == 3 ? code : kKernSuccess; };
         gather();
     }
-
-    std::vector<std::uint64_t> starts() const {
-        std::vector<std::uint64_t> all;
-        for (const ZBMemoryRegion& region : process->memoryRegions()) all.push_back(region.start());
-        return all;
-    }
-
-    ScriptedPlatform machine;
-    ScriptedProcess& baker = machine.process(100, "baker");
-    std::unique_ptr<ZBProcess> process;
-    std::string said;
 };
 
 TEST_F(ZBProcessTest, NameIsTheExecutablesFileNameElseTheRecords) {

@@ -38,7 +38,18 @@ struct ScriptedProcess {
     int shortRecordError = 0;
     std::uint32_t state = BsdShortInfoRecord::kStateRunning;
     std::map<std::uint64_t, ScriptedRegion> regions;
+    /// Maps that are nested into the process: one entry from the top, in place of the regions inside.
+    std::map<std::uint64_t, ScriptedRegion> nestedMaps;
+    std::map<std::uint64_t, std::int32_t> dispositions;  ///< By page; 0 where none is told.
+    std::vector<std::pair<Name, std::vector<SymbolSegment>>> images;
     int lookups = 0;
+    /// Where top-level look-ups and page queries were asked for, and for how many pages.
+    std::vector<std::uint64_t> topLookups;
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> pageQueries;
+    /// These fail from the one with that index on.
+    std::size_t failingTopLookup = SIZE_MAX;
+    std::size_t failingPageQuery = SIZE_MAX;
+    KernReturn topLookupCode = kKernFailure;
     /// Called on the thread that looks a region up, once the look-up has been counted.
     std::function<void()> beforeLookup = [] {};
 
@@ -51,11 +62,16 @@ struct ScriptedProcess {
         regions[address] = region;
         return *this;
     }
+
+    ScriptedProcess& loads(const char* path, std::vector<SymbolSegment> segments) {
+        images.emplace_back(Name(path), std::move(segments));
+        return *this;
+    }
 };
 
 /// A machine that a test writes down: processes, their regions, and what goes wrong with them. It answers as
 /// a kernel does: a look-up yields the first region that ends above the address, where it begins below too.
-class ScriptedPlatform : public Platform {
+class ScriptedPlatform : public Platform, private Symbolicator {
   public:
     /// A process with 64-bit addresses whose executable is /usr/bin/NAME.
     ScriptedProcess& process(std::int32_t pid, const std::string& name) {
@@ -76,8 +92,21 @@ class ScriptedPlatform : public Platform {
     bool hasProcessList = true;
     std::int32_t breakDownMode = 0;
     int sysctlError = 0;
+    std::uint32_t pageSize = kPage;
+    /// Kind of the machine; where none is told, ARM of the processes' word size.
+    std::optional<ZBPlatform> kind;
 
-    std::uint32_t vm_kernel_page_size() const override { return kPage; }
+    std::uint32_t vm_kernel_page_size() const override { return pageSize; }
+
+    ZBPlatform platformOfProcesses(bool is64bit) const override {
+        return kind.value_or(is64bit ? ZBPlatform::kARM64 : ZBPlatform::kARM);
+    }
+
+    Symbolicator& symbolicator() override { return *this; }
+
+    void forEachSymbolOwner(TaskName task, const std::function<void(const SymbolOwner&)>& consume) override {
+        for (const auto& [path, segments] : _ofTask(task).images) consume({path, segments});
+    }
 
     bool proc_listallpids(std::vector<std::int32_t>& pids) override {
         for (const ScriptedProcess& process : _processes) pids.push_back(process.pid);
@@ -114,15 +143,37 @@ class ScriptedPlatform : public Platform {
         ++process.lookups;
         process.beforeLookup();
         if (process.lookupCode != kKernSuccess) return process.lookupCode;
-        for (const auto& [start, region] : process.regions) {
-            // By its last byte, since the end of the last region of all may be 0.
-            if (start + (region.pages * kPage - 1) < address) continue;
-            address = start;
-            size = region.pages * kPage;
-            record = region.info;
-            return kKernSuccess;
+        return _lookUp(process.regions, address, size, record);
+    }
+
+    KernReturn mach_vm_region(TaskName task, std::uint64_t& address, std::uint64_t& size,
+                              BasicRegionInfoRecord& record) override {
+        ScriptedProcess& process = _ofTask(task);
+        process.topLookups.push_back(address);
+        if (process.topLookups.size() > process.failingTopLookup) return process.topLookupCode;
+        auto entries = process.regions;
+        for (const auto& [start, map] : process.nestedMaps) {
+            entries.erase(entries.lower_bound(start), entries.lower_bound(start + map.pages * kPage));
+            entries[start] = map;
         }
-        return kKernInvalidAddress;
+        RegionInfoRecord info;
+        const KernReturn code = _lookUp(entries, address, size, info);
+        record = {info.protection, info.max_protection, info.inheritance,
+                  info.offset,     info.behavior,       info.user_wired_count};
+        return code;
+    }
+
+    KernReturn mach_vm_page_range_query(TaskName task, std::uint64_t address, std::uint64_t size,
+                                        std::int32_t* dispositions, std::uint64_t& count) override {
+        ScriptedProcess& process = _ofTask(task);
+        process.pageQueries.emplace_back(address, count);
+        if (process.pageQueries.size() > process.failingPageQuery) return kKernInvalidArgument;
+        count = std::min(count, size / pageSize);
+        for (std::uint64_t i = 0; i < count; ++i) {
+            const auto told = process.dispositions.find((address / pageSize + i) * pageSize);
+            dispositions[i] = told == process.dispositions.end() ? 0 : told->second;
+        }
+        return kKernSuccess;
     }
 
     KernReturn mach_vm_purgable_control(TaskName task, std::uint64_t address, int& state) override {
@@ -147,6 +198,19 @@ class ScriptedPlatform : public Platform {
     }
 
   private:
+    /// The first that ends above the address: by its last byte, since the end of the last of all may be 0.
+    static KernReturn _lookUp(const std::map<std::uint64_t, ScriptedRegion>& regions, std::uint64_t& address,
+                              std::uint64_t& size, RegionInfoRecord& record) {
+        for (const auto& [start, region] : regions) {
+            if (start + (region.pages * kPage - 1) < address) continue;
+            address = start;
+            size = region.pages * kPage;
+            record = region.info;
+            return kKernSuccess;
+        }
+        return kKernInvalidAddress;
+    }
+
     ScriptedProcess* _find(std::int32_t pid) {
         for (ScriptedProcess& process : _processes)
             if (process.pid == pid) return &process;
@@ -185,6 +249,32 @@ class FixedProcess : public ZBProcess {
     }
 
     std::shared_ptr<const ZBAuxDataDictionary> auxData() const override { return figures; }
+};
+
+/// A scripted machine with one process, which is inspected.
+class WalkTest : public Test {
+  protected:
+    /// Inspects the process and keeps what it says on standard error.
+    void gather() {
+        baker.lookups = 0;
+        baker.topLookups.clear();
+        baker.pageQueries.clear();
+        testing::internal::CaptureStderr();
+        process = std::move(machine.open().front());
+        process->gatherData();
+        said = testing::internal::GetCapturedStderr();
+    }
+
+    std::vector<std::uint64_t> starts() const {
+        std::vector<std::uint64_t> all;
+        for (const ZBMemoryRegion& region : process->memoryRegions()) all.push_back(region.start());
+        return all;
+    }
+
+    ScriptedPlatform machine;
+    ScriptedProcess& baker = machine.process(100, "baker");
+    std::unique_ptr<ZBProcess> process;
+    std::string said;
 };
 
 /// A scripted machine, and a coordinator of its processes or of fixed ones.

@@ -71,7 +71,7 @@ std::vector<std::string> parsePieces(std::string_view text, std::size_t pieceSiz
 
 TEST(ProcTextTest, PiecesOfAnySizeGiveTheSameEntries) {
     const std::string entry =
-        "556c3323b000-556c3323f000 5p 4000 fe10:247767 flags f: 16 8+12 24 20 2048+4096 28 /usr/lib/a "
+        "556c3323b000-556c3323f000 5p 4000 fe10:247767 flags 4f: 16 8+12 24 20 2048+4096 28 /usr/lib/a "
         "name\\012of two lines (deleted)";
     // Fields stand where they stood before, then elsewhere.
     const std::string text = kEntry + kEntry + kOthers;

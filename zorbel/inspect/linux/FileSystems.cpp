@@ -14,9 +14,18 @@ namespace zorbel {
 
 namespace {
 
-bool livesInMemory(std::string_view type) {
-    constexpr std::string_view kTypes[] = {"tmpfs", "ramfs", "devtmpfs", "rootfs", "hugetlbfs"};
-    return std::find(std::begin(kTypes), std::end(kTypes), type) != std::end(kTypes);
+FileSystems::Kind kindOfType(std::string_view type) {
+    constexpr std::string_view kMemoryTypes[] = {"tmpfs", "ramfs", "devtmpfs", "rootfs", "hugetlbfs"};
+    constexpr std::string_view kLocalTypes[] = {
+        "bcachefs", "btrfs",    "cramfs", "erofs", "exfat", "ext2",   "ext3",  "ext4",    "f2fs",
+        "hfsplus",  "iso9660",  "jffs2",  "jfs",   "msdos", "nilfs2", "ntfs3", "overlay", "reiserfs",
+        "romfs",    "squashfs", "ubifs",  "udf",   "ufs",   "vfat",   "xfs",   "zfs",
+    };
+    const auto isOneOf = [type](const auto& types) {
+        return std::find(std::begin(types), std::end(types), type) != std::end(types);
+    };
+    if (isOneOf(kMemoryTypes)) return FileSystems::Kind::kMemory;
+    return isOneOf(kLocalTypes) ? FileSystems::Kind::kLocal : FileSystems::Kind::kRemote;
 }
 
 }  // namespace
@@ -35,12 +44,13 @@ FileSystems::Kind FileSystems::kindOf(std::uint64_t device) {
     return known == _kinds.end() ? Kind::kUnknown : known->second;
 }
 
-/// A line is "id parent major:minor root mount-point options [optional fields] - type source options".
 void FileSystems::addMountsOf(int processDirectory) {
-    const auto text = readWholeFile("mountinfo", processDirectory);
-    if (!text) return;
+    if (const auto text = readWholeFile("mountinfo", processDirectory)) addMounts(*text);
+}
+
+/// A line is "id parent major:minor root mount-point options [optional fields] - type source options".
+void FileSystems::addMounts(std::string_view mountinfo) {
     const std::lock_guard lock(_mutex);
-    std::string_view mountinfo = *text;
     while (!mountinfo.empty()) {
         std::string_view line = mountinfo.substr(0, mountinfo.find('\n'));
         mountinfo.remove_prefix(std::min(line.size() + 1, mountinfo.size()));
@@ -56,7 +66,7 @@ void FileSystems::addMountsOf(int processDirectory) {
         const auto minorNumber = takeNumber(line);
         if (!minorNumber) continue;
         _kinds[makedev(static_cast<unsigned>(*majorNumber), static_cast<unsigned>(*minorNumber))] =
-            livesInMemory(type) ? Kind::kMemory : Kind::kStorage;
+            kindOfType(type);
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <string_view>
 #include <unordered_map>
 
 namespace zorbel {
@@ -14,7 +15,8 @@ class FileSystems {
         kUnknown,  ///< Nowhere mounted that we can see.
         kMemory,   ///< Lives in memory only: pages have no file to be read from again.
         kKernel,   ///< The kernel's own mount behind memfd, SysV and shared anonymous memory, in no list.
-        kStorage,
+        kLocal,    ///< On storage of this machine, which answers without anyone's help.
+        kRemote,   ///< On storage that a process or another machine serves, or that we don't know.
     };
 
     /// Reads the mounts of our own namespace.
@@ -25,6 +27,9 @@ class FileSystems {
 
     /// Adds the mounts that the process sees whose /proc directory is given.
     void addMountsOf(int processDirectory);
+
+    /// Adds the mounts that the text of a mountinfo lists.
+    void addMounts(std::string_view mountinfo);
 
   private:
     std::mutex _mutex;

@@ -185,13 +185,19 @@ KernReturn LinuxPlatform::task_for_pid(std::int32_t pid, TaskName& task) {
     return kKernSuccess;
 }
 
+TaskSnapshot& LinuxPlatform::_snapshotOf(Task& task, int processDirectory) {
+    if (!task.snapshot)
+        task.snapshot = std::make_unique<TaskSnapshot>(processDirectory, _fileSystems, _objectIds);
+    return *task.snapshot;
+}
+
 KernReturn LinuxPlatform::mach_vm_region_recurse(TaskName task, std::uint64_t& address, std::uint64_t& size,
                                                  RegionInfoRecord& record) {
     Task& opened = _taskNamed(task);
     if (!opened.snapshot) {
         const TaskDirectory directory(opened);
         if (directory.get() < 0) return kMachSendInvalidDest;
-        opened.snapshot = std::make_unique<TaskSnapshot>(directory.get(), _fileSystems, _objectIds);
+        _snapshotOf(opened, directory.get());
     }
     if (const SnapshotRegion* region = opened.snapshot->regionAtOrAfter(address)) {
         address = region->start;
@@ -202,6 +208,35 @@ KernReturn LinuxPlatform::mach_vm_region_recurse(TaskName task, std::uint64_t& a
     const KernReturn code = opened.snapshot->codeAtEnd();
     opened.snapshot.reset();
     return code;
+}
+
+KernReturn LinuxPlatform::mach_vm_region(TaskName task, std::uint64_t& address, std::uint64_t& size,
+                                         BasicRegionInfoRecord& record) {
+    RegionInfoRecord leaf;
+    const KernReturn code = mach_vm_region_recurse(task, address, size, leaf);
+    record = {leaf.protection, leaf.max_protection, leaf.inheritance,
+              leaf.offset,     leaf.behavior,       leaf.user_wired_count};
+    return code;
+}
+
+KernReturn LinuxPlatform::mach_vm_page_range_query(TaskName task, std::uint64_t address, std::uint64_t size,
+                                                   std::int32_t* dispositions, std::uint64_t& count) {
+    Task& opened = _taskNamed(task);
+    const TaskDirectory directory(opened);
+    if (directory.get() < 0) return kKernInvalidArgument;
+    const std::uint64_t page = vm_kernel_page_size();
+    const std::uint64_t inPage = address % page;
+    count = std::min(count, (inPage + size + page - 1) / page);
+    return _snapshotOf(opened, directory.get())
+        .queryPages(directory.get(), address - inPage, count, dispositions);
+}
+
+void LinuxPlatform::forEachSymbolOwner(TaskName task,
+                                       const std::function<void(const SymbolOwner&)>& consume) {
+    Task& opened = _taskNamed(task);
+    const TaskDirectory directory(opened);
+    if (directory.get() < 0) return;
+    _snapshotOf(opened, directory.get()).findImages(_elfFiles, directory.get()).forEachOwner(consume);
 }
 
 KernReturn LinuxPlatform::mach_vm_purgable_control(TaskName /*task*/, std::uint64_t /*address*/, int& state) {

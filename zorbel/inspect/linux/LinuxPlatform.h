@@ -11,17 +11,23 @@
 #include "inspect/linux/ProcFiles.h"
 #include "inspect/linux/TaskSnapshot.h"
 #include "inspect/platform/Platform.h"
+#include "inspect/platform/Symbolicator.h"
 
 namespace zorbel {
 
 /// The machine we run on, as /proc shows it.
-class LinuxPlatform final : public Platform {
+class LinuxPlatform : public Platform, private Symbolicator {
   public:
     /// Raises the soft limit of open files to the hard one: every target holds a descriptor.
     LinuxPlatform();
     ~LinuxPlatform() override;
 
     [[nodiscard]] std::uint32_t vm_kernel_page_size() const override;
+
+    [[nodiscard]] ZBPlatform platformOfProcesses(bool /*is64bit*/) const override {
+        return ZBPlatform::kLinux;
+    }
+    Symbolicator& symbolicator() override { return *this; }
 
     /// Pid 0, which stands for the kernel, and the entries of /proc in ascending order. Kernel threads are
     /// among them but have no record.
@@ -37,10 +43,18 @@ class LinuxPlatform final : public Platform {
     /// will say so. Otherwise an errno's code.
     KernReturn task_for_pid(std::int32_t pid, TaskName& task) override;
 
-    /// From a snapshot of /proc/PID/smaps, taken at the first look-up and given back at the end of the walk,
-    /// when a look-up finds nothing more.
+    /// From a snapshot of /proc/PID/smaps, taken when it is needed first and given back at the end of the
+    /// walk, when a look-up finds nothing more.
     KernReturn mach_vm_region_recurse(TaskName task, std::uint64_t& address, std::uint64_t& size,
                                       RegionInfoRecord& record) override;
+    /// No map is nested into another: the leaf region.
+    KernReturn mach_vm_region(TaskName task, std::uint64_t& address, std::uint64_t& size,
+                              BasicRegionInfoRecord& record) override;
+    /// From /proc/PID/pagemap.
+    KernReturn mach_vm_page_range_query(TaskName task, std::uint64_t address, std::uint64_t size,
+                                        std::int32_t* dispositions, std::uint64_t& count) override;
+    /// From the ELF files that the snapshot's regions map.
+    void forEachSymbolOwner(TaskName task, const std::function<void(const SymbolOwner&)>& consume) override;
     /// Linux has no purgeable memory.
     KernReturn mach_vm_purgable_control(TaskName task, std::uint64_t address, int& state) override;
     Name proc_regionfilename(TaskName task, std::uint64_t address) override;
@@ -60,8 +74,10 @@ class LinuxPlatform final : public Platform {
     class TaskDirectory;
 
     Task& _taskNamed(TaskName task) { return _tasks[task - 1]; }
+    TaskSnapshot& _snapshotOf(Task& task, int processDirectory);
 
     FileSystems _fileSystems;
+    ElfFiles _elfFiles;
     ObjectIds _objectIds;
     /// Grows only while processes are opened, before any of them is gathered.
     std::deque<Task> _tasks;

@@ -156,7 +156,7 @@ RegionKind kindOfEntry(const SmapsEntry& entry, FileSystems::Kind fileSystem) {
     }
     // Names of the kernel's own are not believed on a mounted file system, where anyone may choose names.
     const bool isMounted =
-        fileSystem == FileSystems::Kind::kStorage || fileSystem == FileSystems::Kind::kMemory;
+        fileSystem != FileSystems::Kind::kUnknown && fileSystem != FileSystems::Kind::kKernel;
     if (!isMounted)
         if (const Tag tag = tagByPrefix(kUnmountedNames, entry.path); tag != Tag::kNone) return {tag, false};
     if (entry.path.starts_with(kPosixSharedPrefix))

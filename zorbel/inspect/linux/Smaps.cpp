@@ -61,7 +61,7 @@ std::uint32_t parseFlags(std::string_view words) {
     constexpr Flag kFlags[] = {
         {"mr", SmapsEntry::kMayRead},      {"mw", SmapsEntry::kMayWrite},  {"me", SmapsEntry::kMayExecute},
         {"lo", SmapsEntry::kLocked},       {"ht", SmapsEntry::kHugePages}, {"io", SmapsEntry::kDeviceMemory},
-        {"pf", SmapsEntry::kDeviceMemory},
+        {"pf", SmapsEntry::kDeviceMemory}, {"ac", SmapsEntry::kAccounted},
     };
     std::uint32_t flags = 0;
     for (std::size_t at = 0; at + 2 <= words.size(); at += 3)  // Two letters and a blank each.

@@ -16,6 +16,7 @@ struct SmapsEntry {
     static constexpr std::uint32_t kLocked = 0x8;         ///< lo
     static constexpr std::uint32_t kHugePages = 0x10;     ///< ht: of hugetlbfs
     static constexpr std::uint32_t kDeviceMemory = 0x20;  ///< io or pf: no pages of the system's
+    static constexpr std::uint32_t kAccounted = 0x40;     ///< ac: may have, or once might, pages of its own
 
     // Of the permissions, which are the protection's numbers.
     static constexpr std::uint8_t kRead = 0x1;

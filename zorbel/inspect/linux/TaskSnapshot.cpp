@@ -41,16 +41,20 @@ bool isAlive(int smaps) {
     return pread(smaps, &byte, 1, 0) == 1;
 }
 
+/// Whether a file's region may have pages that are no longer the file's. Pages in swap are the file's too
+/// where none can have been written.
+bool hasOwnPages(const SmapsEntry& entry) {
+    return !entry.isShared && (entry.anonymous != 0 || entry.hugetlb() != 0 ||
+                               (entry.swap != 0 && (entry.permissions & SmapsEntry::kWrite) != 0));
+}
+
 /// The mode in which an entry shares its pages. Memory of a file that lives in memory only is all charged, so
 /// a private mapping of it that has no page of its own must not stand apart from the file's other mappings.
-/// Pages in swap are the file's too where none can have been written.
 std::uint8_t shareModeOf(const SmapsEntry& entry, bool hasStorage) {
     if (entry.isShared) return kShareModeShared;
     if (!mapsFile(entry))
         return entry.resident + entry.hugetlb() + entry.swap == 0 ? kShareModeEmpty : kShareModePrivate;
-    const bool mayHaveOwnPages = entry.anonymous != 0 || entry.hugetlb() != 0 ||
-                                 (entry.swap != 0 && (entry.permissions & SmapsEntry::kWrite) != 0);
-    return !hasStorage && !mayHaveOwnPages ? kShareModeShared : kShareModeCopyOnWrite;
+    return !hasStorage && !hasOwnPages(entry) ? kShareModeShared : kShareModeCopyOnWrite;
 }
 
 /// Resident KiB that the process is to answer for. The pages of vdso and vvar are the kernel's, the same ones
@@ -59,6 +63,15 @@ std::uint64_t residentOf(const SmapsEntry& entry, const RegionKind& kind) {
     const bool isKernels = kind.tag == Tag::kVdso || kind.tag == Tag::kVvar || kind.tag == Tag::kVsyscall;
     // Huge pages are counted apart from all others.
     return isKernels ? entry.anonymous : entry.resident + entry.hugetlb();
+}
+
+FileUse fileUseOf(const RegionKind& kind, FileSystems::Kind fileSystem) {
+    const bool mayBeImage = kind.tag == Tag::kNone || kind.tag == Tag::kTmpfs || kind.tag == Tag::kMemfd ||
+                            kind.tag == Tag::kPosixShared;
+    if (!mayBeImage) return FileUse::kNone;
+    const bool mayHang =
+        fileSystem == FileSystems::Kind::kRemote || fileSystem == FileSystems::Kind::kUnknown;
+    return mayHang ? FileUse::kLookOnly : FileUse::kMayBeRead;
 }
 
 RegionInfoRecord recordOf(const SmapsEntry& entry, const RegionKind& kind) {
@@ -149,10 +162,19 @@ void TaskSnapshot::_addEntry(const SmapsEntry& entry, int processDirectory) {
     region.start = entry.start;
     region.end = entry.end;
     region.record = recordOf(entry, kind);
-    region.record.object_id =
-        isFile && _objectIds.tellsFile(_file.identity) ? _file.objectId : _objectIds.newId();
+    region.fileId = isFile && _objectIds.tellsFile(_file.identity) ? _file.objectId : 0;
+    // Pages that were copied for this region alone are no longer the file's.
+    const bool isFileItself = region.fileId != 0 && !hasOwnPages(entry);
+    region.record.object_id = isFileItself ? region.fileId : _objectIds.newId();
     region.isPlainAnonymous = entry.path.empty() && !entry.isShared && kind.tag == Tag::kNone;
-    if (isFile) region.path = _file.path;
+    region.isPrivate = !entry.isShared;
+    region.isHuge = kind.tag == Tag::kHugePages;
+    region.isWritten = !entry.isShared && ((entry.permissions & SmapsEntry::kWrite) != 0 ||
+                                           (entry.flags & SmapsEntry::kAccounted) != 0);
+    if (!isFile) return;
+    region.path = _file.path;
+    region.inode = entry.inode;
+    if (region.fileId != 0) region.fileUse = fileUseOf(kind, _file.fileSystem);
 }
 
 /// Finds out about the file that the entry maps.

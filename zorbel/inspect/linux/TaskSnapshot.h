@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "inspect/linux/ElfFiles.h"
 #include "inspect/linux/FileSystems.h"
+#include "inspect/linux/LoadedImages.h"
 #include "inspect/linux/ObjectIds.h"
 #include "inspect/linux/Smaps.h"
 #include "inspect/linux/SnapshotRegion.h"
@@ -27,7 +29,17 @@ class TaskSnapshot {
     /// kMachSendInvalidDest when the process exited before, an errno's code when it could not be read.
     [[nodiscard]] KernReturn codeAtEnd() const { return _codeAtEnd; }
 
+    /// Finds the images that the process has loaded. The kernel merges neighbours, such as a library's zeroed
+    /// data and a heap that lies above it: regions are split where an image's segment begins or ends.
+    LoadedImages findImages(ElfFiles& files, int processDirectory);
+
+    /// The dispositions of count pages from a page's start on, as Platform::mach_vm_page_range_query wants
+    /// them.
+    KernReturn queryPages(int processDirectory, std::uint64_t address, std::uint64_t count,
+                          std::int32_t* dispositions) const;
+
   private:
+    void _split(std::vector<std::uint64_t> cuts, int processDirectory);
     KernReturn _read(int processDirectory, const char* path);
     void _readThroughOtherThreads(int processDirectory);
     void _addEntry(const SmapsEntry& entry, int processDirectory);

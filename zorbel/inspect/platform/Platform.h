@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "inspect/platform/Records.h"
+#include "inspect/platform/Symbolicator.h"
 #include "model/Name.h"
 
 namespace zorbel {
@@ -14,14 +15,10 @@ namespace zorbel {
 using KernReturn = std::uint32_t;
 inline constexpr KernReturn kKernSuccess = 0;
 inline constexpr KernReturn kKernInvalidAddress = 1;  ///< A look-up found nothing at or after the address.
+inline constexpr KernReturn kKernInvalidArgument = 4;
 inline constexpr KernReturn kMachSendInvalidDest = 0x10000003;  ///< The task no longer has an address space.
 
 constexpr KernReturn kernReturnFromErrno(int error) { return 0xC000 + static_cast<KernReturn>(error); }
-
-/// A handle on the address space of one process, good for as long as the platform object lives and for that
-/// one process only: a later process with the same pid is never taken for it.
-using TaskName = std::uint32_t;
-inline constexpr TaskName kTaskNull = 0;
 
 /// Everything that the inspectors ask of a machine, in the terms of the kernel calls that they are written
 /// against.
@@ -37,6 +34,12 @@ class Platform {
 
     /// Page size of the kernel in bytes; a power of two.
     [[nodiscard]] virtual std::uint32_t vm_kernel_page_size() const = 0;
+
+    /// The kind of machine that the live processes of the given word size run on.
+    [[nodiscard]] virtual ZBPlatform platformOfProcesses(bool is64bit) const = 0;
+
+    /// Tells what images the tasks of this machine have loaded.
+    virtual Symbolicator& symbolicator() = 0;
 
     /// All pids of the system, in the order in which names are resolved. False when the list can't be had.
     virtual bool proc_listallpids(std::vector<std::int32_t>& pids) = 0;
@@ -59,6 +62,17 @@ class Platform {
     /// be below it. kKernInvalidAddress when there is none, kMachSendInvalidDest when the process has exited.
     virtual KernReturn mach_vm_region_recurse(TaskName task, std::uint64_t& address, std::uint64_t& size,
                                               RegionInfoRecord& record) = 0;
+
+    /// The first top-level entry that ends above the address, with a nested map as one entry. Moves the
+    /// address and fails as mach_vm_region_recurse does.
+    virtual KernReturn mach_vm_region(TaskName task, std::uint64_t& address, std::uint64_t& size,
+                                      BasicRegionInfoRecord& record) = 0;
+
+    /// The dispositions (kPageQuery bits) of the pages from the one that holds the address, for at most the
+    /// given bytes and at most count pages; 0 where nothing is mapped. The count becomes that of the words
+    /// written. kKernInvalidArgument when the process has exited.
+    virtual KernReturn mach_vm_page_range_query(TaskName task, std::uint64_t address, std::uint64_t size,
+                                                std::int32_t* dispositions, std::uint64_t& count) = 0;
 
     /// The purgeable state of the region at an address.
     virtual KernReturn mach_vm_purgable_control(TaskName task, std::uint64_t address, int& state) = 0;

@@ -52,6 +52,32 @@ struct RegionInfoRecord {
     bool is_submap = false;
 };
 
+/// One entry of an address space seen from the top: a region, or a whole map nested into it.
+struct BasicRegionInfoRecord {
+    std::int32_t protection = 0;
+    std::int32_t max_protection = 0;
+    std::uint32_t inheritance = 0;
+    std::uint64_t offset = 0;  ///< Bytes into the object.
+    std::int32_t behavior = 0;
+    std::uint32_t user_wired_count = 0;  ///< Pages.
+};
+
+/// What a page query tells of a page, as a sum of bits.
+inline constexpr std::int32_t kPageQueryPresent = 0x1;
+inline constexpr std::int32_t kPageQueryDirty = 0x8;
+inline constexpr std::int32_t kPageQueryPagedOut = 0x10;
+inline constexpr std::int32_t kPageQueryExternal = 0x80;  ///< Of a file that it can be read again from.
+
+/// The kinds of machine that targets run on, which differ in where the shared library cache lies.
+enum class ZBPlatform : std::uint8_t {
+    kX86 = 0,
+    kX86_64 = 1,
+    kARM = 2,
+    kARM64 = 3,
+    kARM64_32 = 4,
+    kLinux = 5,  ///< Has no such cache.
+};
+
 /// Purgeable states, numbered as the kernel does.
 inline constexpr int kPurgeableNonVolatile = 0;
 inline constexpr int kPurgeableVolatile = 1;

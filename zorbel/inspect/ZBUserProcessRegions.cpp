@@ -1,0 +1,122 @@
+#include "inspect/ZBUserProcess.h"
+
+#include <algorithm>
+
+namespace zorbel {
+
+namespace {
+
+/// The name of an image segment by that which the system has for it.
+Name nameOfSegment(Name name) {
+    static const Name kMachHeader("MACH_HEADER");
+    static const Name kText("__TEXT");
+    if (name == kMachHeader) return kText;  // The header is the first thing in that segment.
+    const std::size_t blank = name.text().find(' ');
+    return blank == std::string::npos ? name : Name(std::string_view(name.text()).substr(0, blank));
+}
+
+}  // namespace
+
+void ZBUserProcess::_gatherImageData() {
+    _platform.symbolicator().forEachSymbolOwner(_task, [this](const SymbolOwner& owner) {
+        for (const SymbolSegment& segment : owner.segments) {
+            ZBImage& image = _images.emplace_back();
+            image.setStart(segment.location);
+            image.setSize(segment.length);
+            image.setName(nameOfSegment(segment.name));
+            image.setOwnerPath(owner.path);
+        }
+    });
+    // Stable, so that equal answers give equal reports.
+    std::ranges::stable_sort(_images, {}, &ZBImage::start);
+}
+
+void ZBUserProcess::_gatherMemoryData() {
+    constexpr std::size_t kUsualRegions = 256;  // What a program with some libraries has.
+    _memoryRegions.reserve(kUsualRegions);
+    const bool breakDown = breakDownPhysZorbel();
+    ZBImageEnumerator images(_images);
+    enumerateRegions([&](std::uint64_t address, std::uint64_t size, const RegionInfoRecord& record,
+                         int purgeableState, Name path) {
+        if (!_isInSharedRegion(address)) {
+            _memoryRegions.push_back(
+                _regionFromRecord(address, size, record, purgeableState, path, breakDown, images));
+            return false;
+        }
+        if (_addRegionsToArray(address, size, record, images)) return false;
+        _sayDataIsIncomplete();
+        return true;
+    });
+}
+
+ZBMemoryRegion ZBUserProcess::_newRegion(std::uint64_t start, std::uint64_t size,
+                                         const RegionInfoRecord& record) {
+    ZBMemoryRegion region;
+    region.setStart(start);
+    region.setSize(size);
+    region.setUser_tag(record.user_tag);
+    region.setObject_id(record.object_id);
+    region.setShare_mode(record.share_mode);
+    region.setOffset(record.offset);
+    return region;
+}
+
+ZBMemoryRegion ZBUserProcess::_regionFromRecord(std::uint64_t address, std::uint64_t size,
+                                                const RegionInfoRecord& record, int purgeableState, Name path,
+                                                bool breakDown, ZBImageEnumerator& images) const {
+    ZBMemoryRegion region = _newRegion(address, size, record);
+    region.setWiredSize(std::uint64_t{_pageSize} * record.user_wired_count);
+    _setSizes(region, record, purgeableState, breakDown);
+    if (const ZBImage* image = images.nextImageForStart(address, address + size)) {
+        region.setName(image->nameOfRegions());
+        region.setDetailedName(image->ownerPath());
+        region.setSegment(image->segment());
+    } else {
+        region.setSegment(SegmentCode::kNotInImage);
+        _setNames(region, record, purgeableState, path, breakDown);
+    }
+    return region;
+}
+
+void ZBUserProcess::_setSizes(ZBMemoryRegion& region, const RegionInfoRecord& record, int purgeableState,
+                              bool breakDown) const {
+    const std::uint64_t page = _pageSize;
+    if (purgeableState == kPurgeableEmpty) {
+        region.setReclaimableSize(region.size());
+        return;
+    }
+    if (purgeableState == kPurgeableVolatile) {
+        region.setReclaimableSize(page * record.pages_resident);
+        return;
+    }
+    // Memory without a file has nowhere to be read from again: whatever of it is resident is charged, even
+    // where the kernel has not marked it dirty.
+    const bool recalculate = record.external_pager == 0 && _anonymousDirtyRecalculation && !breakDown;
+    const std::uint32_t dirtyPages =
+        recalculate ? record.pages_resident - record.pages_reusable : record.pages_dirtied;
+    const std::uint32_t cleanPages = record.pages_resident - dirtyPages - record.pages_reusable;
+    region.setDirtySize(page * dirtyPages);
+    region.setReclaimableSize(page * record.pages_reusable);
+    region.setSwappedSize(page * record.pages_swapped_out);
+    region.setCleanNonSpecSize(page * cleanPages);
+}
+
+void ZBUserProcess::_setNames(ZBMemoryRegion& region, const RegionInfoRecord& record, int purgeableState,
+                              Name path, bool breakDown) {
+    static const Name kMappedFile("mapped file");
+    static const Name kUntagged("untagged (\"VM_ALLOCATE\")");
+    if (path.isPresent() || record.external_pager != 0) {
+        region.setName(kMappedFile);
+        region.setDetailedName(path);
+        return;
+    }
+    Name name = ZBMemoryRegion::categoryNameForTag(record.user_tag);
+    if (name.text().empty()) name = kUntagged;
+    if (purgeableState == kPurgeableNonVolatile && breakDown) {
+        region.setPurgeableNonVolatile(true);
+        name = Name(name.text() + " (purgeable non-volatile)");
+    }
+    region.setName(name);
+}
+
+}  // namespace zorbel

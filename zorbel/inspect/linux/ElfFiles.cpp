@@ -1,0 +1,77 @@
+#include "inspect/linux/ElfFiles.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "inspect/linux/ProcFiles.h"
+
+namespace zorbel {
+
+namespace {
+
+#ifndef RESOLVE_CACHED
+constexpr std::uint64_t RESOLVE_CACHED = 0x20;  // From Linux 5.12 on.
+#endif
+
+/// The file behind a region, whatever became of its name and in whatever mount namespace it is. Needs
+/// privileges over the whole system.
+FileDescriptor referToMappedFile(const SnapshotRegion& region, int processDirectory) {
+    char path[64];
+    std::snprintf(path, sizeof path, "map_files/%llx-%llx", static_cast<unsigned long long>(region.start),
+                  static_cast<unsigned long long>(region.end));
+    return FileDescriptor(openat(processDirectory, path, O_PATH | O_CLOEXEC));
+}
+
+/// The file of that name as the process sees it. A mapped file has its name and all directories above it in
+/// the kernel's cache, and no more is looked at: a directory on the way may be on a file system that hangs.
+FileDescriptor referToNamedFile(const SnapshotRegion& region, int processDirectory) {
+    const FileDescriptor root(openat(processDirectory, "root", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!root.isOpen()) return FileDescriptor();
+    open_how how{};
+    how.flags = O_PATH | O_CLOEXEC;
+    how.resolve = RESOLVE_IN_ROOT | RESOLVE_CACHED;
+    FileDescriptor file(
+        static_cast<int>(syscall(SYS_openat2, root.get(), region.path.c_str(), &how, sizeof how)));
+    struct stat status {};
+    // Another file may bear the name by now.
+    const bool isSame = file.isOpen() && fstat(file.get(), &status) == 0 && status.st_ino == region.inode;
+    return isSame ? std::move(file) : FileDescriptor();
+}
+
+/// Opens a regular file that was only referred to before: to open anything else may do things.
+FileDescriptor openRegularFile(const FileDescriptor& reference) {
+    struct stat status {};
+    if (!reference.isOpen() || fstat(reference.get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return FileDescriptor();
+    return openForReading(("/proc/self/fd/" + std::to_string(reference.get())).c_str(), AT_FDCWD);
+}
+
+}  // namespace
+
+ElfFiles::Answer ElfFiles::answerFor(const SnapshotRegion& region, int processDirectory) {
+    File* file = nullptr;
+    {
+        const std::lock_guard lock(_mutex);
+        File*& known = _fileOfId[region.fileId];
+        if (known == nullptr) known = &_files.emplace_back();
+        file = known;
+    }
+    const std::lock_guard lock(file->mutex);
+    if (file->kind == Kind::kUnreadable && region.fileUse == FileUse::kMayBeRead) {
+        FileDescriptor descriptor = openRegularFile(referToMappedFile(region, processDirectory));
+        if (!descriptor.isOpen()) descriptor = openRegularFile(referToNamedFile(region, processDirectory));
+        if (descriptor.isOpen()) {
+            auto layout = readElfLayout(descriptor.get());
+            file->kind = layout ? Kind::kElf : Kind::kOther;
+            if (layout) file->layout = *std::move(layout);
+        }
+    }
+    return {file->kind, &file->layout};
+}
+
+}  // namespace zorbel

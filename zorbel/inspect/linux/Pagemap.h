@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+
+#include "inspect/linux/ProcFiles.h"
+
+namespace zorbel {
+
+/// Where the pages of a process are, page by page, from /proc/PID/pagemap.
+class Pagemap {
+  public:
+    /// Of the process whose /proc directory is given.
+    explicit Pagemap(int processDirectory);
+
+    /// False when it may not be read.
+    [[nodiscard]] bool isOpen() const { return _file.isOpen(); }
+
+    /// Reads the dispositions (kPageQuery bits) of consecutive pages into the given room for them; the
+    /// address is that of a page's start. Pages of files are external where the caller says so. A page that
+    /// only shows the kernel's page of zeros is not the process's. Pages of shared memory that are in swap
+    /// can't be told from pages that were never there. Returns an errno or 0; no entry at all, as for a
+    /// process that has exited, is ESRCH.
+    int read(std::uint64_t address, std::uint64_t pages, bool isExternal, std::int32_t* dispositions);
+
+  private:
+    int _readSome(std::uint64_t address, std::uint64_t pages, bool isExternal, std::int32_t* dispositions);
+    void _forgetZeroPages(std::uint64_t address, std::uint64_t pages, std::int32_t* dispositions) const;
+
+    FileDescriptor _file;
+};
+
+}  // namespace zorbel
