@@ -35,19 +35,21 @@ FileDescriptor referToNamedFile(const SnapshotRegion& region, int processDirecto
     open_how how{};
     how.flags = O_PATH | O_CLOEXEC;
     how.resolve = RESOLVE_IN_ROOT | RESOLVE_CACHED;
-    FileDescriptor file(
+    return FileDescriptor(
         static_cast<int>(syscall(SYS_openat2, root.get(), region.path.c_str(), &how, sizeof how)));
-    struct stat status {};
-    // Another file may bear the name by now.
-    const bool isSame = file.isOpen() && fstat(file.get(), &status) == 0 && status.st_ino == region.inode;
-    return isSame ? std::move(file) : FileDescriptor();
 }
 
-/// Opens a regular file that was only referred to before: to open anything else may do things.
-FileDescriptor openRegularFile(const FileDescriptor& reference) {
-    struct stat status {};
-    if (!reference.isOpen() || fstat(reference.get(), &status) != 0 || !S_ISREG(status.st_mode))
-        return FileDescriptor();
+/// Opens the region's file, which was only referred to before: to open anything but a regular file may do
+/// things. Another file may bear the name by now, and where the process has run another program meanwhile, be
+/// mapped at the place.
+FileDescriptor openFileOf(const SnapshotRegion& region, const FileDescriptor& reference) {
+    struct statx status {};
+    // From the cache: what another file's file system is, is not known.
+    const bool isIt = reference.isOpen() &&
+                      statx(reference.get(), "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_TYPE | STATX_INO,
+                            &status) == 0 &&
+                      S_ISREG(status.stx_mode) && status.stx_ino == region.inode;
+    if (!isIt) return FileDescriptor();
     return openForReading(("/proc/self/fd/" + std::to_string(reference.get())).c_str(), AT_FDCWD);
 }
 
@@ -63,8 +65,8 @@ ElfFiles::Answer ElfFiles::answerFor(const SnapshotRegion& region, int processDi
     }
     const std::lock_guard lock(file->mutex);
     if (file->kind == Kind::kUnreadable && region.fileUse == FileUse::kMayBeRead) {
-        FileDescriptor descriptor = openRegularFile(referToMappedFile(region, processDirectory));
-        if (!descriptor.isOpen()) descriptor = openRegularFile(referToNamedFile(region, processDirectory));
+        FileDescriptor descriptor = openFileOf(region, referToMappedFile(region, processDirectory));
+        if (!descriptor.isOpen()) descriptor = openFileOf(region, referToNamedFile(region, processDirectory));
         if (descriptor.isOpen()) {
             auto layout = readElfLayout(descriptor.get());
             file->kind = layout ? Kind::kElf : Kind::kOther;
