@@ -113,7 +113,7 @@ TEST_F(RunDriverTest, WithoutAnyTargetLeftTheRunFails) {
     machine.hasProcessList = false;
     EXPECT_THAT(zorbel({"baker"}), FieldsAre(1, "", "Unable to obtain system process list\n" + nothing));
     // What is not supported yet is refused in one line.
-    for (const char* last : {"-j/nonexistent/x", "-s", "-v", "--corpsePid=1", "/dev/null"})
+    for (const char* last : {"-j/nonexistent/x", "-s", "--corpsePid=1", "/dev/null"})
         EXPECT_THAT(zorbel({"baker", last}),
                     FieldsAre(1, "", MatchesRegex("zorbel: this version does not [^\n]*\n")));
 }

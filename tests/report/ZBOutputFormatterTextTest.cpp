@@ -11,7 +11,7 @@ class ZBOutputFormatterTextTest : public CoordinatorTest {
         gather();
         zorbel->addOutputFormatter(std::make_shared<ZBOutputFormatterText>(machine, format, options));
         internal::CaptureStdout();
-        zorbel->printOutput(false);
+        zorbel->printOutputVerbose(false, false);
         return internal::GetCapturedStdout();
     }
 
@@ -139,6 +139,47 @@ TEST_F(ZBOutputFormatterTextTest, SizesInEachStyle) {
         fixed(1).add("heap", 10, bytes);
         EXPECT_THAT(report(format), HasSubstr("\tZorbel: " + std::string(text) + " (4096"));
     }
+}
+
+TEST_F(ZBOutputFormatterTextTest, ListingHasALineForEachRegion) {
+    FixedProcess& process = fixed(5);
+    process.add("later", 0x123456789ABC, 1).setStart(0x2000);
+    process.add("inner", 1, 0).setStart(0x1000);
+    ZBMemoryRegion& outer = process.add("outer", 0, 3 * kPage);
+    outer.setStart(0x1000);
+    outer.setSize(12345678 * std::uint64_t{kPage});
+    outer.setSwappedSize(1);
+    outer.setCleanNonSpecSize(2 * kPage);
+    outer.setReclaimableSize(kPage + 1);
+    outer.setWiredSize(5 * kPage);
+    outer.setDetailedName(Name("/a b"));
+    fixed(4);
+    const auto listing = [this](OutputOptions options) {
+        zorbel->addOutputFormatter(
+            std::make_shared<ZBOutputFormatterText>(machine, SummaryFormat::kBytes, options));
+        internal::CaptureStdout();
+        zorbel->printOutputVerbose(true, false);
+        const std::string text = internal::GetCapturedStdout();
+        return text.substr(0, text.find('='));
+    };
+    gather();
+    const std::string end =
+        "\n"
+        "fixed4 [4]\n\n"
+        "           start                end  [objectid]      VRT     DRT     CLN     RCL   tag (detail)\n"
+        "      ----------         ----------  ----------    -----   -----   -----   -----   ------------\n\n";
+    EXPECT_EQ(
+        listing(0),
+        "fixed5 [5]\n\n" + end.substr(end.find("  "), end.size() - end.find("  ") - 1) +
+            "            1000 -        bc614f000 [         0] 12345678       4       2       2   outer "
+            "/a b\n"
+            "            1000 -             2000 [         1]       1       0       0       0   inner \n"
+            "            2000 -             3000 [3456789abc]       1       1       0       0   later \n" +
+            end);
+    EXPECT_THAT(listing(kShowSwapped | kShowWired),
+                AllOf(HasSubstr("VRT     DRT     SWP     CLN     RCL    WIRE   tag (detail)\n"),
+                      HasSubstr("-----   -----   -----   -----   -----   -----   ---"),
+                      HasSubstr(" 12345678       4       1       2       2       5   outer")));
 }
 
 }  // namespace zorbel::test

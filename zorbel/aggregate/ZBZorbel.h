@@ -47,8 +47,11 @@ class ZBZorbel {
 
     void addOutputFormatter(std::shared_ptr<ZBOutputFormatter> formatter);
 
-    /// Sends the whole report to each formatter. Summarizing folds small categories into "Other".
-    void printOutput(bool summarize);
+    /// Sends the whole report to each formatter, verbose with the listings of all address spaces before it.
+    /// Summarizing folds small categories into "Other".
+    void printOutputVerbose(bool verbose, bool summarize);
+    /// Sends the listing of each process to each formatter.
+    void printLattixLikeOutputForProcesses(const std::vector<const ZBProcess*>& processes);
 
     [[nodiscard]] const std::vector<std::unique_ptr<ZBProcess>>& processes() const { return _processes; }
 

@@ -23,7 +23,6 @@ bool asksForMissingFeature(const CommandLine& commandLine) {
     const std::pair<bool, const char*> missing[] = {
         {settings.jsonPath.has_value(), "-j / --json"},
         {settings.skipIdleExitClean, "-s / --skip"},
-        {settings.lattixOutput, "-v"},
         {settings.corpseMode, "--corpsePid, --corpseName, --corpseDirtyFlags and --corpseProcFlags"},
     };
     for (const auto& [asked, options] : missing) {
@@ -161,7 +160,7 @@ int run(int argc, char* const argv[], Platform& platform) {
 
     zorbel.addOutputFormatter(
         std::make_shared<ZBOutputFormatterText>(platform, settings.summaryFormat, settings.outputOptions));
-    zorbel.printOutput(settings.summarize);
+    zorbel.printOutputVerbose(settings.lattixOutput, settings.summarize);
     return 0;
 }
 

@@ -10,7 +10,8 @@
 
 namespace zorbel {
 
-/// Renders a report. The coordinator calls a formatter in this order: for each process, largest zorbel first,
+/// Renders a report. The coordinator calls a formatter in this order: the listings of all address spaces, if
+/// they are wanted; for each process, largest zorbel first,
 /// the header pair with the total between (no total when the process has errors), then, for a process without
 /// errors, its own categories, one call for each group that it shares memory with, and its auxiliary data;
 /// after all processes the warnings and errors, the summary, the merged auxiliary data, and `end`, once.
@@ -45,6 +46,11 @@ class ZBOutputFormatter {
                                        const std::vector<Name>& /*sortedKeys*/,
                                        const ProcessGroup& /*sharedWith*/, const ZBProcess& /*process*/,
                                        const SizeTotals& /*total*/) {}
+
+    /// The address space of a process, its regions by ascending start. A formatter that has no listing leaves
+    /// this as it is.
+    virtual void printLattixLikeOutputForProcess(const ZBProcess& /*process*/,
+                                                 const std::vector<const ZBMemoryRegion*>& /*regions*/) {}
 };
 
 }  // namespace zorbel

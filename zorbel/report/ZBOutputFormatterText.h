@@ -31,6 +31,9 @@ class ZBOutputFormatterText final : public ZBOutputFormatter {
     void printSharedCategories(const Categories& categories, const std::vector<Name>& sortedKeys,
                                const ProcessGroup& sharedWith, const ZBProcess& process,
                                const SizeTotals& total) override;
+    /// In pages of the process, whatever the format.
+    void printLattixLikeOutputForProcess(const ZBProcess& process,
+                                         const std::vector<const ZBMemoryRegion*>& regions) override;
 
     /// The size, in bytes, in the chosen style. Pages are those of the process whose header was printed last.
     [[nodiscard]] std::string formattedStringForSize(std::uint64_t size) const;
@@ -45,6 +48,7 @@ class ZBOutputFormatterText final : public ZBOutputFormatter {
     void _printSizeRow(const SizeTotals& sizes, const char* category);
     void _printTable(const Categories& categories, const std::vector<Name>& sortedKeys,
                      const SizeTotals& total);
+    void _printListingRow(const ZBMemoryRegion& region, std::uint64_t pageSize);
     void _printNames(const char* title, const std::vector<const ZBProcess*>& processes);
     void _printAuxData(const ZBAuxDataDictionary& auxData, unsigned indent);
     void _printAuxBlock(const ZBAuxDataDictionary* auxData);

@@ -1,6 +1,7 @@
 // The sequence of calls that every formatter gets.
 
 #include <algorithm>
+#include <compare>
 #include <unordered_map>
 
 #include "aggregate/ZBZorbel.h"
@@ -75,14 +76,28 @@ void ZBZorbel::_printProcess(const ZBProcess& process, const GroupSummaries& sum
     for (const auto& formatter : _outputFormatters) formatter->printProcessAuxData(auxData.get());
 }
 
-void ZBZorbel::printOutput(bool summarize) {
+void ZBZorbel::printLattixLikeOutputForProcesses(const std::vector<const ZBProcess*>& processes) {
+    for (const ZBProcess* process : processes) {
+        std::vector<const ZBMemoryRegion*> regions;
+        regions.reserve(process->memoryRegions().size());
+        for (const ZBMemoryRegion& region : process->memoryRegions()) regions.push_back(&region);
+        std::stable_sort(regions.begin(), regions.end(),
+                         [](const auto* a, const auto* b) { return std::is_lt(a->compare(*b)); });
+        for (const auto& formatter : _outputFormatters)
+            formatter->printLattixLikeOutputForProcess(*process, regions);
+    }
+}
+
+void ZBZorbel::printOutputVerbose(bool verbose, bool summarize) {
     std::vector<const ZBProcess*> withWarnings;
     std::vector<const ZBProcess*> withErrors;
     std::shared_ptr<const ZBAuxDataDictionary> globalAuxData;
 
+    const std::vector<const ZBProcess*> processes = _getProcessListSortedByZorbel();
+    if (verbose) printLattixLikeOutputForProcesses(processes);
     const ZBZorbelSharingData sharing = _sharingData();
     const GroupSummaries summaries(sharing, summarize);
-    for (const ZBProcess* process : _getProcessListSortedByZorbel()) {
+    for (const ZBProcess* process : processes) {
         if (!process->warnings().empty()) withWarnings.push_back(process);
         if (!process->errors().empty())
             withErrors.push_back(process);
