@@ -1,6 +1,7 @@
 // Under whose name memory is reported.
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -8,8 +9,10 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 
 #include "e2e/Program.h"
 #include "fixtures/Fixture.h"
@@ -20,6 +23,7 @@
 namespace zorbel::e2e {
 namespace {
 
+using testing::AllOf;
 using testing::Contains;
 using testing::Key;
 using testing::Not;
@@ -100,6 +104,9 @@ TEST(ImageTest, ZeroedDataBelowAnotherMappingIsSplitToThePage) {
     const SwapDevice device;
     const Fixture fixture({[&] {
                                keepPagesSmall();
+                               // Fills the gaps where the library would fit.
+                               for (int i = 0; i < 256; ++i)
+                                   mmap(nullptr, 1 << 19, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
                                large = static_cast<char*>(mmap(nullptr, kLargePages * kPageSize,
                                                                PROT_READ | PROT_WRITE,
                                                                MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
@@ -157,18 +164,67 @@ TEST(ImageTest, DeletedLibraryInAnotherMountNamespace) {
     EXPECT_TRUE(std::filesystem::remove(directory));
 }
 
+/// Loads a file of a file system that then stops answering, and measures.
+void expectNamesOfUnreadable(const FuseFile& file, const std::string& path) {
+    const Fixture fixture({[&] { load(path); }});
+    file.stopAnswering();
+    const Outcome outcome = runZorbel(wide({fixture.pid()}), {"timeout", "-s", "KILL", "30", kZorbel});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.error, "");
+    for (const char* segment : {"__TEXT ", "__DATA ", "__DATA_CONST ", "__LINKEDIT "})
+        EXPECT_THAT(outcome.tableOf(fixture.pid()), Contains(Key(segment + path)));
+}
+
 TEST(ImageTest, FileSystemThatHangsIsNotAsked) {
     if (geteuid() != 0) GTEST_SKIP() << "takes root";
     const FuseFile file(kPlugin);
     if (!file.isMounted()) GTEST_SKIP() << "takes FUSE";
-    const Fixture fixture({[&] { load(file.path()); }});
-    file.stopAnswering();
-    const Outcome outcome = runZorbel(wide({fixture.pid()}), {"timeout", "30", kZorbel});
+    expectNamesOfUnreadable(file, file.path());
+}
+
+TEST(ImageTest, FileSystemThatHangsIsNotAskedThroughAnOverlay) {
+    if (geteuid() != 0) GTEST_SKIP() << "takes root";
+    const FuseFile file(kPlugin);
+    char point[] = "/tmp/overlay-XXXXXX";
+    ASSERT_NE(mkdtemp(point), nullptr);
+    const std::string layers =
+        "lowerdir=" + std::filesystem::path(file.path()).parent_path().string() + ":/usr";
+    const bool isMounted = file.isMounted() && mount("none", point, "overlay", 0, layers.c_str()) == 0;
+    const std::shared_ptr<void> putBack(nullptr, [&](void*) { umount2(point, MNT_DETACH), rmdir(point); });
+    if (!isMounted) GTEST_SKIP() << "takes FUSE and overlays";
+    expectNamesOfUnreadable(file, point + std::string("/plugin.so"));
+}
+
+TEST(ImageTest, LeaseOnAFileIsNotAwaited) {
+    char path[] = "/tmp/lease-XXXXXX";
+    check(close(mkstemp(path)) == 0, path);  // Nobody else may have it open.
+    std::filesystem::copy_file(kPlugin, path, std::filesystem::copy_options::overwrite_existing);
+    const Fixture fixture({[&] {
+        const int fd = open(path, O_RDWR);
+        check(mmap(nullptr, kPageSize, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0) != MAP_FAILED, "mmap");
+        // Who opens the file then waits for 45 s, or until the process is told and gives the lease back.
+        check(fcntl(fd, F_SETSIG, SIGWINCH) == 0 && fcntl(fd, F_SETLEASE, F_WRLCK) == 0, "lease");
+    }});
+    const Outcome outcome = runZorbel(wide({fixture.pid()}), {"timeout", "20", kZorbel});
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.error, "");
-    Table table = outcome.tableOf(fixture.pid());
-    for (const char* segment : {"__TEXT ", "__DATA ", "__DATA_CONST ", "__LINKEDIT "})
-        EXPECT_THAT(table, Contains(Key(segment + file.path())));
+    EXPECT_THAT(outcome.tableOf(fixture.pid()), Contains(Key(std::string("__TEXT ") + path)));
+    std::filesystem::remove(path);
+}
+
+TEST(ImageTest, HeapBesideASinglePageOfAProgramIsNotItsData) {
+    const std::string program = imageProgram("one-file-segment");
+    const Fixture fixture({[&] {
+        keepPagesSmall();
+        const int flags = MAP_PRIVATE | MAP_ANONYMOUS;
+        char* start =
+            static_cast<char*>(mmap(nullptr, 900 * kPageSize, PROT_READ | PROT_WRITE, flags, -1, 0));
+        const int fd = open(program.c_str(), O_RDONLY);
+        check(mmap(start, kPageSize, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_FIXED, fd, 0) == start, "mmap");
+        touch(start + kPageSize, 899);
+    }});
+    const Table table = tableOf(fixture);
+    EXPECT_GE(table.at(kUntagged).dirty, 899);
+    EXPECT_THAT(table, AllOf(Contains(Key("__TEXT " + program)), Not(Contains(Key("__DATA " + program)))));
 }
 
 TEST(ImageTest, NoAddressBelongsToALibraryCache) {

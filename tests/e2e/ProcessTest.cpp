@@ -152,8 +152,10 @@ TEST(ProcessTest, ZombieGetsAWarning) {
 
 TEST(ProcessTest, ProcessOutlivesItsMainThread) {
     const Region memory(8, MAP_SHARED, newFile(8));
+    alignas(4096) static volatile char zeroed[64 * 4096];
     const Fixture fixture({[&] {
         memory.touch(0, 8);
+        for (volatile char& byte : zeroed) byte = 1;
         std::thread([mainThread = pthread_self()] {
             pthread_join(mainThread, nullptr);
             kill(getpid(), SIGSTOP);
@@ -163,6 +165,8 @@ TEST(ProcessTest, ProcessOutlivesItsMainThread) {
     const Outcome outcome = measure({fixture.pid()});
     EXPECT_EQ(outcome.error, "");
     EXPECT_EQ(outcome.tableOf(fixture.pid())["memfd"], (Row{.dirty = 8, .regions = 1}));
+    EXPECT_GE(outcome.tableOf(fixture.pid())["__DATA " PROGRAM_DIR "/e2e-tests"].dirty,
+              static_cast<std::int64_t>(sizeof zeroed / kPageSize));
     // The number of the other thread is not that of a process.
     const std::string pid = std::to_string(fixture.pid());
     for (const auto& thread : std::filesystem::directory_iterator("/proc/" + pid + "/task")) {

@@ -188,5 +188,24 @@ TEST_F(RegionKindsTest, PagesAreSharedOrNot) {
     }
 }
 
+TEST(FileSystemsTest, OverlaysAreAsLocalAsTheirLayers) {
+    const auto kind = [](const std::string& options, bool areOurs = true) {
+        FileSystems fileSystems;
+        fileSystems.addMounts(
+            "1 0 4094:2 / / rw - ext4 /dev/vda rw\n2 0 4094:5 / /srv/far rw - nfs4 x:/ rw\n"
+            "3 0 4094:6 / /mnt rw shared:1 - overlay none rw," +
+                options + "\n",
+            areOurs);
+        return fileSystems.kindOf(makedev(4094, 6));
+    };
+    EXPECT_EQ(kind("lowerdir=/a:/srv/farther,upperdir=/c"), FileSystems::Kind::kLocal);
+    EXPECT_EQ(kind("lowerdir+=/a,lowerdir+=/b"), FileSystems::Kind::kLocal);
+    EXPECT_EQ(kind("lowerdir=/a,upperdir=/c", false), FileSystems::Kind::kRemote);
+    for (const char* options :
+         {"lowerdir=/a:/srv/far/b", "lowerdir=/a::/srv/far", "lowerdir=/a,upperdir=/srv/far", "lowerdir=a",
+          "lowerdir=/a\\:b", "lowerdir+=/srv/far/x", "index=off"})
+        EXPECT_EQ(kind(options), FileSystems::Kind::kRemote) << options;
+}
+
 }  // namespace
 }  // namespace zorbel::test

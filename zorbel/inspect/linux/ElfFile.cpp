@@ -11,8 +11,8 @@ namespace zorbel {
 
 namespace {
 
-/// Linkers write a dozen, and the kernel starts no program with more than fit into 64 KiB.
-constexpr std::size_t kMostHeaders = 1024;
+/// Linkers write a dozen or two.
+constexpr std::size_t kMostHeaders = 128;
 
 struct ElfEnd {
     void operator()(Elf* elf) const { elf_end(elf); }

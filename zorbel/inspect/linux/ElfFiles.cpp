@@ -4,6 +4,7 @@
 #include <linux/openat2.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -40,17 +41,20 @@ FileDescriptor referToNamedFile(const SnapshotRegion& region, int processDirecto
 }
 
 /// Opens the region's file, which was only referred to before: to open anything but a regular file may do
-/// things. Another file may bear the name by now, and where the process has run another program meanwhile, be
-/// mapped at the place.
-FileDescriptor openFileOf(const SnapshotRegion& region, const FileDescriptor& reference) {
+/// things. Another file may bear the name by now, even one on a file system that hangs, and where the process
+/// has run another program meanwhile, be mapped at the place.
+FileDescriptor openFileOf(const SnapshotRegion& region, const FileDescriptor& reference, bool isNamed) {
     struct statx status {};
     // From the cache: what another file's file system is, is not known.
-    const bool isIt = reference.isOpen() &&
-                      statx(reference.get(), "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_TYPE | STATX_INO,
-                            &status) == 0 &&
-                      S_ISREG(status.stx_mode) && status.stx_ino == region.inode;
-    if (!isIt) return FileDescriptor();
-    return openForReading(("/proc/self/fd/" + std::to_string(reference.get())).c_str(), AT_FDCWD);
+    if (!reference.isOpen() ||
+        statx(reference.get(), "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_TYPE | STATX_INO, &status) != 0)
+        return FileDescriptor();
+    const bool isDevice = makedev(status.stx_dev_major, status.stx_dev_minor) == region.device;
+    if (!S_ISREG(status.stx_mode) || status.stx_ino != region.inode || (isNamed && !isDevice))
+        return FileDescriptor();
+    // Whoever owns the file may hold a lease on it, for the end of which others wait.
+    return FileDescriptor(open(("/proc/self/fd/" + std::to_string(reference.get())).c_str(),
+                               O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
 }
 
 }  // namespace
@@ -65,8 +69,9 @@ ElfFiles::Answer ElfFiles::answerFor(const SnapshotRegion& region, int processDi
     }
     const std::lock_guard lock(file->mutex);
     if (file->kind == Kind::kUnreadable && region.fileUse == FileUse::kMayBeRead) {
-        FileDescriptor descriptor = openFileOf(region, referToMappedFile(region, processDirectory));
-        if (!descriptor.isOpen()) descriptor = openFileOf(region, referToNamedFile(region, processDirectory));
+        FileDescriptor descriptor = openFileOf(region, referToMappedFile(region, processDirectory), false);
+        if (!descriptor.isOpen())
+            descriptor = openFileOf(region, referToNamedFile(region, processDirectory), true);
         if (descriptor.isOpen()) {
             auto layout = readElfLayout(descriptor.get());
             file->kind = layout ? Kind::kElf : Kind::kOther;

@@ -28,8 +28,10 @@ class FileSystems {
     /// Adds the mounts that the process sees whose /proc directory is given.
     void addMountsOf(int processDirectory);
 
-    /// Adds the mounts that the text of a mountinfo lists.
-    void addMounts(std::string_view mountinfo);
+    /// Adds the mounts that the text of a mountinfo lists. An overlay is as local as its layers, which it
+    /// names by paths of whoever mounted it: those are believed in our own mounts only, where nobody but root
+    /// mounts anything, and an overlay that others list is remote.
+    void addMounts(std::string_view mountinfo, bool areOurs);
 
   private:
     std::mutex _mutex;

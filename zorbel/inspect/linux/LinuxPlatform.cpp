@@ -22,9 +22,9 @@ constexpr std::uint64_t k32BitAddressSpace = 0x100000000;
 constexpr KernReturn kErrnoBase = kernReturnFromErrno(0);
 
 /// Descriptors left free for standard streams and the like, and for each worker: it reads one file of a
-/// process at a time, or two, from a directory that it may have had to open.
+/// process at a time, or three, from a directory or two that it may have had to open.
 constexpr unsigned kSpareDescriptors = 32;
-constexpr unsigned kWorkerDescriptors = 4;
+constexpr unsigned kWorkerDescriptors = 6;
 
 constexpr const char* kSelfRegionZorbel = "vm.self_region_zorbel";
 

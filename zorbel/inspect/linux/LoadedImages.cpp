@@ -1,9 +1,9 @@
 #include "inspect/linux/LoadedImages.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <optional>
+
+#include "inspect/linux/PageSize.h"
 
 namespace zorbel {
 
@@ -24,11 +24,8 @@ const SegmentNames& names() {
     return kNames;
 }
 
-std::uint64_t pageStart(std::uint64_t address) {
-    static const auto kPageSize = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
-    return address & ~(kPageSize - 1);
-}
-std::uint64_t pageEnd(std::uint64_t address) { return pageStart(address + (pageStart(~0ULL) ^ ~0ULL)); }
+std::uint64_t pageStart(std::uint64_t address) { return address & ~(pageSize() - 1); }
+std::uint64_t pageEnd(std::uint64_t address) { return pageStart(address + pageSize() - 1); }
 
 bool isExecutable(const SnapshotRegion& region) { return (region.record.protection & kExecute) != 0; }
 
@@ -73,7 +70,7 @@ class LoadedImages::Finder {
             if (region.start < file.end) continue;
             if (!file.answer) file.answer = files.answerFor(region, processDirectory);
             if (file.answer->kind == ElfFiles::Kind::kElf)
-                file.end = std::max(file.end, _addByHeaders(region, *file.answer->layout));
+                file.end = std::max(file.end, _addByHeaders(region, *file.answer->layout, file.end));
             if (file.answer->kind == ElfFiles::Kind::kUnreadable && isExecutable(region))
                 file.end = _addByRegions(i);
         }
@@ -85,38 +82,61 @@ class LoadedImages::Finder {
         std::uint64_t end = 0;  ///< Of the file's image that was found last.
     };
 
-    /// Returns the image's end, or 0 when it is none.
-    std::uint64_t _addByHeaders(const SnapshotRegion& region, const ElfLayout& layout) {
+    /// Adds the segments that are mapped as the headers say, behind what is known of the file. Returns the
+    /// end of the last one, 0 when there is none.
+    std::uint64_t _addByHeaders(const SnapshotRegion& region, const ElfLayout& layout,
+                                std::uint64_t knownEnd) {
         const ElfSegment* anchor = segmentOf(region, layout);
         if (anchor == nullptr) return 0;
         const std::uint64_t slide =
             region.start - pageStart(anchor->address) - (region.record.offset - pageStart(anchor->offset));
-        // A segment may begin in the page where the one before ends.
-        std::uint64_t free = pageStart(layout.segments.front().address);
-        const auto addUpTo = [&](std::uint64_t end, Name name) {
-            if (end > free) _images._segments.push_back({slide + free, end - free, name});
-            free = std::max(free, end);
-        };
+        std::uint64_t end = 0;
         for (const ElfSegment& segment : layout.segments) {
-            free = std::max(free, pageStart(segment.address));
-            const std::uint64_t end = pageEnd(segment.end());
-            if (segment.isWritable) {
-                // The loader protects whole pages only.
-                const std::uint64_t relroStart = pageStart(layout.relroStart);
-                const std::uint64_t relroEnd = pageStart(layout.relroEnd);
-                const bool hasRelro = relroStart < end && relroEnd > free;
-                if (hasRelro) {
-                    addUpTo(std::max(relroStart, free), names().data);
-                    addUpTo(std::min(relroEnd, end), names().constantData);
-                }
-                addUpTo(end, names().data);
-            } else {
-                const bool isLinkedit = segment.offset == 0 && !segment.isExecutable;
-                addUpTo(end, isLinkedit ? names().linkedit : names().text);
-            }
+            // A segment may begin in the page where the one before ends.
+            const std::uint64_t start = std::max(slide + pageStart(segment.address), end);
+            const std::uint64_t segmentEnd = slide + pageEnd(segment.end());
+            if (start < knownEnd || segmentEnd <= start) continue;
+            const bool isLastOfSeveral = &segment == &layout.segments.back() && end != 0;
+            if (!_isMapped(segment, slide + pageStart(segment.address), region.fileId, isLastOfSeveral))
+                continue;
+            _addSegment(segment, layout, slide, start, segmentEnd);
+            end = segmentEnd;
         }
-        _images._owners.push_back({region.path, _images._segments.size()});
-        return slide + free;
+        if (end != 0) _images._owners.push_back({region.path, _images._segments.size()});
+        return end;
+    }
+
+    /// Whether the segment's first page is where it should be. Zeroed data that the file holds nothing of may
+    /// be anyone's: it is believed as the last segment, behind another one.
+    bool _isMapped(const ElfSegment& segment, std::uint64_t address, std::uint32_t fileId,
+                   bool mayBeZeroed) const {
+        const auto found = std::upper_bound(
+            _regions.begin(), _regions.end(), address,
+            [](std::uint64_t value, const SnapshotRegion& region) { return value < region.end; });
+        if (found == _regions.end() || found->start > address) return false;
+        if (segment.fileSize == 0) return mayBeZeroed && found->isPrivate && !found->path.isPresent();
+        return found->fileId == fileId &&
+               found->record.offset + (address - found->start) == pageStart(segment.offset);
+    }
+
+    void _addSegment(const ElfSegment& segment, const ElfLayout& layout, std::uint64_t slide,
+                     std::uint64_t start, std::uint64_t end) {
+        const auto addUpTo = [&](std::uint64_t partEnd, Name name) {
+            if (partEnd > start) _images._segments.push_back({start, partEnd - start, name});
+            start = std::max(start, partEnd);
+        };
+        if (!segment.isWritable) {
+            const bool isLinkedit = segment.offset == 0 && !segment.isExecutable;
+            return addUpTo(end, isLinkedit ? names().linkedit : names().text);
+        }
+        // The loader protects whole pages only.
+        const std::uint64_t relroStart = slide + pageStart(layout.relroStart);
+        const std::uint64_t relroEnd = slide + pageStart(layout.relroEnd);
+        if (relroStart < end && relroEnd > start) {
+            addUpTo(relroStart, names().data);
+            addUpTo(std::min(relroEnd, end), names().constantData);
+        }
+        addUpTo(end, names().data);
     }
 
     /// Takes the neighbouring regions of the same file for its segments. Returns the end of the last one.

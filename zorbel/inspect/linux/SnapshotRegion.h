@@ -20,6 +20,7 @@ struct SnapshotRegion {
     std::uint64_t end = 0;
     RegionInfoRecord record;
     Name path;                 ///< Of the mapped file, fit to be printed; absent for anonymous memory.
+    std::uint64_t device = 0;  ///< Of the mapped file, as makedev() makes it.
     std::uint64_t inode = 0;   ///< Of the mapped file.
     std::uint32_t fileId = 0;  ///< The object id of the mapped file; 0 when there is none.
     FileUse fileUse = FileUse::kNone;

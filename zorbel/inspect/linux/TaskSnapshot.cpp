@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 
+#include "inspect/linux/PageSize.h"
 #include "inspect/linux/ProcFiles.h"
 #include "inspect/linux/RegionKinds.h"
 
@@ -31,8 +32,7 @@ constexpr std::size_t kLongestPath = 1024;
 constexpr int kMostReadings = 3;
 
 std::uint32_t pagesOf(std::uint64_t kibibytes) {
-    static const auto kPageSize = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
-    return static_cast<std::uint32_t>(kibibytes * 1024 / kPageSize);
+    return static_cast<std::uint32_t>(kibibytes * 1024 / pageSize());
 }
 
 /// Whether the address space that an smaps was opened for is still there: afterwards it reads as nothing.
@@ -120,8 +120,12 @@ void TaskSnapshot::_readThroughOtherThreads(int processDirectory) {
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(fdopendir(threads), &closedir);
     while (const dirent* thread = directory ? readdir(directory.get()) : nullptr) {
         if (thread->d_name[0] == '.') continue;
-        _codeAtEnd = _read(processDirectory, (std::string("task/") + thread->d_name + "/smaps").c_str());
-        if (!_regions.empty()) return;
+        const std::string directoryOfThread = std::string("task/") + thread->d_name;
+        _codeAtEnd = _read(processDirectory, (directoryOfThread + "/smaps").c_str());
+        if (_regions.empty()) continue;
+        _thread = FileDescriptor(
+            openat(processDirectory, directoryOfThread.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        return;
     }
     _codeAtEnd = kMachSendInvalidDest;
 }
@@ -173,6 +177,7 @@ void TaskSnapshot::_addEntry(const SmapsEntry& entry, int processDirectory) {
                                            (entry.flags & SmapsEntry::kAccounted) != 0);
     if (!isFile) return;
     region.path = _file.path;
+    region.device = entry.device;
     region.inode = entry.inode;
     if (region.fileId != 0) region.fileUse = fileUseOf(kind, _file.fileSystem);
 }

@@ -9,6 +9,7 @@
 #include "inspect/linux/FileSystems.h"
 #include "inspect/linux/LoadedImages.h"
 #include "inspect/linux/ObjectIds.h"
+#include "inspect/linux/ProcFiles.h"
 #include "inspect/linux/Smaps.h"
 #include "inspect/linux/SnapshotRegion.h"
 #include "inspect/platform/Platform.h"
@@ -46,8 +47,14 @@ class TaskSnapshot {
     void _lookAtFile(const SmapsEntry& entry, int processDirectory);
     [[nodiscard]] FileSystems::Kind _kindOfFileSystem(const SmapsEntry& entry, int processDirectory);
 
+    /// The directory with the files about the address space.
+    [[nodiscard]] int _directoryOfMemory(int processDirectory) const {
+        return _thread.isOpen() ? _thread.get() : processDirectory;
+    }
+
     FileSystems& _fileSystems;
     ObjectIds& _objectIds;
+    FileDescriptor _thread;  ///< The /proc directory of a thread, where only threads show the memory.
     std::vector<SnapshotRegion> _regions;
     KernReturn _codeAtEnd = kKernInvalidAddress;
     mutable std::size_t _lastFound = 0;

@@ -1,12 +1,12 @@
 // What is found out about a snapshot's regions beyond its smaps: images, and single pages.
 
-#include <unistd.h>
+#include <fcntl.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <span>
 
+#include "inspect/linux/PageSize.h"
 #include "inspect/linux/Pagemap.h"
 #include "inspect/linux/RegionKinds.h"
 #include "inspect/linux/TaskSnapshot.h"
@@ -14,34 +14,6 @@
 namespace zorbel {
 
 namespace {
-
-std::uint64_t pageSize() {
-    static const auto kPageSize = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
-    return kPageSize;
-}
-
-/// Pages of a part of a region.
-struct PageCounts {
-    std::uint32_t resident = 0;
-    std::uint32_t own = 0;  ///< Resident, and no file's.
-    std::uint32_t swapped = 0;
-};
-
-PageCounts countPages(Pagemap& pagemap, const SnapshotRegion& part) {
-    constexpr std::uint64_t kAtOnce = 512;
-    std::array<std::int32_t, kAtOnce> dispositions;
-    PageCounts counts;
-    for (std::uint64_t at = part.start; at < part.end; at += kAtOnce * pageSize()) {
-        const std::uint64_t pages = std::min(kAtOnce, (part.end - at) / pageSize());
-        if (pagemap.read(at, pages, part.record.external_pager != 0, dispositions.data()) != 0) break;
-        for (const std::int32_t disposition : std::span(dispositions).first(pages)) {
-            if ((disposition & kPageQueryPresent) != 0) ++counts.resident;
-            if ((disposition & kPageQueryDirty) != 0) ++counts.own;
-            if ((disposition & kPageQueryPagedOut) != 0) ++counts.swapped;
-        }
-    }
-    return counts;
-}
 
 /// Moves pages from one count to another, as far as they are there: it was read a moment before.
 void move(std::uint32_t RegionInfoRecord::*count, std::uint32_t pages, RegionInfoRecord& from,
@@ -57,10 +29,12 @@ void sizeParts(std::span<SnapshotRegion> parts, Pagemap& pagemap) {
     SnapshotRegion& largest = *std::max_element(
         parts.begin(), parts.end(), [](const auto& a, const auto& b) { return a.size() < b.size(); });
     RegionInfoRecord& rest = largest.record;
+    const bool isEmpty = rest.pages_resident + rest.pages_swapped_out == 0;
     const bool isWired = rest.user_wired_count != 0;
     for (SnapshotRegion& part : parts) {
         if (&part == &largest) continue;
-        const PageCounts counts = countPages(pagemap, part);
+        const PageCounts counts =
+            isEmpty ? PageCounts() : pagemap.count(part.start, part.end, part.record.external_pager != 0);
         move(&RegionInfoRecord::pages_resident, counts.resident, rest, part.record);
         move(&RegionInfoRecord::pages_dirtied, counts.own, rest, part.record);
         move(&RegionInfoRecord::pages_swapped_out, counts.swapped, rest, part.record);
@@ -72,15 +46,15 @@ void sizeParts(std::span<SnapshotRegion> parts, Pagemap& pagemap) {
         RegionInfoRecord& record = part.record;
         record.user_wired_count = isWired ? record.pages_resident : 0;
         if (part.path.isPresent()) continue;
-        const bool isEmpty = record.pages_resident + record.pages_swapped_out == 0;
-        record.share_mode = isEmpty ? kShareModeEmpty : kShareModePrivate;
+        record.share_mode =
+            record.pages_resident + record.pages_swapped_out == 0 ? kShareModeEmpty : kShareModePrivate;
     }
 }
 
 }  // namespace
 
 LoadedImages TaskSnapshot::findImages(ElfFiles& files, int processDirectory) {
-    LoadedImages images = LoadedImages::inRegions(_regions, files, processDirectory);
+    LoadedImages images = LoadedImages::inRegions(_regions, files, _directoryOfMemory(processDirectory));
     std::vector<std::uint64_t> cuts;
     const auto cutAt = [&](std::uint64_t address) {
         const SnapshotRegion* region = regionAtOrAfter(address);
@@ -88,15 +62,15 @@ LoadedImages TaskSnapshot::findImages(ElfFiles& files, int processDirectory) {
         if (isInside && region->isPrivate && !region->isHuge) cuts.push_back(address);
     };
     const auto segments = images.segments();
+    /// Whether nothing changes where the segment ends and the next one begins.
+    const auto isContinued = [&](std::size_t i) {
+        return i + 1 < segments.size() &&
+               segments[i].location + segments[i].length == segments[i + 1].location &&
+               segments[i].name == segments[i + 1].name;
+    };
     for (std::size_t i = 0; i < segments.size(); ++i) {
-        const SymbolSegment& segment = segments[i];
-        const std::uint64_t end = segment.location + segment.length;
-        const bool isContinued = i + 1 < segments.size() && segments[i + 1].location == end &&
-                                 segments[i + 1].name == segment.name;
-        const bool continues = i > 0 && segments[i - 1].name == segment.name &&
-                               segments[i - 1].location + segments[i - 1].length == segment.location;
-        if (!continues) cutAt(segment.location);
-        if (!isContinued) cutAt(end);
+        if (i == 0 || !isContinued(i - 1)) cutAt(segments[i].location);
+        if (!isContinued(i)) cutAt(segments[i].location + segments[i].length);
     }
     if (!cuts.empty()) _split(std::move(cuts), processDirectory);
     return images;
@@ -105,7 +79,7 @@ LoadedImages TaskSnapshot::findImages(ElfFiles& files, int processDirectory) {
 void TaskSnapshot::_split(std::vector<std::uint64_t> cuts, int processDirectory) {
     std::sort(cuts.begin(), cuts.end());
     cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
-    Pagemap pagemap(processDirectory);
+    Pagemap pagemap(_directoryOfMemory(processDirectory));
     std::vector<SnapshotRegion> regions;
     regions.reserve(_regions.size() + cuts.size());
     auto cut = cuts.begin();
@@ -131,7 +105,7 @@ void TaskSnapshot::_split(std::vector<std::uint64_t> cuts, int processDirectory)
 KernReturn TaskSnapshot::queryPages(int processDirectory, std::uint64_t address, std::uint64_t count,
                                     std::int32_t* dispositions) const {
     std::fill_n(dispositions, count, 0);
-    Pagemap pagemap(processDirectory);
+    Pagemap pagemap(_directoryOfMemory(processDirectory));
     if (!pagemap.isOpen())
         return errno == ENOENT || errno == ESRCH ? kKernInvalidArgument : kernReturnFromErrno(errno);
     const std::uint64_t end = address + count * pageSize();
