@@ -4,9 +4,11 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstring>
 
 #include "cli/CommandLine.h"
 #include "support/ScriptedPlatform.h"
+#include "support/TestData.h"
 
 namespace zorbel::test {
 
@@ -113,9 +115,17 @@ TEST_F(RunDriverTest, WithoutAnyTargetLeftTheRunFails) {
     machine.hasProcessList = false;
     EXPECT_THAT(zorbel({"baker"}), FieldsAre(1, "", "Unable to obtain system process list\n" + nothing));
     // What is not supported yet is refused in one line.
-    for (const char* last : {"-j/nonexistent/x", "-s", "--corpsePid=1", "/dev/null"})
+    for (const char* last : {"--corpsePid=1", "/dev/null"})
         EXPECT_THAT(zorbel({"baker", last}),
                     FieldsAre(1, "", MatchesRegex("zorbel: this version does not [^\n]*\n")));
+}
+
+TEST_F(RunDriverTest, SkipsProcessesThatMayEndAtNoLoss) {
+    apprentice.dirtyFlags = kProcDirtyTracked | kProcDirtyAllowsIdleExit;
+    machine.process(5000004, "busy").dirtyFlags = 7;
+    EXPECT_EQ(reported(zorbel({"apprentice", "busy", "baker"})), "baker busy apprentice ");
+    EXPECT_EQ(reported(zorbel({"apprentice", "busy", "baker", "-s"})), "baker busy ");
+    EXPECT_THAT(zorbel({"-s", "apprentice"}), FieldsAre(0, HasSubstr("Summary Zorbel: 0 B\n"), ""));
 }
 
 TEST_F(RunDriverTest, BreakdownModeIsSetBeforeProcessesAreMeasured) {
@@ -181,27 +191,10 @@ TEST(CommandLineTest, OptionsAreTakenInBothSpellings) {
     EXPECT_THAT(targets.positionalArguments, ElementsAre("mill", "-p"));
 }
 
-constexpr const char* kUsage =
-    "Gather memory information about a process or set of processes\n"
-    "Usage: zorbel [args] [proc/pid/memgraph [proc/pid/memgraph [...]]]\n"
-    "\t-a, --all \t\t\t\ttarget all processes\n"
-    "\t-j, --json <file> \t\t\tprint json output to a file\n"
-    "\t-h, --help \t\t\t\tprint this output\n"
-    "\t-p, --proc, --pid [proc/pid] \t\ttarget pid or process (or interpret for -p)\n"
-    "\t-x, --exclude [proc/pid] \t\texclude pid or process\n"
-    "\t-s, --skip \t\t\t\tskip processes that are idle-exit clean\n"
-    "\t-v \t\t\t\t\tlattix-like output of address space layout\n"
-    "\t-f, --format (bytes|formatted|pages) \tchange size formatting preference (default: formatted)\n"
-    "\t-y, --summary\t\t\t\tprint only dirty regions, and always exclude __TEXT, __DATA and __LINKEDIT "
-    "regions\n"
-    "\t-w, --wide\t\t\t\tshow wide output with all columns (implies --swapped --wired)\n"
-    "\t--swapped\t\t\t\tshow swapped/compressed column\n"
-    "\t--wired\t\t\t\t\tshow wired column\n";
-
 TEST(CommandLineTest, ErrorsEndTheRunInTheOrderOfTheArguments) {
     ScriptedPlatform machine;
     const Outcome help = runOn(machine, {"nobody", "--help", "-f", "bad"});
-    EXPECT_THAT(help, FieldsAre(0, kUsage, ""));
+    EXPECT_THAT(help, FieldsAre(0, testData("usage.txt"), ""));
     const std::string badFormat =
         "Unrecognized argument to -f / --format.\n\nAccepted arguments: 'bytes', 'formatted', 'pages'.\n";
     const std::string badPid =

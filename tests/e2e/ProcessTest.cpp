@@ -167,6 +167,7 @@ TEST(ProcessTest, ProcessOutlivesItsMainThread) {
     EXPECT_EQ(outcome.tableOf(fixture.pid())["memfd"], (Row{.dirty = 8, .regions = 1}));
     EXPECT_GE(outcome.tableOf(fixture.pid())["__DATA " PROGRAM_DIR "/e2e-tests"].dirty,
               static_cast<std::int64_t>(sizeof zeroed / kPageSize));
+    EXPECT_THAT(outcome.output, HasSubstr("\n\tphys_zorbel: "));
     // The number of the other thread is not that of a process.
     const std::string pid = std::to_string(fixture.pid());
     for (const auto& thread : std::filesystem::directory_iterator("/proc/" + pid + "/task")) {

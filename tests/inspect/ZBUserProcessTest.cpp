@@ -1,6 +1,8 @@
 #include "inspect/ZBUserProcess.h"
 
 #include <array>
+#include <boost/json/serialize.hpp>
+#include <boost/json/value.hpp>
 #include <span>
 #include <sstream>
 #include <tuple>
@@ -124,6 +126,32 @@ TEST_F(ZBUserProcessTest, RegionsOfImagesAreNamedAfterThem) {
     ZBImage image;
     for (const char* name : {"__TEXT", "__OBJC"}) image.setName(Name(name));
     EXPECT_EQ(image.segment(), SegmentCode::kText);  // Of the last name that has a code.
+}
+
+TEST_F(ZBUserProcessTest, FiguresOfTheProcessAsAWhole) {
+    const auto expectFigures = [this](const std::string& expected) {
+        gather();
+        EXPECT_EQ(boost::json::serialize(process->auxData()->jsonRepresentation()), expected);
+    };
+    const std::string none = R"({"Kernel memory":{"KPRVT":0,"KSHRD":0}})";
+    expectFigures(none);
+    baker.charges = {0, 4096};
+    expectFigures(none);
+    baker.charges = {UINT64_MAX, 4096};
+    baker.kernelMemory = {4096, 8192, 7, 2};
+    expectFigures(R"({"Kernel memory":{"KPRVT":-4096,"KSHRD":5},"phys_zorbel":-1,"phys_zorbel_peak":4096})");
+    const ZBIdleExitStatus statuses[] = {ZBIdleExitStatus::kNotIdleExit, ZBIdleExitStatus::kNotIdleExit,
+                                         ZBIdleExitStatus::kNotIdleExit, ZBIdleExitStatus::kIdleExitClean,
+                                         ZBIdleExitStatus::kNotIdleExit, ZBIdleExitStatus::kNotIdleExit,
+                                         ZBIdleExitStatus::kNotIdleExit, ZBIdleExitStatus::kIdleExitDirty};
+    for (baker.dirtyFlags = 0; baker.dirtyFlags < 16; ++baker.dirtyFlags) {
+        gather();
+        EXPECT_EQ(process->idleExitStatus(), statuses[baker.dirtyFlags % 8]) << baker.dirtyFlags;
+    }
+    baker.dirtyFlags = 3;
+    baker.hasFigures = false;  // What can't be read is as if there were nothing.
+    expectFigures(none);
+    EXPECT_EQ(process->idleExitStatus(), ZBIdleExitStatus::kNotIdleExit);
 }
 
 TEST_F(ZBUserProcessTest, SharedRegionLiesWhereTheKindOfMachineHasIt) {

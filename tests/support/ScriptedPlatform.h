@@ -37,6 +37,10 @@ struct ScriptedProcess {
     KernReturn lookupCode = kKernSuccess;
     int shortRecordError = 0;
     std::uint32_t state = BsdShortInfoRecord::kStateRunning;
+    KernelMemoryRecord kernelMemory;
+    ResourceUsageRecord charges;
+    std::uint32_t dirtyFlags = 0;
+    bool hasFigures = true;  ///< Whether the three can be read.
     std::map<std::uint64_t, ScriptedRegion> regions;
     /// Maps that are nested into the process: one entry from the top, in place of the regions inside.
     std::map<std::uint64_t, ScriptedRegion> nestedMaps;
@@ -135,6 +139,22 @@ class ScriptedPlatform : public Platform, private Symbolicator {
     KernReturn task_for_pid(std::int32_t pid, TaskName& task) override {
         task = static_cast<TaskName>(pid);
         return _find(pid)->openCode;
+    }
+
+    KernReturn task_info(TaskName task, KernelMemoryRecord& record) override {
+        record = _ofTask(task).kernelMemory;
+        return _ofTask(task).hasFigures ? kKernSuccess : kKernFailure;
+    }
+
+    int proc_pid_rusage(TaskName task, ResourceUsageRecord& record) override {
+        record = _ofTask(task).charges;
+        return _ofTask(task).hasFigures ? 0 : ESRCH;
+    }
+
+    int proc_get_dirty(std::int32_t pid, std::uint32_t& flags) override {
+        if (!_find(pid)->hasFigures) return ESRCH;
+        flags = _find(pid)->dirtyFlags;
+        return 0;
     }
 
     KernReturn mach_vm_region_recurse(TaskName task, std::uint64_t& address, std::uint64_t& size,

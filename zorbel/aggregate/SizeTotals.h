@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "model/ZBMemoryCategory.h"
+
 namespace zorbel {
 
 /// The totals of a table: bytes, and a number of regions.
@@ -13,5 +15,11 @@ struct SizeTotals {
     std::uint64_t totalWiredSize = 0;
     std::uint32_t totalRegions = 0;
 };
+
+inline SizeTotals totalsOf(const ZBMemoryCategory& category) {
+    return {category.totalDirtySize(), category.totalSwappedSize(),
+            category.totalCleanSize(), category.totalReclaimableSize(),
+            category.totalWiredSize(), static_cast<std::uint32_t>(category.totalRegions())};
+}
 
 }  // namespace zorbel

@@ -15,6 +15,9 @@ std::unique_ptr<ZBUserProcess> ZBUserProcess::userProcessWithBsdInfo(Platform& p
 bool ZBUserProcess::initWithBsdInfo(const BsdInfoRecord& record) {
     if (!ZBProcess::initWithBsdInfo(record)) return false;
     _setSharedRegionFromPlatform(_platform.platformOfProcesses(_is64bit));
+    _gatherKernelMemory();
+    _gatherPhysZorbel();
+    _gatherIdleExitStatus();
     return true;
 }
 

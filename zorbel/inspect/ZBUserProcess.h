@@ -31,7 +31,9 @@ class ZBUserProcess : public ZBProcess {
 
     void gatherData() override;
 
-    [[nodiscard]] std::shared_ptr<const ZBAuxDataDictionary> auxData() const override { return nullptr; }
+    /// The charges that the system itself keeps, left out where it tells none, and the kernel's memory on
+    /// behalf of a process that is alive. Read when the process was opened.
+    [[nodiscard]] std::shared_ptr<const ZBAuxDataDictionary> auxData() const override;
 
   protected:
     explicit ZBUserProcess(Platform& platform) : ZBProcess(platform) {}
@@ -39,6 +41,13 @@ class ZBUserProcess : public ZBProcess {
     bool initWithBsdInfo(const BsdInfoRecord& record) override;
     bool _populateTask() override;
     [[nodiscard]] bool _isAlive() const override { return true; }
+
+    // What fails leaves its figures as they were.
+    void _gatherKernelMemory();
+    void _gatherPhysZorbel();
+    virtual void _gatherIdleExitStatus();
+    /// From kProcDirty bits.
+    void _setIdleExitStatusFromDirtyFlags(std::uint32_t flags);
 
     /// Fills the images, sorted by start.
     virtual void _gatherImageData();
@@ -72,6 +81,11 @@ class ZBUserProcess : public ZBProcess {
     std::uint32_t _sharedRegionAlignmentSize = 4096;
     /// Whether all resident memory without a file counts as dirty, save what may be reused.
     bool _anonymousDirtyRecalculation = true;
+    // Bytes.
+    std::uint64_t _phys_zorbel = 0;
+    std::uint64_t _phys_zorbel_peak = 0;
+    std::int64_t _kprvt = 0;
+    std::int64_t _kshrd = 0;
 
   private:
     [[nodiscard]] bool _isInSharedRegion(std::uint64_t address) const {

@@ -31,12 +31,6 @@ constexpr std::size_t kMostMembersNamed = 20;
 constexpr const char* kRule = "==========";
 constexpr const char* kDashes = "---";
 
-SizeTotals sizesOf(const ZBMemoryCategory& category) {
-    return {category.totalDirtySize(), category.totalSwappedSize(),
-            category.totalCleanSize(), category.totalReclaimableSize(),
-            category.totalWiredSize(), static_cast<std::uint32_t>(category.totalRegions())};
-}
-
 }  // namespace
 
 std::string ZBOutputFormatterText::formattedStringForSize(std::uint64_t size) const {
@@ -96,7 +90,7 @@ void ZBOutputFormatterText::_printTable(const Categories& categories, const std:
                                         const SizeTotals& total) {
     _printWordRow("Dirty", "(Swapped)", "Clean", "Reclaimable", "(Wired)", "Regions", "Category");
     _printDashes();
-    for (const Name key : sortedKeys) _printSizeRow(sizesOf(*categories.at(key)), key.c_str());
+    for (const Name key : sortedKeys) _printSizeRow(totalsOf(*categories.at(key)), key.c_str());
     _printDashes();
     _printSizeRow(total, "TOTAL");
 }

@@ -9,39 +9,17 @@
 
 #include "inspect/linux/ProcFiles.h"
 #include "inspect/linux/ProcessStat.h"
+#include "inspect/linux/ProcessStatus.h"
 #include "inspect/linux/Smaps.h"
+#include "support/TestData.h"
 
 namespace zorbel::test {
 namespace {
 
 // As the kernel printed them, with figures that tell the fields apart. Of others there are a few only, or one
 // has outgrown its column.
-const std::string kEntry =
-    R"(556c3323b000-556c3323f000 r-xp 00004000 fe:10 247767                     /usr/lib/a name\012of two lines (deleted)
-Rss:                  16 kB
-Pss_Dirty:            77 kB
-Shared_Dirty:          8 kB
-Private_Dirty:        12 kB
-Anonymous:            24 kB
-LazyFree:             20 kB
-Shared_Hugetlb:     2048 kB
-Private_Hugetlb:    4096 kB
-Swap:                 28 kB
-SwapPss:              77 kB
-VmFlags: rd ex mr mw me lo ac 
-)";
-const std::string kOthers =
-    R"(7f6afec00000-7f6afee00000 rw-s 00000000 00:11 6                          /SYSV00000000 (deleted)
-Rss:                   0 kB
-Private_Hugetlb:    2048 kB
-VmFlags: rd wr sh mr mw ms de ht 
-7ffe2cc5c000-7ffe2cc7d000 rw-p 00000000 00:00 0 
-Rss:            17179869184 kB
-VmFlags: rd wr mr mw me pf 
-ffffffffff600000-ffffffffff601000 --xp 00000000 00:00 0                  [vsyscall]
-Rss:                   0 kB
-VmFlags: ex 
-)";
+const std::string kEntry = testData("smaps-entry.txt");
+const std::string kOthers = testData("smaps-others.txt");
 
 std::string textOf(const SmapsEntry& entry) {
     char text[256];
@@ -110,6 +88,15 @@ TEST(ProcTextTest, StatWithAHostileName) {
     for (const char* broken :
          {"", "1 (a", "1 a) S 1", ") S (", "1 (a)", "1 (a) S", "1 (a) S 1 2 3", "1 (a) S x"})
         EXPECT_FALSE(parseProcessStat(broken).has_value()) << broken;
+}
+
+TEST(ProcTextTest, StatusWithAHostileName) {
+    const auto status = parseProcessStatus(testData("status.txt"));
+    ASSERT_TRUE(status.has_value());
+    EXPECT_EQ(status->charge(), (112 + 1024 + 8388608 + 2048) * 1024UL);
+    EXPECT_EQ(std::tuple(status->residentPeak, status->pageTables, status->threads),
+              std::tuple(1640 * 1024U, 44 * 1024U, 13U));
+    EXPECT_FALSE(parseProcessStatus("Name:\tgone\nState:\tZ (zombie)\nThreads:\t1\n").has_value());
 }
 
 TEST(ProcTextTest, PrintableTextsKeepWhatIsSafeToPrint) {

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <thread>
 
+#include "inspect/linux/PageSize.h"
 #include "inspect/linux/ProcessStat.h"
 
 namespace zorbel {
@@ -52,6 +53,13 @@ void copyText(char (&field)[size], const std::string& text) {
 bool isThread(std::int32_t pid) {
     const FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     return !process.isOpen() && (errno == EINVAL || errno == ENOENT);
+}
+
+/// Bytes of the stack that a thread has in the kernel: THREAD_SIZE of the architectures in use, 8 KiB where
+/// words have 32 bits, else 16 KiB or one page.
+std::uint64_t kernelStackSize() {
+    constexpr std::uint64_t kStackSize = sizeof(void*) == 8 ? 16384 : 8192;
+    return std::max(kStackSize, pageSize());
 }
 
 BsdInfoRecord recordOfKernel() {
@@ -183,6 +191,42 @@ KernReturn LinuxPlatform::task_for_pid(std::int32_t pid, TaskName& task) {
     _tasks.push_back(std::move(opened));
     task = static_cast<TaskName>(_tasks.size());
     return kKernSuccess;
+}
+
+const ProcessStatus* LinuxPlatform::_statusOf(Task& task) {
+    if (task.status) return &*task.status;
+    const TaskDirectory directory(task);
+    if (directory.get() < 0) return nullptr;
+    const auto read = [&](const std::string& path) {
+        const auto text = readWholeFile(path.c_str(), directory.get());
+        if (text) task.status = parseProcessStatus(*text);
+        return task.status.has_value();
+    };
+    // The first thread may have ended before the others.
+    if (!read("status"))
+        anyThread(directory.get(), [&](const std::string& thread) { return read(thread + "/status"); });
+    return task.status ? &*task.status : nullptr;
+}
+
+KernReturn LinuxPlatform::task_info(TaskName task, KernelMemoryRecord& record) {
+    const ProcessStatus* status = _statusOf(_taskNamed(task));
+    if (status == nullptr) return kMachSendInvalidDest;
+    record = {};
+    record.total_palloc = status->pageTables + status->threads * kernelStackSize();
+    return kKernSuccess;
+}
+
+int LinuxPlatform::proc_pid_rusage(TaskName task, ResourceUsageRecord& record) {
+    const ProcessStatus* status = _statusOf(_taskNamed(task));
+    if (status == nullptr) return ESRCH;
+    record.ri_phys_zorbel = status->charge();
+    record.ri_lifetime_max_phys_zorbel = std::max(status->charge(), status->residentPeak);
+    return 0;
+}
+
+int LinuxPlatform::proc_get_dirty(std::int32_t /*pid*/, std::uint32_t& flags) {
+    flags = 0;
+    return 0;
 }
 
 TaskSnapshot& LinuxPlatform::_snapshotOf(Task& task, int processDirectory) {

@@ -3,12 +3,14 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "inspect/linux/FileSystems.h"
 #include "inspect/linux/ObjectIds.h"
 #include "inspect/linux/ProcFiles.h"
+#include "inspect/linux/ProcessStatus.h"
 #include "inspect/linux/TaskSnapshot.h"
 #include "inspect/platform/Platform.h"
 #include "inspect/platform/Symbolicator.h"
@@ -43,6 +45,15 @@ class LinuxPlatform : public Platform, private Symbolicator {
     /// will say so. Otherwise an errno's code.
     KernReturn task_for_pid(std::int32_t pid, TaskName& task) override;
 
+    /// From /proc/PID/status, read once for both: the page tables and the stacks that threads have in the
+    /// kernel; nothing of that counts as freed, nor as shared.
+    KernReturn task_info(TaskName task, KernelMemoryRecord& record) override;
+    /// Anonymous and shared memory that is resident, anonymous memory in swap, and huge pages. The kernel
+    /// keeps no peak of that: the most that was resident stands for it.
+    int proc_pid_rusage(TaskName task, ResourceUsageRecord& record) override;
+    /// Linux ends no idle processes.
+    int proc_get_dirty(std::int32_t pid, std::uint32_t& flags) override;
+
     /// From a snapshot of /proc/PID/smaps, taken when it is needed first and given back at the end of the
     /// walk, when a look-up finds nothing more.
     KernReturn mach_vm_region_recurse(TaskName task, std::uint64_t& address, std::uint64_t& size,
@@ -69,11 +80,14 @@ class LinuxPlatform : public Platform, private Symbolicator {
         std::int32_t pid = 0;
         std::uint64_t startTime = 0;
         FileDescriptor directory;
+        std::optional<ProcessStatus> status;
         std::unique_ptr<TaskSnapshot> snapshot;
     };
     class TaskDirectory;
 
     Task& _taskNamed(TaskName task) { return _tasks[task - 1]; }
+    /// Null when the process has no memory any more.
+    const ProcessStatus* _statusOf(Task& task);
     TaskSnapshot& _snapshotOf(Task& task, int processDirectory);
 
     FileSystems _fileSystems;

@@ -1,5 +1,6 @@
 #include "inspect/linux/ProcFiles.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 
 namespace zorbel {
 
@@ -90,6 +92,15 @@ std::optional<std::string> readLink(const char* path, int directory) {
     const ssize_t length = readlinkat(directory, path, buffer.data(), buffer.size());
     if (length < 0) return std::nullopt;
     return std::string(buffer.data(), static_cast<std::size_t>(length));
+}
+
+bool anyThread(int processDirectory, const std::function<bool(const std::string& directory)>& visit) {
+    const int threads = openat(processDirectory, "task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (threads < 0) return false;
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(fdopendir(threads), &closedir);
+    while (const dirent* thread = directory ? readdir(directory.get()) : nullptr)
+        if (thread->d_name[0] != '.' && visit(std::string("task/") + thread->d_name)) return true;
+    return false;
 }
 
 std::string printable(std::string_view text, std::size_t mostBytes) {

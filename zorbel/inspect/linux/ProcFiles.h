@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -37,6 +38,10 @@ std::optional<std::string> readWholeFile(const char* path, int directory);
 
 /// The target of a symbolic link; nothing on failure, for which errno tells why.
 std::optional<std::string> readLink(const char* path, int directory);
+
+/// Calls with the directory of each thread of a process, relative to the process's, until that returns true;
+/// whether it has.
+bool anyThread(int processDirectory, const std::function<bool(const std::string& directory)>& visit);
 
 /// A text from a process, safe to print on a terminal: control characters and bytes that are not UTF-8 become
 /// \xNN.

@@ -1,6 +1,5 @@
 #include "inspect/linux/TaskSnapshot.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -115,19 +114,14 @@ TaskSnapshot::TaskSnapshot(int processDirectory, FileSystems& fileSystems, Objec
 /// The first thread of a process may exit before the others. The process is a zombie then that has memory,
 /// which only the other threads show.
 void TaskSnapshot::_readThroughOtherThreads(int processDirectory) {
-    const int threads = openat(processDirectory, "task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (threads < 0) return;
-    const std::unique_ptr<DIR, int (*)(DIR*)> directory(fdopendir(threads), &closedir);
-    while (const dirent* thread = directory ? readdir(directory.get()) : nullptr) {
-        if (thread->d_name[0] == '.') continue;
-        const std::string directoryOfThread = std::string("task/") + thread->d_name;
-        _codeAtEnd = _read(processDirectory, (directoryOfThread + "/smaps").c_str());
-        if (_regions.empty()) continue;
-        _thread = FileDescriptor(
-            openat(processDirectory, directoryOfThread.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        return;
-    }
-    _codeAtEnd = kMachSendInvalidDest;
+    const bool isRead = anyThread(processDirectory, [&](const std::string& directory) {
+        _codeAtEnd = _read(processDirectory, (directory + "/smaps").c_str());
+        if (_regions.empty()) return false;
+        _thread =
+            FileDescriptor(openat(processDirectory, directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        return true;
+    });
+    if (!isRead) _codeAtEnd = kMachSendInvalidDest;
 }
 
 KernReturn TaskSnapshot::_read(int processDirectory, const char* path) {

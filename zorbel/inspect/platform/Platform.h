@@ -23,8 +23,9 @@ constexpr KernReturn kernReturnFromErrno(int error) { return 0xC000 + static_cas
 /// Everything that the inspectors ask of a machine, in the terms of the kernel calls that they are written
 /// against.
 ///
-/// Calls that take a pid, and task_for_pid, are made from one thread. Calls that take a task are made from
-/// the worker that gathers that task, several workers at once for different tasks.
+/// Calls that take a pid, task_for_pid, task_info and proc_pid_rusage are made from one thread, before any
+/// task is gathered. The other calls that take a task are made from the worker that gathers that task,
+/// several workers at once for different tasks.
 class Platform {
   public:
     Platform() = default;
@@ -57,6 +58,17 @@ class Platform {
 
     /// Opens a process. The handle is kTaskNull unless kKernSuccess is returned.
     virtual KernReturn task_for_pid(std::int32_t pid, TaskName& task) = 0;
+
+    /// The kernel's memory on behalf of a task. On failure the record may be left as it was.
+    virtual KernReturn task_info(TaskName task, KernelMemoryRecord& record) = 0;
+
+    /// What the process that the task stands for is charged, now and at most in its life. 0 or an errno; on
+    /// failure the record may be left as it was.
+    virtual int proc_pid_rusage(TaskName task, ResourceUsageRecord& record) = 0;
+
+    /// Whether the process may be ended while it is idle (kProcDirty bits). 0 or an errno; on failure the
+    /// flags stay as they were.
+    virtual int proc_get_dirty(std::int32_t pid, std::uint32_t& flags) = 0;
 
     /// The first leaf region that ends above the address. The address moves to the region's start, which may
     /// be below it. kKernInvalidAddress when there is none, kMachSendInvalidDest when the process has exited.

@@ -27,6 +27,26 @@ struct BsdShortInfoRecord {
     std::uint32_t pbsi_status = 0;
 };
 
+/// Memory of the kernel on behalf of a task, in bytes: allocated for it alone or for several to share, and
+/// how much of that was freed again.
+struct KernelMemoryRecord {
+    std::uint64_t total_palloc = 0;
+    std::uint64_t total_pfree = 0;
+    std::uint64_t total_salloc = 0;
+    std::uint64_t total_sfree = 0;
+};
+
+/// What the system itself charges a process for, in bytes.
+struct ResourceUsageRecord {
+    std::uint64_t ri_phys_zorbel = 0;
+    std::uint64_t ri_lifetime_max_phys_zorbel = 0;
+};
+
+/// How the system may end an idle process, as a sum of bits.
+inline constexpr std::uint32_t kProcDirtyTracked = 0x1;
+inline constexpr std::uint32_t kProcDirtyAllowsIdleExit = 0x2;
+inline constexpr std::uint32_t kProcDirtyIsDirty = 0x4;
+
 /// One region of an address space as a leaf look-up returns it. Page counts are in pages of the kernel's page
 /// size.
 struct RegionInfoRecord {
