@@ -128,6 +128,17 @@ TEST_F(RunDriverTest, SkipsProcessesThatMayEndAtNoLoss) {
     EXPECT_THAT(zorbel({"-s", "apprentice"}), FieldsAre(0, HasSubstr("Summary Zorbel: 0 B\n"), ""));
 }
 
+TEST_F(RunDriverTest, UnwritableDocumentLeavesTheTextComplete) {
+    const std::string text = zorbel({"baker"}).out;
+    const std::pair<std::string, int> rows[] = {
+        {"/dev/full", ENOSPC}, {"/", EISDIR}, {"/nonexistent/x", ENOENT}, {"", ENOENT}};
+    for (const auto& [path, error] : rows)
+        EXPECT_THAT(zorbel({"baker", "-j", path}),
+                    FieldsAre(0, text,
+                              "Unable to serialize/write JSON data due to error: " + path + ": " +
+                                  std::strerror(error) + "\n"));
+}
+
 TEST_F(RunDriverTest, BreakdownModeIsSetBeforeProcessesAreMeasured) {
     apprentice.maps(
         0x1000,

@@ -9,6 +9,7 @@
 #include "aggregate/ZBZorbel.h"
 #include "cli/CommandLine.h"
 #include "inspect/BreakDownMode.h"
+#include "report/ZBOutputFormatterJSON.h"
 #include "report/ZBOutputFormatterText.h"
 
 namespace zorbel {
@@ -19,8 +20,11 @@ constexpr int kFailure = 1;
 
 /// Says so where the command line asks for what this version cannot do yet; nothing asked for is ignored.
 bool asksForMissingFeature(const CommandLine& commandLine) {
-    if (!commandLine.settings.corpseMode && !commandLine.settings.jsonPath) return false;
-    std::fputs("zorbel: this version does not support -j and the options of corpses.\n", stderr);
+    if (!commandLine.settings.corpseMode) return false;
+    std::fputs(
+        "zorbel: this version does not support --corpsePid, --corpseName, --corpseDirtyFlags and "
+        "--corpseProcFlags.\n",
+        stderr);
     return true;
 }
 
@@ -151,6 +155,8 @@ int run(int argc, char* const argv[], Platform& platform) {
 
     zorbel.addOutputFormatter(
         std::make_shared<ZBOutputFormatterText>(platform, settings.summaryFormat, settings.outputOptions));
+    if (settings.jsonPath)
+        zorbel.addOutputFormatter(std::make_shared<ZBOutputFormatterJSON>(platform, *settings.jsonPath));
     zorbel.printOutputVerbose(settings.lattixOutput, settings.summarize);
     return 0;
 }

@@ -1,0 +1,58 @@
+// The report for programs, and whether it is of the form that its schema promises.
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "e2e/Program.h"
+#include "fixtures/Fixture.h"
+
+namespace zorbel::e2e {
+namespace {
+
+/// Checks documents with a program that is not ours.
+Outcome validate(Words paths) {
+    paths.insert(paths.begin(), SOURCE_DIR "/docs/report.schema.json");
+    return runZorbel(paths, {SOURCE_DIR "/tests/validate-json"});
+}
+
+TEST(JsonTest, RealReportsAreOfTheFormThatTheSchemaTells) {
+    if (runZorbel({"-c", "import jsonschema"}, {"python3"}).status != 0)
+        GTEST_SKIP() << "takes python3-jsonschema";
+    const std::filesystem::path directory = testing::TempDir() + "json-" + std::to_string(getpid());
+    std::filesystem::create_directory(directory);
+    const Region memory(7, MAP_SHARED, newFile(7));
+    const std::string shell = directory / "evil\x1B\"\\\n\xFF";
+    std::filesystem::copy_file("/bin/sh", shell);
+    const Fixture first({[&] { memory.touch(0, 7); }});
+    const Fixture second({[&] { memory.touch(0, 7); }});
+    const Fixture hostile({[&] { execl(shell.c_str(), "sh", "-c", "kill -STOP $$", nullptr); }});
+    Fixture shade;
+    shade.kill(false);
+
+    Words all;
+    for (const pid_t pid : {first.pid(), second.pid(), hostile.pid(), shade.pid()})
+        all.push_back(std::to_string(pid));
+    const std::vector<Words> rows = {
+        all, {"--physZorbel", all[2]}, {"-s", "-y", all[0], "--pid", "1"}, {geteuid() == 0 ? "-a" : all[0]}};
+    Words documents;
+    for (Words arguments : rows) {
+        const Outcome text = runZorbel(arguments);
+        documents.push_back(directory / (std::to_string(documents.size()) + ".json"));
+        arguments.insert(arguments.end(), {"-j", documents.back()});
+        const Outcome both = runZorbel(arguments);
+        EXPECT_EQ(both.status, 0);
+        EXPECT_EQ(both.error, text.error);
+        if (arguments[0] == "-a") continue;  // Others run on.
+        EXPECT_EQ(both.output, text.output);
+    }
+    EXPECT_EQ(validate(documents).output, "");
+    EXPECT_EQ(validate(documents).status, 0);
+    std::ofstream(documents[0]) << R"({"processes": [{}]})";
+    EXPECT_THAT(validate(documents).output, testing::HasSubstr("'pid' is a required property"));
+    std::filesystem::remove_all(directory);
+}
+
+}  // namespace
+}  // namespace zorbel::e2e
