@@ -1,0 +1,43 @@
+# What "cmake --install" puts where, and the Debian package that "cpack" makes of the same files.
+
+include(GNUInstallDirs)
+
+# Installing takes the program only, so it must not wait for tests and benchmarks.
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
+install(TARGETS zorbel)
+
+set(manual ${CMAKE_SOURCE_DIR}/man/zorbel.1)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${manual})
+file(ARCHIVE_CREATE OUTPUT ${CMAKE_BINARY_DIR}/zorbel.1.gz PATHS ${manual}
+    FORMAT raw COMPRESSION GZip COMPRESSION_LEVEL 9 MTIME "1970-01-01 UTC")
+install(FILES ${CMAKE_BINARY_DIR}/zorbel.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+
+install(FILES README.md CHANGELOG.md docs/report.schema.json DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+set(completions ${CMAKE_SOURCE_DIR}/completions)
+install(FILES ${completions}/zorbel.bash
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME zorbel)
+install(FILES ${completions}/zorbel.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+# Debian's zsh looks in one place for what packages bring and in another for what is installed beside them.
+install(CODE "
+    set(directory site-functions)
+    if(CMAKE_INSTALL_PREFIX STREQUAL /usr AND EXISTS /etc/debian_version)
+        set(directory vendor-completions)
+    endif()
+    file(INSTALL ${completions}/_zorbel
+        DESTINATION \${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/zsh/\${directory})")
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_CONTACT "The zorbel developers <zorbel@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "tells what processes are charged for memory, and who shares it")
+set(CPACK_PACKAGE_DESCRIPTION
+"zorbel reports how many bytes processes are really charged for: the dirty and
+swapped bytes of every memory object that they map, by category, by program and
+library, and by the exact group of processes that shares them. Memory that
+several processes map counts once.")
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS jq)
+include(CPack)
