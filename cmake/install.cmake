@@ -24,8 +24,8 @@ install(CODE "
     if(CMAKE_INSTALL_PREFIX STREQUAL /usr AND EXISTS /etc/debian_version)
         set(directory vendor-completions)
     endif()
-    file(INSTALL ${completions}/_zorbel
-        DESTINATION \${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/zsh/\${directory})")
+    file(INSTALL \"${completions}/_zorbel\"
+        DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/zsh/\${directory}\")")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "The zorbel developers <zorbel@localhost>")
