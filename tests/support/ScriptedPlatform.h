@@ -100,6 +100,17 @@ class ScriptedPlatform : public Platform, private Symbolicator {
     /// Kind of the machine; where none is told, ARM of the processes' word size.
     std::optional<ZBPlatform> kind;
 
+    // The kernel's account of its own memory, and what was given back of it.
+    std::vector<ZoneNameRecord> zoneNames;
+    std::vector<ZoneInfoRecord> zones;
+    std::vector<MemoryInfoRecord> kernelRecords;
+    KernReturn memoryInfoCode = kKernSuccess;
+    KernReturn deallocateCode = kKernSuccess;
+    std::vector<std::pair<const void*, std::uint64_t>> released;
+    std::vector<KernelModuleInfo> modules;
+    std::map<std::uint64_t, std::string> kernelSymbols;
+    std::map<std::uint64_t, SourceLocation> kernelSources;
+
     std::uint32_t vm_kernel_page_size() const override { return pageSize; }
 
     ZBPlatform platformOfProcesses(bool is64bit) const override {
@@ -205,6 +216,26 @@ class ScriptedPlatform : public Platform, private Symbolicator {
         return _ofTask(task).regions.at(address).path;
     }
 
+    KernReturn mach_memory_info(KernelMemoryAccount& account) override {
+        account = {zoneNames, zones, kernelRecords};
+        return memoryInfoCode;
+    }
+
+    KernReturn vm_deallocate(const void* address, std::uint64_t size) override {
+        released.emplace_back(address, size);
+        return deallocateCode;
+    }
+
+    std::vector<KernelModuleInfo> OSKextCopyLoadedKextInfo() override { return modules; }
+
+    std::optional<std::string> nameOfKernelSymbol(std::uint64_t address) override {
+        return valueAt(kernelSymbols, address);
+    }
+
+    std::optional<SourceLocation> sourceOfKernelAddress(std::uint64_t address) override {
+        return valueAt(kernelSources, address);
+    }
+
     int sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) override {
         if (std::string(name) != "vm.self_region_zorbel") return ENOENT;
         if (sysctlError != 0) return sysctlError;
@@ -218,6 +249,12 @@ class ScriptedPlatform : public Platform, private Symbolicator {
     }
 
   private:
+    template <typename Value>
+    static std::optional<Value> valueAt(const std::map<std::uint64_t, Value>& values, std::uint64_t key) {
+        const auto found = values.find(key);
+        return found == values.end() ? std::nullopt : std::optional(found->second);
+    }
+
     /// The first that ends above the address: by its last byte, since the end of the last of all may be 0.
     static KernReturn _lookUp(const std::map<std::uint64_t, ScriptedRegion>& regions, std::uint64_t& address,
                               std::uint64_t& size, RegionInfoRecord& record) {

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "inspect/BreakDownMode.h"
+#include "inspect/ZBKernelProcess.h"
 #include "inspect/ZBUserProcess.h"
 
 namespace zorbel {
@@ -26,8 +27,8 @@ std::optional<std::string> pathInArgumentArea(const std::string& area) {
 }  // namespace
 
 std::unique_ptr<ZBProcess> ZBProcess::processWithBsdInfo(Platform& platform, const BsdInfoRecord& record) {
-    // The kernel is no process with regions of its own: there is nothing to walk.
-    if ((record.pbi_flags & BsdInfoRecord::kFlagSystem) != 0) return nullptr;
+    if ((record.pbi_flags & BsdInfoRecord::kFlagSystem) != 0)
+        return ZBKernelProcess::kernelProcessWithBsdInfo(platform, record);
     return ZBUserProcess::userProcessWithBsdInfo(platform, record);
 }
 

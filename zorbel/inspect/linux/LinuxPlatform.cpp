@@ -55,13 +55,6 @@ bool isThread(std::int32_t pid) {
     return !process.isOpen() && (errno == EINVAL || errno == ENOENT);
 }
 
-/// Bytes of the stack that a thread has in the kernel: THREAD_SIZE of the architectures in use, 8 KiB where
-/// words have 32 bits, else 16 KiB or one page.
-std::uint64_t kernelStackSize() {
-    constexpr std::uint64_t kStackSize = sizeof(void*) == 8 ? 16384 : 8192;
-    return std::max(kStackSize, pageSize());
-}
-
 BsdInfoRecord recordOfKernel() {
     BsdInfoRecord record;
     record.pbi_flags = BsdInfoRecord::kFlagSystem | BsdInfoRecord::kFlag64Bit;
@@ -293,6 +286,31 @@ Name LinuxPlatform::proc_regionfilename(TaskName task, std::uint64_t address) {
     if (!opened.snapshot) return {};
     const SnapshotRegion* region = opened.snapshot->regionAtOrAfter(address);
     return region != nullptr && region->start <= address ? region->path : Name();
+}
+
+KernReturn LinuxPlatform::mach_memory_info(KernelMemoryAccount& account) {
+    KernelTexts texts;
+    if (const int error = readKernelTexts(texts)) return kernReturnFromErrno(error);
+    _kernelMemory = std::make_unique<KernelMemory>(texts, pageSize());
+    account = _kernelMemory->account();
+    return kKernSuccess;
+}
+
+KernReturn LinuxPlatform::vm_deallocate(const void* address, std::uint64_t size) {
+    const bool isKnown = size == 0 || (_kernelMemory && _kernelMemory->release(address));
+    return isKnown ? kKernSuccess : kKernInvalidAddress;
+}
+
+std::vector<KernelModuleInfo> LinuxPlatform::OSKextCopyLoadedKextInfo() {
+    return _kernelMemory ? _kernelMemory->modules() : std::vector<KernelModuleInfo>();
+}
+
+std::optional<std::string> LinuxPlatform::nameOfKernelSymbol(std::uint64_t address) {
+    return _kernelMemory ? _kernelMemory->symbolOfSite(address) : std::nullopt;
+}
+
+std::optional<SourceLocation> LinuxPlatform::sourceOfKernelAddress(std::uint64_t address) {
+    return _kernelMemory ? _kernelMemory->sourceOfSite(address) : std::nullopt;
 }
 
 int LinuxPlatform::sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "inspect/linux/FileSystems.h"
+#include "inspect/linux/KernelMemory.h"
 #include "inspect/linux/ObjectIds.h"
 #include "inspect/linux/ProcFiles.h"
 #include "inspect/linux/ProcessStatus.h"
@@ -70,6 +71,15 @@ class LinuxPlatform : public Platform, private Symbolicator {
     KernReturn mach_vm_purgable_control(TaskName task, std::uint64_t address, int& state) override;
     Name proc_regionfilename(TaskName task, std::uint64_t address) override;
 
+    /// From slabinfo, vmallocinfo, modules, meminfo and zoneinfo under /proc, and the statistics of zram.
+    KernReturn mach_memory_info(KernelMemoryAccount& account) override;
+    KernReturn vm_deallocate(const void* address, std::uint64_t size) override;
+    /// From /proc/modules, as the account was made.
+    std::vector<KernelModuleInfo> OSKextCopyLoadedKextInfo() override;
+    std::optional<std::string> nameOfKernelSymbol(std::uint64_t address) override;
+    /// From /proc/allocinfo, which few kernels have.
+    std::optional<SourceLocation> sourceOfKernelAddress(std::uint64_t address) override;
+
     int sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) override;
     [[nodiscard]] std::string mach_error_string(KernReturn code) const override;
 
@@ -93,6 +103,7 @@ class LinuxPlatform : public Platform, private Symbolicator {
     FileSystems _fileSystems;
     ElfFiles _elfFiles;
     ObjectIds _objectIds;
+    std::unique_ptr<KernelMemory> _kernelMemory;  ///< Once the kernel has been asked.
     /// Grows only while processes are opened, before any of them is gathered.
     std::deque<Task> _tasks;
     /// Descriptors from this number on are not kept.

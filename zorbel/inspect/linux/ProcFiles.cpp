@@ -13,30 +13,11 @@
 #include <cstdio>
 #include <memory>
 
+#include "model/Utf8.h"
+
 namespace zorbel {
 
 namespace {
-
-bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
-
-/// Length of the UTF-8 sequence that a text begins with; 0 when it is malformed, overlong, a surrogate or
-/// above the last character.
-std::size_t utf8Length(std::string_view text) {
-    const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned char lead = byte(0);
-    if (lead < 0x80) return 1;
-    const std::size_t length = lead >= 0xC2 && lead <= 0xDF   ? 2
-                               : (lead & 0xF0) == 0xE0        ? 3
-                               : lead >= 0xF0 && lead <= 0xF4 ? 4
-                                                              : 0;
-    if (length == 0 || text.size() < length) return 0;
-    for (std::size_t i = 1; i < length; ++i)
-        if (!isContinuation(byte(i))) return 0;
-    const unsigned char second = byte(1);
-    if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second > 0x9F)) return 0;
-    if ((lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second > 0x8F)) return 0;
-    return length;
-}
 
 /// Whether a terminal may act on the character: the ASCII controls, and U+0080 to U+009F, which some
 /// terminals take for escape sequences.
@@ -126,6 +107,13 @@ std::optional<unsigned long long> takeNumber(std::string_view& text, int base) {
     if (error != std::errc()) return std::nullopt;
     text.remove_prefix(static_cast<std::size_t>(end - text.data()));
     return value;
+}
+
+std::optional<unsigned long long> numberBehind(std::string_view text, std::string_view label) {
+    const std::size_t found = text.find(label);
+    if (found == std::string_view::npos) return std::nullopt;
+    text.remove_prefix(found + label.size());
+    return takeNumber(text);
 }
 
 }  // namespace zorbel

@@ -52,4 +52,7 @@ std::string printable(std::string_view text, std::size_t mostBytes = std::string
 /// are what the files under /proc are made of.
 std::optional<unsigned long long> takeNumber(std::string_view& text, int base = 10);
 
+/// The number right behind the first such label of a text, blanks aside; nothing when there is none.
+std::optional<unsigned long long> numberBehind(std::string_view text, std::string_view label);
+
 }  // namespace zorbel

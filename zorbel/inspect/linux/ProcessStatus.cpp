@@ -4,19 +4,8 @@
 
 namespace zorbel {
 
-namespace {
-
-/// The number behind a label that begins a line. A process can't forge one: newlines in its name are escaped.
-std::optional<std::uint64_t> numberBehind(std::string_view text, std::string_view label) {
-    const std::size_t found = text.find(label);
-    if (found == std::string_view::npos) return std::nullopt;
-    text.remove_prefix(found + label.size());
-    return takeNumber(text);
-}
-
-}  // namespace
-
 std::optional<ProcessStatus> parseProcessStatus(std::string_view text) {
+    // A process can't forge a line: newlines in its name are escaped.
     struct Field {
         std::string_view label;
         std::uint64_t ProcessStatus::*value;

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "inspect/platform/KernelRecords.h"
 #include "inspect/platform/Records.h"
 #include "inspect/platform/Symbolicator.h"
 #include "model/Name.h"
@@ -91,6 +92,16 @@ class Platform {
 
     /// Path of the file mapped at an address, fit to be printed; absent when there is none.
     virtual Name proc_regionfilename(TaskName task, std::uint64_t address) = 0;
+
+    /// The kernel's account of its own memory. What it lends is to be given back with vm_deallocate, array by
+    /// array.
+    virtual KernReturn mach_memory_info(KernelMemoryAccount& account) = 0;
+
+    /// Gives so many bytes back that another call has lent.
+    virtual KernReturn vm_deallocate(const void* address, std::uint64_t size) = 0;
+
+    /// The kernel modules that are loaded; none where the system does not tell.
+    virtual std::vector<KernelModuleInfo> OSKextCopyLoadedKextInfo() = 0;
 
     /// Reads or sets, where newValue is given, an integer setting of the tool's own process. 0 or an errno,
     /// ENOENT when the system has no such setting.

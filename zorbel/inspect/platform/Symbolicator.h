@@ -2,7 +2,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
+#include <string>
 
 #include "model/Name.h"
 
@@ -26,7 +28,13 @@ struct SymbolOwner {
     std::span<const SymbolSegment> segments;
 };
 
-/// Tells what a machine knows of programs and libraries.
+/// A place in the source of a program.
+struct SourceLocation {
+    std::string path;
+    unsigned line = 0;
+};
+
+/// Tells what a machine knows of programs and libraries, and of its kernel.
 class Symbolicator {
   public:
     Symbolicator() = default;
@@ -39,6 +47,13 @@ class Symbolicator {
     /// before it looks at regions.
     virtual void forEachSymbolOwner(TaskName task,
                                     const std::function<void(const SymbolOwner&)>& consume) = 0;
+
+    /// The symbol of the running kernel that holds the address; nothing when there is none. Called, as the
+    /// next one, from the worker that gathers the kernel, while the kernel's account is lent.
+    virtual std::optional<std::string> nameOfKernelSymbol(std::uint64_t address) = 0;
+
+    /// Where in its source the kernel has the address; nothing when that is not known.
+    virtual std::optional<SourceLocation> sourceOfKernelAddress(std::uint64_t address) = 0;
 };
 
 }  // namespace zorbel

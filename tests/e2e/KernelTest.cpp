@@ -1,0 +1,90 @@
+// The kernel of this machine as a target.
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "e2e/Program.h"
+#include "fixtures/Fixture.h"
+
+namespace zorbel::e2e {
+namespace {
+
+using testing::Ge;
+using testing::HasSubstr;
+using testing::Le;
+
+/// Figures of /proc/meminfo, in pages.
+std::map<std::string, std::int64_t> machineMemory() {
+    std::map<std::string, std::int64_t> figures;
+    std::ifstream file("/proc/meminfo");
+    std::string item;
+    for (std::int64_t kibibytes = 0; file >> item >> kibibytes; file.ignore(99, '\n'))
+        figures[item] = kibibytes * 1024 / static_cast<std::int64_t>(kPageSize);
+    return figures;
+}
+
+class KernelTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (geteuid() != 0) GTEST_SKIP() << "takes root";
+    }
+};
+
+TEST_F(KernelTest, HasWhatIsNeitherFreeNorTheUsersAndAtLeastWhatItTellsItself) {
+    const Row total = measure({0}).tableOf(0)["TOTAL"];
+    auto memory = machineMemory();
+    const std::int64_t users = memory["AnonPages:"] + memory["Hugetlb:"];
+    const std::int64_t cache = memory["Cached:"] + memory["SwapCached:"] + memory["Buffers:"];
+    EXPECT_LE(total.dirty, memory["MemTotal:"] - memory["MemFree:"] - users - cache);
+    const std::int64_t own =
+        memory["Slab:"] + memory["PageTables:"] + memory["KernelStack:"] + memory["Percpu:"];
+    EXPECT_GE(total.dirty + total.reclaimable,
+              own * 98 / 100);  // Of slabs, what is not in use is reclaimable.
+}
+
+TEST_F(KernelTest, ZoneGrowsAndShrinksWithItsObjects) {
+    constexpr int kNames = 100000;
+    constexpr std::int64_t kPages = kNames / 50;  // At least 80 bytes each.
+    const std::filesystem::path directory = testing::TempDir() + "names-" + std::to_string(getpid());
+    const auto dentries = [] { return measure({0}).tableOf(0)["dentry"].dirty; };
+    std::filesystem::create_directory(directory);
+    const std::int64_t before = dentries();
+    struct stat status {};
+    for (int i = 0; i < kNames; ++i)
+        stat((directory / std::to_string(i)).c_str(), &status);  // Kept as missing.
+    const std::int64_t full = dentries();
+    std::filesystem::remove(directory);
+    EXPECT_THAT(full - before, Ge(kPages));
+    EXPECT_THAT(dentries() - full, Le(-kPages));
+}
+
+TEST_F(KernelTest, IsFoundInEveryWay) {
+    const Fixture fixture;
+    const std::pair<Words, bool> rows[] = {
+        {{"kernel"}, false}, {{"-p", "0"}, false}, {{"-a"}, true}, {{"-t", "--pid", "0"}, true}};
+    for (const auto& [words, isAll] : rows) {
+        const std::string output = runZorbel(words).output;
+        EXPECT_THAT(output, HasSubstr("\nkernel [0]: 64-bit\tZorbel: "));
+        EXPECT_THAT(output, HasSubstr("\n\tMaps:\n\t\tVM_KERN_COUNT_MANAGED: "));
+        EXPECT_EQ(output.find(headerOf(fixture.pid())) != std::string::npos, isAll);
+    }
+    EXPECT_THAT(runZorbel({"-v", "kernel"}).output, HasSubstr("   dentry zone\n"));
+}
+
+TEST_F(KernelTest, TakesRoot) {
+    const std::filesystem::path copy = "/tmp/zorbel-" + std::to_string(getpid());
+    std::filesystem::copy_file(kZorbel, copy);
+    const Outcome outcome =
+        runZorbel({"--pid", "0"}, {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", copy});
+    std::filesystem::remove(copy);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.error, "kernel [0]: mach_memory_info: Permission denied\n");
+    EXPECT_THAT(outcome.output, HasSubstr("No results gathered.\n\tkernel [0]: Permission denied\n"));
+}
+
+}  // namespace
+}  // namespace zorbel::e2e

@@ -1,0 +1,280 @@
+#include "inspect/linux/KernelMemory.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+#include <unordered_map>
+#include <utility>
+
+#include "inspect/linux/PageSize.h"
+#include "inspect/linux/ProcFiles.h"
+
+namespace zorbel {
+
+namespace {
+
+using Record = MemoryInfoRecord;
+
+// Allocation tags and page counters, numbered as the inspector names them.
+constexpr std::uint64_t kStackTag = 8;
+constexpr std::uint64_t kCpuTag = 9;
+constexpr std::uint64_t kPageTableTag = 11;
+constexpr std::uint64_t kZoneTag = 12;
+constexpr std::uint64_t kKallocTag = 13;
+constexpr std::uint64_t kCompressorTag = 14;
+constexpr std::uint64_t kManagedCount = 0;
+constexpr std::uint64_t kReservedCount = 1;
+constexpr std::uint64_t kWiredCount = 2;
+constexpr std::uint64_t kMapKernelCount = 6;
+constexpr std::uint64_t kMapZoneCount = 7;
+constexpr std::uint64_t kOwnCount = 11;  ///< From here on, names of our own.
+
+/// Who allocates the stacks of threads and the memory of modules, in one version of the kernel or another.
+constexpr std::string_view kStackAllocators[] = {
+    "_do_fork",         "alloc_thread_stack_node", "copy_process",
+    "create_io_thread", "dup_task_struct",         "fork_idle",
+    "kernel_clone",     "kernel_thread",           "user_mode_thread"};
+constexpr std::string_view kModuleAllocators[] = {"layout_and_allocate", "load_module", "module_alloc",
+                                                  "module_memory_alloc", "move_module"};
+
+template <std::size_t size>
+bool isOneOf(const std::string_view (&names)[size], std::string_view name) {
+    return std::find(std::begin(names), std::end(names), name) != std::end(names);
+}
+
+/// Takes the text up to a separator away, and the separator with it.
+std::string_view takeUpTo(std::string_view& text, char separator) {
+    const std::size_t end = std::min(text.find(separator), text.size());
+    const std::string_view taken = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    return taken;
+}
+
+std::string_view takeLine(std::string_view& text) { return takeUpTo(text, '\n'); }
+
+/// The next word, behind any blanks; empty at the end.
+std::string_view takeWord(std::string_view& text) {
+    text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
+    return takeUpTo(text, ' ');
+}
+
+template <std::size_t size>
+void copyText(char (&field)[size], std::string_view text) {
+    const std::string shown = printable(text, size);
+    std::memcpy(field, shown.data(), shown.size());
+}
+
+/// The sum of the figures behind a word that begins lines; 0 where none begins so.
+std::uint64_t sumBehind(std::string_view text, std::string_view word) {
+    std::uint64_t sum = 0;
+    while (!text.empty()) {
+        std::string_view line = takeLine(text);
+        if (takeWord(line) == word) sum += takeNumber(line).value_or(0);
+    }
+    return sum;
+}
+
+/// Bytes of an item of meminfo, which counts KiB.
+std::uint64_t sizeIn(std::string_view meminfo, const std::string& item) {
+    return sumBehind(meminfo, item + ":") * 1024;
+}
+
+}  // namespace
+
+KernelMemory::KernelMemory(const KernelTexts& texts, std::uint64_t pageSize) {
+    _addZones(texts.slabinfo, pageSize);
+    _addModules(texts.modules);
+    _addFunctions(texts.vmallocinfo, pageSize);
+    _findSources(texts.allocinfo);
+    _addTags(texts);
+    _addCounters(texts, pageSize);
+}
+
+MemoryInfoRecord& KernelMemory::_add(std::uint64_t flags, std::uint64_t site, std::uint64_t size) {
+    Record& record = _records.emplace_back();
+    record.flags = flags;
+    record.site = site;
+    record.size = size;
+    if ((flags & (Record::kWired | Record::kHidden)) == Record::kWired) _wiredSize += size;
+    return record;
+}
+
+/// "name active total size each pages : tunables ... : slabdata active slabs ...": objects, bytes of one,
+/// objects and pages of a slab.
+void KernelMemory::_addZones(std::string_view slabinfo, std::uint64_t pageSize) {
+    constexpr std::string_view kSlabs = ": slabdata";
+    while (!slabinfo.empty()) {
+        std::string_view line = takeLine(slabinfo);
+        const std::size_t slabs = line.find(kSlabs);
+        if (line.starts_with('#') || slabs == std::string_view::npos) continue;
+        std::string_view data = line.substr(slabs + kSlabs.size());
+        const std::string_view name = takeWord(line);
+        const auto active = takeNumber(line);
+        const auto total = takeNumber(line);
+        const auto size = takeNumber(line);
+        const auto each = takeNumber(line);
+        const auto pages = takeNumber(line);
+        const auto activeSlabs = takeNumber(data);
+        const auto allSlabs = takeNumber(data);
+        if (!active || !total || !size || !each || !pages || !activeSlabs || !allSlabs) continue;
+        copyText(_zoneNames.emplace_back().mzn_name, name);
+        ZoneInfoRecord& zone = _zones.emplace_back();
+        zone.mzi_count = *active;
+        zone.mzi_elem_size = *size;
+        zone.mzi_cur_size = *allSlabs * *pages * pageSize;
+        const std::uint64_t used = *active * *size;
+        zone.mzi_collectable = zone.mzi_cur_size - std::min(used, zone.mzi_cur_size);
+        _zonesSize += zone.mzi_cur_size;
+    }
+}
+
+/// "name size users ...", a module to a line; its place in the list stands for a load tag.
+void KernelMemory::_addModules(std::string_view modules) {
+    while (!modules.empty()) {
+        std::string_view line = takeLine(modules);
+        const std::string_view name = takeWord(line);
+        const auto size = takeNumber(line);
+        if (!size) continue;
+        _modules.push_back({printable(name), _modules.size() + 1});
+        _add(Record::kModuleSite | Record::kWired, *_modules.back().loadTag, *size);
+    }
+}
+
+/// "start-end size function+offset/length [module] pages=n ...", an area to a line; areas without pages only
+/// map what is told elsewhere.
+void KernelMemory::_addFunctions(std::string_view vmallocinfo, std::uint64_t pageSize) {
+    std::map<std::string_view, std::uint64_t> sizes;
+    while (!vmallocinfo.empty()) {
+        std::string_view line = takeLine(vmallocinfo);
+        const std::uint64_t size = numberBehind(line, " pages=").value_or(0) * pageSize;
+        takeWord(line);
+        takeWord(line);
+        std::string_view function = takeWord(line);
+        function = takeUpTo(function, '+');
+        // A kernel without symbols tells addresses; of its areas, those of that size are stacks.
+        const bool isStack =
+            function.starts_with("0x") ? size == kernelStackSize() : isOneOf(kStackAllocators, function);
+        const bool isModule = !_modules.empty() && isOneOf(kModuleAllocators, function);
+        if (size != 0 && !isStack && !isModule) sizes[function] += size;
+    }
+    for (const auto& [function, size] : sizes) {
+        std::uint64_t site = 0;
+        if (function.starts_with("0x")) {
+            std::string_view digits = function.substr(2);
+            site = takeNumber(digits, 16).value_or(0);
+        } else {
+            _functions.push_back({printable(function), std::nullopt});
+            site = _functions.size();
+        }
+        _add(Record::kAddressSite | Record::kWired, site, size);
+    }
+}
+
+/// "size calls path:line [module] func:function", a place in the source to a line.
+void KernelMemory::_findSources(std::string_view allocinfo) {
+    constexpr std::string_view kFunction = " func:";
+    std::unordered_map<std::string_view, Function*> functions;
+    for (Function& function : _functions) functions[function.name] = &function;
+    while (!functions.empty() && !allocinfo.empty()) {
+        std::string_view line = takeLine(allocinfo);
+        const std::size_t label = line.find(kFunction);
+        if (label == std::string_view::npos) continue;
+        std::string_view name = line.substr(label + kFunction.size());
+        const auto found = functions.find(takeUpTo(name, ' '));
+        if (found == functions.end() || !takeNumber(line) || !takeNumber(line)) continue;
+        std::string_view place = takeWord(line);
+        const std::string_view path = takeUpTo(place, ':');
+        found->second->source = {printable(path), static_cast<unsigned>(takeNumber(place).value_or(0))};
+    }
+}
+
+void KernelMemory::_addTags(const KernelTexts& texts) {
+    const std::uint64_t slabs = sizeIn(texts.meminfo, "Slab");
+    std::uint64_t compressed = sizeIn(texts.meminfo, "Zswap");
+    for (const std::string& stats : texts.zramStats) {
+        std::string_view figures = stats;  // Original size, compressed size, memory used, and more.
+        takeNumber(figures);
+        takeNumber(figures);
+        compressed += takeNumber(figures).value_or(0);
+    }
+    const std::pair<std::uint64_t, std::uint64_t> sizes[] = {
+        {kStackTag, sizeIn(texts.meminfo, "KernelStack")},
+        {kCpuTag, sizeIn(texts.meminfo, "Percpu")},
+        {kPageTableTag, sizeIn(texts.meminfo, "PageTables") + sizeIn(texts.meminfo, "SecPageTables")},
+        // Objects too large for any zone are slab memory as well.
+        {kKallocTag, slabs - std::min(slabs, _zonesSize)},
+        {kCompressorTag, compressed},
+        {Record::kMlockTag, sizeIn(texts.meminfo, "Mlocked")},
+    };
+    for (const auto& [tag, size] : sizes) _add(Record::kTagSite | Record::kWired, tag, size);
+    _add(Record::kTagSite | Record::kWired | Record::kHidden, kZoneTag, slabs);
+}
+
+void KernelMemory::_addCounters(const KernelTexts& texts, std::uint64_t pageSize) {
+    const auto size = [&](const char* label) { return sizeIn(texts.meminfo, label); };
+    const std::uint64_t managed = sumBehind(texts.zoneinfo, "managed") * pageSize;
+    const std::uint64_t present = sumBehind(texts.zoneinfo, "present") * pageSize;
+    const std::uint64_t wired = _wiredSize + _zonesSize;
+    // What is left when everything known is taken away: pages that a driver holds, for instance. Processors
+    // keep some free pages at hand.
+    const std::uint64_t atHand = sumBehind(texts.zoneinfo, "count:") * pageSize;
+    const std::uint64_t used = size("MemTotal") - size("MemFree");
+    const std::uint64_t known = size("Buffers") + size("Cached") + size("SwapCached") + size("AnonPages") +
+                                size("Hugetlb") + atHand + wired - size("Mlocked");
+    const std::pair<std::uint64_t, std::uint64_t> counts[] = {
+        {kManagedCount, managed},      {kReservedCount, present - std::min(managed, present)},
+        {kWiredCount, wired},          {kMapKernelCount, size("VmallocUsed")},
+        {kMapZoneCount, size("Slab")},
+    };
+    for (const auto& [counter, bytes] : counts) _add(Record::kCounter, counter, 0).mapped = bytes;
+    Record& unknown = _add(Record::kCounter | Record::kNamed, kOwnCount, 0);
+    copyText(unknown.name, "VM_KERN_COUNT_UNACCOUNTED");
+    unknown.mapped = used - std::min(known, used);
+}
+
+bool KernelMemory::release(const void* array) {
+    const auto releaseIf = [array](auto& records) {
+        if (records.empty() || records.data() != array) return false;
+        records = {};
+        return true;
+    };
+    return releaseIf(_zoneNames) || releaseIf(_zones) || releaseIf(_records);
+}
+
+const KernelMemory::Function* KernelMemory::_functionOfSite(std::uint64_t site) const {
+    return site >= 1 && site <= _functions.size() ? &_functions[site - 1] : nullptr;
+}
+
+std::optional<std::string> KernelMemory::symbolOfSite(std::uint64_t site) const {
+    const Function* function = _functionOfSite(site);
+    return function != nullptr ? std::optional(function->name) : std::nullopt;
+}
+
+std::optional<SourceLocation> KernelMemory::sourceOfSite(std::uint64_t site) const {
+    const Function* function = _functionOfSite(site);
+    return function != nullptr ? function->source : std::nullopt;
+}
+
+int readKernelTexts(KernelTexts& texts) {
+    const std::pair<const char*, std::string*> files[] = {
+        {"/proc/slabinfo", &texts.slabinfo},   {"/proc/vmallocinfo", &texts.vmallocinfo},
+        {"/proc/allocinfo", &texts.allocinfo}, {"/proc/modules", &texts.modules},
+        {"/proc/meminfo", &texts.meminfo},     {"/proc/zoneinfo", &texts.zoneinfo},
+    };
+    for (const auto& [path, text] : files) {
+        auto contents = readWholeFile(path, AT_FDCWD);
+        if (!contents && errno != ENOENT) return errno;
+        if (contents) *text = *std::move(contents);
+    }
+    for (int device = 0;; ++device) {
+        const std::string path = "/sys/block/zram" + std::to_string(device) + "/mm_stat";
+        auto contents = readWholeFile(path.c_str(), AT_FDCWD);
+        if (!contents) return 0;
+        texts.zramStats.push_back(*std::move(contents));
+    }
+}
+
+}  // namespace zorbel
