@@ -28,8 +28,8 @@ class ZBKernelProcessTest : public Test {
         return added;
     }
 
-    /// The regions: name, detailed name where there is one, object id, dirty, clean, reclaimable and wired
-    /// size.
+    /// The regions: name, detailed name where there is one, object id, size, dirty, clean, reclaimable and
+    /// wired size.
     std::vector<std::string> gather() {
         testing::internal::CaptureStderr();
         process = ZBProcess::processWithPid(machine, 0);
@@ -38,9 +38,9 @@ class ZBKernelProcessTest : public Test {
         std::vector<std::string> rows;
         for (const ZBMemoryRegion& region : process->memoryRegions()) {
             char figures[120];
-            std::snprintf(figures, sizeof figures, " %lx %lu %lu %lu %lu", region.object_id(),
-                          region.dirtySize(), region.cleanNonSpecSize(), region.reclaimableSize(),
-                          region.wiredSize());
+            std::snprintf(figures, sizeof figures, " %lx %lu %lu %lu %lu %lu", region.object_id(),
+                          region.size(), region.dirtySize(), region.cleanNonSpecSize(),
+                          region.reclaimableSize(), region.wiredSize());
             const std::string& detail = region.detailedName().text();
             rows.push_back(region.name().text() + (detail.empty() ? "" : " ") + detail + figures);
         }
@@ -71,21 +71,27 @@ TEST_F(ZBKernelProcessTest, ZonesComeBeforeSites) {
     record(R::kTagSite, 2, 900);
     record(R::kTagSite | R::kWired, 0, 0);
     record(R::kTagSite | R::kWired, 7, 0);
-    EXPECT_THAT(gather(), ElementsAre("vm.map zone 200000000 4096 0 0 0",
-                                      std::string(80, 'z') + " zone 200000001 24576 0 8192 0",
-                                      "VM_KERN_MEMORY_KALLOC 30000000d 500 0 0 500",
-                                      "VM_KERN_MEMORY_KALLOC (hidden) 30000000d 0 600 0 600",
-                                      "VM_KERN_MEMORY_MLOCK (user wired) 300000018 0 700 0 700",
-                                      "VM_KERN_MEMORY_OSFMK[vm.map] 300000001 0 800 0 800",
-                                      "VM_KERN_MEMORY_BSD 300000002 0 900 0 0",
-                                      "VM_KERN_MEMORY_IPC 300000007 0 0 0 0"));
+    record(R::kTagSite | R::kWired | R::kHidden, 24, 5);
+    record(R::kModuleSite, 24, 6);
+    record(R::kAddressSite | R::kWired, 0xFFFFFFFF00000000, 7);
+    EXPECT_THAT(gather(), ElementsAre("vm.map zone 200000000 4096 4096 0 0 0",
+                                      std::string(80, 'z') + " zone 200000001 32768 24576 0 8192 0",
+                                      "VM_KERN_MEMORY_KALLOC 30000000d 500 500 0 0 500",
+                                      "VM_KERN_MEMORY_KALLOC (hidden) 30000000d 600 0 600 0 600",
+                                      "VM_KERN_MEMORY_MLOCK (user wired) 300000018 700 0 700 0 700",
+                                      "VM_KERN_MEMORY_OSFMK[vm.map] 300000001 800 0 800 0 800",
+                                      "VM_KERN_MEMORY_BSD 300000002 900 0 900 0 0",
+                                      "VM_KERN_MEMORY_IPC 300000007 0 0 0 0 0",
+                                      "VM_KERN_MEMORY_MLOCK (hidden) 300000018 5 0 5 0 5",
+                                      "unloaded kmod 24 (user wired) 500000018 6 0 6 0 0",
+                                      "site 0xffffffff00000000 fffffffe00000000 7 7 0 0 7"));
     EXPECT_EQ(said, "");
     EXPECT_EQ(process->displayString(), "kernel [0]");
     EXPECT_EQ(process->idleExitStatus(), ZBIdleExitStatus::kNotIdleExit);
-    EXPECT_EQ(process->memoryRegions().back().user_tag(), 6U);
+    EXPECT_EQ(process->memoryRegions().back().user_tag(), 9U);
     EXPECT_THAT(machine.released, ElementsAre(Pair(machine.zones.data(), 2 * sizeof(ZoneInfoRecord)),
                                               Pair(machine.zoneNames.data(), 160U),
-                                              Pair(machine.kernelRecords.data(), 7 * sizeof(R))));
+                                              Pair(machine.kernelRecords.data(), 10 * sizeof(R))));
 }
 
 TEST_F(ZBKernelProcessTest, SitesAreNamedByTheirKind) {
@@ -106,7 +112,7 @@ TEST_F(ZBKernelProcessTest, SitesAreNamedByTheirKind) {
         {R::kAddressSite, 0xABC, "_alloc"},
         {R::kAddressSite, 0xFFFFFFFF81234567, "site 0xffffffff81234567"},
         {R::kCounter | R::kWired, 10, "VM_KERN_COUNT_BOOT_STOLEN"},
-        {R::kCounter | R::kHidden, 11, "VM_KERN_COUNT_11"},
+        {R::kCounter | R::kWired, 11, "VM_KERN_COUNT_11"},
         {7, 0xDE, "unknown site (0x7, 0xde)"},
     };
     for (const auto& [flags, site, name] : rows) EXPECT_EQ(nameOf(flags, site), name);
@@ -120,9 +126,9 @@ TEST_F(ZBKernelProcessTest, SitesAreNamedByTheirKind) {
     record(R::kModuleSite, 7, 8);
     record(R::kCounter | R::kWired, 1, 8);
     record(7, 1, 8);
-    EXPECT_THAT(gather(), ElementsAre("_alloc (vm.c:12) 100000abc 0 8 0 0", "org.one 500000007 0 8 0 0",
-                                      "VM_KERN_COUNT_RESERVED 400000001 8 0 0 8",
-                                      "unknown site (0x7, 0x1) 100000001 0 8 0 0"));
+    EXPECT_THAT(gather(), ElementsAre("_alloc (vm.c:12) 100000abc 8 0 8 0 0", "org.one 500000007 8 0 8 0 0",
+                                      "VM_KERN_COUNT_RESERVED 400000001 8 8 0 0 8",
+                                      "unknown site (0x7, 0x1) 100000001 8 0 8 0 0"));
 }
 
 TEST_F(ZBKernelProcessTest, CountersAreFurtherData) {
@@ -132,7 +138,7 @@ TEST_F(ZBKernelProcessTest, CountersAreFurtherData) {
     record(R::kCounter, 10, 1).mapped = 4096;
     record(R::kCounter | R::kNamed, 0, 1, "own").mapped = 5;
     record(R::kCounter, 11, 1).mapped = 6;
-    record(R::kCounter, 11, 1).mapped = 7;
+    record(R::kCounter | R::kHidden, 11, 1).mapped = 7;
     record(R::kCounter, 0, 1).mapped = 0;
     EXPECT_THAT(gather(), IsEmpty());
     EXPECT_EQ(figures(), R"({"Maps":{"VM_KERN_COUNT_11":7,"VM_KERN_COUNT_BOOT_STOLEN":4096,"own":5}})");

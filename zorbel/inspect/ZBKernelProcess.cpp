@@ -25,9 +25,9 @@ bool has(const MemoryInfoRecord& record, std::uint64_t flag) { return (record.fl
 
 /// A counter that is no memory to be charged.
 bool isPureCounter(const MemoryInfoRecord& record) {
-    constexpr std::uint64_t kAllButNamed = MemoryInfoRecord::kKindMask | MemoryInfoRecord::kWired |
-                                           MemoryInfoRecord::kHidden | MemoryInfoRecord::kZone;
-    return (record.flags & kAllButNamed) == MemoryInfoRecord::kCounter;
+    constexpr std::uint64_t kMask =
+        MemoryInfoRecord::kKindMask | MemoryInfoRecord::kWired | MemoryInfoRecord::kZone;
+    return (record.flags & kMask) == MemoryInfoRecord::kCounter;
 }
 
 std::uint64_t objectIdOf(const MemoryInfoRecord& record) {

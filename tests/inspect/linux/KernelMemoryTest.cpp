@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "support/TestData.h"
@@ -30,8 +31,8 @@ std::string accountOf(const std::string& directory) {
              << " in " << zone.mzi_cur_size << ", " << zone.mzi_collectable << " free\n";
     }
     for (const MemoryInfoRecord& record : account.memory) {
-        text << std::hex << record.flags << " " << record.site << std::dec << ": "
-             << record.size + record.mapped << " " << record.name;
+        text << std::hex << record.flags << " " << record.site << std::dec << ": " << record.size << "+"
+             << record.mapped << " " << record.name;
         if (const auto symbol = memory.symbolOfSite(record.site); symbol && (record.flags & 0xFF) == 2)
             text << *symbol;
         if (const auto source = memory.sourceOfSite(record.site); source && (record.flags & 0xFF) == 2)
@@ -42,7 +43,8 @@ std::string accountOf(const std::string& directory) {
         text << *module.bundleIdentifier << " " << *module.loadTag << "\n";
     EXPECT_EQ(memory.release(&text), false);
     for (const void* array :
-         {static_cast<const void*>(account.zones.data()), static_cast<const void*>(account.memory.data())}) {
+         {static_cast<const void*>(account.zoneNames.data()), static_cast<const void*>(account.zones.data()),
+          static_cast<const void*>(account.memory.data())}) {
         EXPECT_TRUE(memory.release(array));
         EXPECT_FALSE(memory.release(array));
     }
@@ -52,6 +54,17 @@ std::string accountOf(const std::string& directory) {
 TEST(KernelMemoryTest, EveryVersionOfTheTextsIsUnderstood) {
     for (const std::string directory : {"kernel-5.10", "kernel-6.1", "kernel-6.18"})
         EXPECT_EQ(accountOf(directory), testData(directory + "/account.txt")) << directory;
+}
+
+TEST(KernelMemoryTest, NoModuleAndNoFunctionIsTakenForLockedMemory) {
+    KernelTexts texts;
+    for (int i = 0; i < 30; ++i) {
+        texts.modules += "module 4096 0 - Live 0x0\n";
+        texts.vmallocinfo += "0x1-0x2 8192 function" + std::to_string(i) + "+0x1/0x2 pages=1 vmalloc\n";
+    }
+    const KernelMemory memory(texts, 4096);
+    const auto isSite24 = [](const MemoryInfoRecord& record) { return record.site == 24; };
+    EXPECT_EQ(std::ranges::count_if(memory.account().memory, isSite24), 1);  // The locked memory itself.
 }
 
 }  // namespace

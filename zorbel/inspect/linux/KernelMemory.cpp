@@ -5,7 +5,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <iterator>
+#include <system_error>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 
@@ -32,17 +35,26 @@ constexpr std::uint64_t kMapKernelCount = 6;
 constexpr std::uint64_t kMapZoneCount = 7;
 constexpr std::uint64_t kOwnCount = 11;  ///< From here on, names of our own.
 
-/// Who allocates the stacks of threads and the memory of modules, in one version of the kernel or another.
-constexpr std::string_view kStackAllocators[] = {
-    "_do_fork",         "alloc_thread_stack_node", "copy_process",
-    "create_io_thread", "dup_task_struct",         "fork_idle",
-    "kernel_clone",     "kernel_thread",           "user_mode_thread"};
-constexpr std::string_view kModuleAllocators[] = {"layout_and_allocate", "load_module", "module_alloc",
-                                                  "module_memory_alloc", "move_module"};
+/// Modules and functions are numbered by us, from these numbers on: kMlockTag means the same for all sites,
+/// and no function is to be taken for one that the kernel tells by its address.
+constexpr std::uint64_t kFirstModule = Record::kMlockTag + 1;
+constexpr std::uint64_t kFirstFunction = std::uint64_t{1} << 40;
 
-template <std::size_t size>
-bool isOneOf(const std::string_view (&names)[size], std::string_view name) {
-    return std::find(std::begin(names), std::end(names), name) != std::end(names);
+/// Who allocates the stacks of threads, in one version of the kernel or another.
+bool allocatesStacks(std::string_view function) {
+    constexpr std::string_view kNames[] = {"_do_fork",         "alloc_thread_stack_node", "copy_process",
+                                           "create_io_thread", "dup_task_struct",         "fork_idle",
+                                           "kernel_clone",     "kernel_thread",           "user_mode_thread",
+                                           "vhost_task_create"};
+    return std::find(std::begin(kNames), std::end(kNames), function) != std::end(kNames);
+}
+
+/// Who allocates the memory of modules, and in part of other code that is made while the kernel runs.
+bool allocatesModules(std::string_view function) {
+    constexpr std::string_view kNames[] = {"layout_and_allocate", "load_module", "module_alloc",
+                                           "module_memory_alloc", "move_module"};
+    return function.starts_with("execmem_") ||
+           std::find(std::begin(kNames), std::end(kNames), function) != std::end(kNames);
 }
 
 /// Takes the text up to a separator away, and the separator with it.
@@ -138,8 +150,9 @@ void KernelMemory::_addModules(std::string_view modules) {
         const std::string_view name = takeWord(line);
         const auto size = takeNumber(line);
         if (!size) continue;
-        _modules.push_back({printable(name), _modules.size() + 1});
-        _add(Record::kModuleSite | Record::kWired, *_modules.back().loadTag, *size);
+        const std::uint64_t tag = kFirstModule + _modules.size();
+        _modules.push_back({printable(name), tag});
+        _add(Record::kModuleSite | Record::kWired, tag, *size);
     }
 }
 
@@ -152,42 +165,59 @@ void KernelMemory::_addFunctions(std::string_view vmallocinfo, std::uint64_t pag
         const std::uint64_t size = numberBehind(line, " pages=").value_or(0) * pageSize;
         takeWord(line);
         takeWord(line);
-        std::string_view function = takeWord(line);
-        function = takeUpTo(function, '+');
+        const std::string_view caller = takeWord(line);
+        const bool isAddress = caller.starts_with("0x");
+        if (size == 0 || (!isAddress && caller.find('+') == std::string_view::npos)) continue;
+        // Compilers add ".isra.0" and their like to names.
+        const std::string_view function = caller.substr(0, caller.find_first_of("+."));
         // A kernel without symbols tells addresses; of its areas, those of that size are stacks.
-        const bool isStack =
-            function.starts_with("0x") ? size == kernelStackSize() : isOneOf(kStackAllocators, function);
-        const bool isModule = !_modules.empty() && isOneOf(kModuleAllocators, function);
-        if (size != 0 && !isStack && !isModule) sizes[function] += size;
+        const bool isStack = isAddress ? size == kernelStackSize() : allocatesStacks(function);
+        if (!isStack) sizes[function] += size;
+    }
+    std::uint64_t modules = _wiredSize;  // Have told of themselves, and nobody else has yet.
+    for (auto& [function, size] : sizes) {
+        if (!allocatesModules(function)) continue;
+        const std::uint64_t told = std::min(size, modules);
+        size -= told;
+        modules -= told;
     }
     for (const auto& [function, size] : sizes) {
+        if (size == 0) continue;
         std::uint64_t site = 0;
         if (function.starts_with("0x")) {
             std::string_view digits = function.substr(2);
             site = takeNumber(digits, 16).value_or(0);
         } else {
+            site = kFirstFunction + _functions.size();
             _functions.push_back({printable(function), std::nullopt});
-            site = _functions.size();
         }
         _add(Record::kAddressSite | Record::kWired, site, size);
     }
 }
 
-/// "size calls path:line [module] func:function", a place in the source to a line.
+/// "size calls path:line [module] func:function", a place in the source to a line. Of a function, the place
+/// that has allocated most is kept.
 void KernelMemory::_findSources(std::string_view allocinfo) {
     constexpr std::string_view kFunction = " func:";
-    std::unordered_map<std::string_view, Function*> functions;
-    for (Function& function : _functions) functions[function.name] = &function;
+    struct Place {
+        Function* function;
+        std::uint64_t size = 0;
+    };
+    std::unordered_map<std::string_view, Place> functions;
+    for (Function& function : _functions) functions[function.name] = {&function};
     while (!functions.empty() && !allocinfo.empty()) {
         std::string_view line = takeLine(allocinfo);
         const std::size_t label = line.find(kFunction);
         if (label == std::string_view::npos) continue;
         std::string_view name = line.substr(label + kFunction.size());
         const auto found = functions.find(takeUpTo(name, ' '));
-        if (found == functions.end() || !takeNumber(line) || !takeNumber(line)) continue;
+        const auto size = takeNumber(line);
+        if (found == functions.end() || !size || *size <= found->second.size || !takeNumber(line)) continue;
+        found->second.size = *size;
         std::string_view place = takeWord(line);
         const std::string_view path = takeUpTo(place, ':');
-        found->second->source = {printable(path), static_cast<unsigned>(takeNumber(place).value_or(0))};
+        found->second.function->source = {printable(path),
+                                          static_cast<unsigned>(takeNumber(place).value_or(0))};
     }
 }
 
@@ -219,11 +249,12 @@ void KernelMemory::_addCounters(const KernelTexts& texts, std::uint64_t pageSize
     const std::uint64_t present = sumBehind(texts.zoneinfo, "present") * pageSize;
     const std::uint64_t wired = _wiredSize + _zonesSize;
     // What is left when everything known is taken away: pages that a driver holds, for instance. Processors
-    // keep some free pages at hand.
+    // keep some free pages at hand. Of the pages that are in swap as well, processes map most: those are in
+    // AnonPages too.
     const std::uint64_t atHand = sumBehind(texts.zoneinfo, "count:") * pageSize;
-    const std::uint64_t used = size("MemTotal") - size("MemFree");
-    const std::uint64_t known = size("Buffers") + size("Cached") + size("SwapCached") + size("AnonPages") +
-                                size("Hugetlb") + atHand + wired - size("Mlocked");
+    const std::uint64_t used = size("MemTotal") - std::min(size("MemFree"), size("MemTotal"));
+    const std::uint64_t known = size("Buffers") + size("Cached") + size("AnonPages") + size("Hugetlb") +
+                                atHand + wired - size("Mlocked");
     const std::pair<std::uint64_t, std::uint64_t> counts[] = {
         {kManagedCount, managed},      {kReservedCount, present - std::min(managed, present)},
         {kWiredCount, wired},          {kMapKernelCount, size("VmallocUsed")},
@@ -238,14 +269,15 @@ void KernelMemory::_addCounters(const KernelTexts& texts, std::uint64_t pageSize
 bool KernelMemory::release(const void* array) {
     const auto releaseIf = [array](auto& records) {
         if (records.empty() || records.data() != array) return false;
-        records = {};
+        std::remove_reference_t<decltype(records)>().swap(records);
         return true;
     };
     return releaseIf(_zoneNames) || releaseIf(_zones) || releaseIf(_records);
 }
 
 const KernelMemory::Function* KernelMemory::_functionOfSite(std::uint64_t site) const {
-    return site >= 1 && site <= _functions.size() ? &_functions[site - 1] : nullptr;
+    const std::uint64_t index = site - kFirstFunction;
+    return index < _functions.size() ? &_functions[index] : nullptr;
 }
 
 std::optional<std::string> KernelMemory::symbolOfSite(std::uint64_t site) const {
@@ -269,12 +301,13 @@ int readKernelTexts(KernelTexts& texts) {
         if (!contents && errno != ENOENT) return errno;
         if (contents) *text = *std::move(contents);
     }
-    for (int device = 0;; ++device) {
-        const std::string path = "/sys/block/zram" + std::to_string(device) + "/mm_stat";
-        auto contents = readWholeFile(path.c_str(), AT_FDCWD);
-        if (!contents) return 0;
-        texts.zramStats.push_back(*std::move(contents));
+    std::error_code noBlockDevices;
+    for (const auto& device : std::filesystem::directory_iterator("/sys/block", noBlockDevices)) {
+        if (!device.path().filename().string().starts_with("zram")) continue;
+        if (auto contents = readWholeFile((device.path() / "mm_stat").c_str(), AT_FDCWD))
+            texts.zramStats.push_back(*std::move(contents));
     }
+    return 0;
 }
 
 }  // namespace zorbel

@@ -64,7 +64,7 @@ class KernelMemory {
     std::vector<ZoneInfoRecord> _zones;
     std::vector<MemoryInfoRecord> _records;
     std::vector<KernelModuleInfo> _modules;
-    std::vector<Function> _functions;  ///< Those of the sites from 1 on.
+    std::vector<Function> _functions;  ///< In the order of their sites.
     std::uint64_t _zonesSize = 0;
     std::uint64_t _wiredSize = 0;  ///< Of all records that are not hidden.
 };
