@@ -71,8 +71,8 @@ class LinuxPlatform : public Platform, private Symbolicator {
     KernReturn mach_vm_purgable_control(TaskName task, std::uint64_t address, int& state) override;
     Name proc_regionfilename(TaskName task, std::uint64_t address) override;
 
-    /// From slabinfo, vmallocinfo, allocinfo, modules, meminfo and zoneinfo under /proc, and the statistics of
-    /// zram.
+    /// From slabinfo, vmallocinfo, allocinfo, modules, meminfo and zoneinfo under /proc, and the statistics
+    /// of zram.
     KernReturn mach_memory_info(KernelMemoryAccount& account) override;
     KernReturn vm_deallocate(const void* address, std::uint64_t size) override;
     /// From /proc/modules, as the account was made.
