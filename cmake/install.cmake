@@ -2,22 +2,30 @@
 
 include(GNUInstallDirs)
 
-# Installing takes the program only, so it must not wait for tests and benchmarks.
+# Installing takes the programs only, so it must not wait for tests and benchmarks.
 set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
-install(TARGETS zorbel)
+set(programs zorbel zorbel-capture)
+install(TARGETS ${programs})
 
-set(manual ${CMAKE_SOURCE_DIR}/man/zorbel.1)
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${manual})
-file(ARCHIVE_CREATE OUTPUT ${CMAKE_BINARY_DIR}/zorbel.1.gz PATHS ${manual}
-    FORMAT raw COMPRESSION GZip COMPRESSION_LEVEL 9 MTIME "1970-01-01 UTC")
-install(FILES ${CMAKE_BINARY_DIR}/zorbel.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+foreach(program IN LISTS programs)
+    set(manual ${CMAKE_SOURCE_DIR}/man/${program}.1)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${manual})
+    file(ARCHIVE_CREATE OUTPUT ${CMAKE_BINARY_DIR}/${program}.1.gz PATHS ${manual}
+        FORMAT raw COMPRESSION GZip COMPRESSION_LEVEL 9 MTIME "1970-01-01 UTC")
+    install(FILES ${CMAKE_BINARY_DIR}/${program}.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endforeach()
 
-install(FILES README.md CHANGELOG.md docs/report.schema.json DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md CHANGELOG.md docs/memgraph.md docs/memgraph.schema.json docs/report.schema.json
+    DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 set(completions ${CMAKE_SOURCE_DIR}/completions)
-install(FILES ${completions}/zorbel.bash
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME zorbel)
-install(FILES ${completions}/zorbel.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+# These shells look for a file with the name of the program.
+foreach(program IN LISTS programs)
+    install(FILES ${completions}/zorbel.bash
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program})
+    install(FILES ${completions}/zorbel.fish
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d RENAME ${program}.fish)
+endforeach()
 # Debian's zsh looks in one place for what packages bring and in another for what is installed beside them.
 install(CODE "
     set(directory site-functions)

@@ -1,4 +1,4 @@
-# Completion of zorbel's arguments for bash.
+# Completion of zorbel's and zorbel-capture's arguments for bash.
 
 # The file names of executables, by which processes go, of those processes that we may look at.
 _zorbel_names() {
@@ -39,9 +39,23 @@ _zorbel() {
                     --corpsePid --corpseName --corpseDirtyFlags --corpseProcFlags' -- "$current"))
             else
                 _zorbel_offer "$current" < <(_zorbel_names; _zorbel_pids)
+                [[ $option == -[px] || $option == --proc || $option == --exclude ]] || compopt -o default 2>/dev/null
             fi
             ;;
     esac
 }
 
+_zorbel_capture() {
+    local current=${COMP_WORDS[COMP_CWORD]} option=${COMP_WORDS[COMP_CWORD - 1]}
+    COMPREPLY=()
+    if [[ $option == -o || $option == --output ]]; then
+        compopt -o default
+    elif [[ $current == -* ]]; then
+        COMPREPLY=($(compgen -W '-a --all -t --targetChildren -o --output --force --physZorbel -h --help' -- "$current"))
+    else
+        _zorbel_offer "$current" < <(_zorbel_names; _zorbel_pids)
+    fi
+}
+
 complete -F _zorbel zorbel
+complete -F _zorbel_capture zorbel-capture

@@ -1,4 +1,4 @@
-# Completion of zorbel's arguments for fish.
+# Completion of zorbel's and zorbel-capture's arguments for fish.
 
 # Those processes that we may look at: by the file names of their executables, and by number.
 function __zorbel_processes
@@ -10,7 +10,7 @@ function __zorbel_pids
     find /proc/*/exe -maxdepth 0 -lname '/*' -printf '%h\t%l\n' 2>/dev/null | string match -r '[0-9]+\t.*'
 end
 
-complete -c zorbel -f -a '(__zorbel_processes)'
+complete -c zorbel -a '(__zorbel_processes)'
 complete -c zorbel -s a -l all -d 'Target all processes'
 complete -c zorbel -s j -l json -rF -d 'Write the report as JSON too'
 complete -c zorbel -s h -l help -d 'List the options'
@@ -30,3 +30,11 @@ complete -c zorbel -l corpsePid -x -a '(__zorbel_pids)' -d 'Number of a corpse'
 complete -c zorbel -l corpseName -x -d 'Name of a corpse'
 complete -c zorbel -l corpseDirtyFlags -x -d 'Dirty flags of a corpse'
 complete -c zorbel -l corpseProcFlags -x -d 'Process flags of a corpse'
+
+complete -c zorbel-capture -f -a '(__zorbel_processes)'
+complete -c zorbel-capture -s a -l all -d 'Save all processes'
+complete -c zorbel-capture -s t -l targetChildren -d 'Save all descendants too'
+complete -c zorbel-capture -s o -l output -rF -d 'Where the graphs go'
+complete -c zorbel-capture -l force -d 'Replace files'
+complete -c zorbel-capture -l physZorbel -d 'Break down the physical charge'
+complete -c zorbel-capture -s h -l help -d 'List the options'

@@ -8,6 +8,7 @@
 #include <map>
 
 #include "aggregate/ZBZorbel.h"
+#include "inspect/memgraph/MemoryGraph.h"
 
 namespace zorbel::test {
 
@@ -111,6 +112,8 @@ class ScriptedPlatform : public Platform, private Symbolicator {
     std::map<std::uint64_t, std::string> kernelSymbols;
     std::map<std::uint64_t, SourceLocation> kernelSources;
 
+    bool saysWhatIsWrongWithGraphs = true;
+
     std::uint32_t vm_kernel_page_size() const override { return pageSize; }
 
     ZBPlatform platformOfProcesses(bool is64bit) const override {
@@ -143,8 +146,10 @@ class ScriptedPlatform : public Platform, private Symbolicator {
     }
 
     bool sysctl_procargs(std::int32_t pid, std::string& area) override {
-        area = _find(pid)->argumentArea.value_or("");
-        return _find(pid)->argumentArea.has_value();
+        const ScriptedProcess* process = _find(pid);
+        if (process == nullptr || !process->argumentArea) return false;
+        area = *process->argumentArea;
+        return true;
     }
 
     KernReturn task_for_pid(std::int32_t pid, TaskName& task) override {
@@ -153,6 +158,7 @@ class ScriptedPlatform : public Platform, private Symbolicator {
     }
 
     KernReturn task_info(TaskName task, KernelMemoryRecord& record) override {
+        if (_find(static_cast<std::int32_t>(task)) == nullptr) return kKernFailure;
         record = _ofTask(task).kernelMemory;
         return _ofTask(task).hasFigures ? kKernSuccess : kKernFailure;
     }
@@ -163,8 +169,9 @@ class ScriptedPlatform : public Platform, private Symbolicator {
     }
 
     int proc_get_dirty(std::int32_t pid, std::uint32_t& flags) override {
-        if (!_find(pid)->hasFigures) return ESRCH;
-        flags = _find(pid)->dirtyFlags;
+        const ScriptedProcess* process = _find(pid);
+        if (process == nullptr || !process->hasFigures) return ESRCH;
+        flags = process->dirtyFlags;
         return 0;
     }
 
@@ -234,6 +241,15 @@ class ScriptedPlatform : public Platform, private Symbolicator {
 
     std::optional<SourceLocation> sourceOfKernelAddress(std::uint64_t address) override {
         return valueAt(kernelSources, address);
+    }
+
+    std::unique_ptr<MemoryGraphReader> openMemoryGraph(std::string_view contents,
+                                                       PlatformError& error) override {
+        PlatformError reason;
+        auto graph = parseMemoryGraph(contents, reason);
+        if (graph) return std::make_unique<LoadedMemoryGraph>(*std::move(graph));
+        if (saysWhatIsWrongWithGraphs) error = reason;
+        return nullptr;
     }
 
     int sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) override {

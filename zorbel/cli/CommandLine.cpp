@@ -156,7 +156,7 @@ std::optional<int> applyOption(int code, CommandLine& commandLine) {
             settings.outputOptions |= kShowWired;
             break;
         case kPhysZorbelOption:
-            settings.physZorbelRequested = true;
+            settings.breakDownMode = settings.breakDownModeFixed = true;
             break;
         case kPidOption:
             if (!addPid(optarg, commandLine.pidToName)) return 1;

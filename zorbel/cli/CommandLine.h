@@ -21,7 +21,8 @@ struct RunSettings {
     SummaryFormat summaryFormat = SummaryFormat::kFormatted;
     bool summarize = false;
     OutputOptions outputOptions = 0;
-    bool physZorbelRequested = false;
+    bool breakDownMode = false;
+    bool breakDownModeFixed = false;  ///< Whether every memory graph must agree with that mode.
     bool corpseMode = false;
     std::int32_t corpsePid = -1;
     std::optional<std::string> corpseName;
@@ -35,6 +36,7 @@ struct CommandLine {
     std::set<std::string> processDescriptions;  ///< To be resolved by name or number.
     std::set<std::string> excludeDescriptions;
     PidDescriptions pidToName;  ///< Pids that were given as such.
+    TargetMap targets;          ///< Memory graphs, once their files have been opened.
     std::vector<std::string> positionalArguments;
 };
 

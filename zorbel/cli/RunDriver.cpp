@@ -4,11 +4,14 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <functional>
+#include <limits>
 #include <utility>
 
 #include "aggregate/ZBZorbel.h"
 #include "cli/CommandLine.h"
 #include "inspect/BreakDownMode.h"
+#include "inspect/ZBMemgraphProcess.h"
 #include "report/ZBOutputFormatterJSON.h"
 #include "report/ZBOutputFormatterText.h"
 
@@ -28,26 +31,56 @@ bool asksForMissingFeature(const CommandLine& commandLine) {
     return true;
 }
 
-/// Sorts the positional arguments: texts that name no file are descriptions of processes.
-bool takePositionalArguments(CommandLine& commandLine) {
-    for (const std::string& argument : commandLine.positionalArguments) {
-        struct stat status {};
-        if (stat(argument.c_str(), &status) == 0) {
-            std::fprintf(
-                stderr,
-                "zorbel: this version does not read memory graphs, and '%s' names a file; use -p to name "
-                "a process.\n",
-                argument.c_str());
+/// Key of a memory graph among the targets, by its path as it was typed. Live processes have the numbers from
+/// 0 on.
+std::int64_t keyOfPath(const std::string& path) {
+    return std::numeric_limits<std::int64_t>::min() |
+           static_cast<std::int64_t>(std::hash<std::string>()(path));
+}
+
+/// Adds what a text that names a file stands for: a memory graph, or failing that a process.
+bool takeFile(Platform& platform, const std::string& path, CommandLine& commandLine) {
+    PlatformError error;
+    if (auto graph = ZBMemgraphProcess::processWithMemgraph(platform, path, error)) {
+        RunSettings& settings = commandLine.settings;
+        const bool mode = graph->breakDownPhysZorbel();
+        if (settings.breakDownModeFixed && settings.breakDownMode != mode) {
+            std::fprintf(stderr,
+                         "Memgraph was gathered with an analysis mode that conflicts with other memgraphs or "
+                         "command line arguments: %s\n",
+                         path.c_str());
             return false;
         }
-        commandLine.processDescriptions.insert(argument);
+        settings.breakDownMode = mode;
+        settings.breakDownModeFixed = true;
+        commandLine.targets[keyOfPath(path)] = std::move(graph);
+        return true;
+    }
+    const auto described = ZBProcess::pidsForStringDescriptions(platform, {path}, nullptr);
+    if (!described || described->empty()) {
+        std::fprintf(stderr, "Error opening memgraph %s: %s\n", path.c_str(), error.description.c_str());
+        return false;
+    }
+    for (const auto& [pid, description] : *described) commandLine.pidToName[pid] = description;
+    return true;
+}
+
+/// Sorts the positional arguments: texts that name no file are descriptions of processes.
+bool takePositionalArguments(Platform& platform, CommandLine& commandLine) {
+    for (const std::string& argument : commandLine.positionalArguments) {
+        struct stat status {};
+        if (stat(argument.c_str(), &status) != 0)
+            commandLine.processDescriptions.insert(argument);
+        else if (!takeFile(platform, argument, commandLine))
+            return false;
     }
     return true;
 }
 
 bool checkTargets(const CommandLine& commandLine) {
     const RunSettings& settings = commandLine.settings;
-    if (commandLine.pidToName.empty() && commandLine.processDescriptions.empty() && !settings.targetAll) {
+    if (commandLine.pidToName.empty() && commandLine.targets.empty() &&
+        commandLine.processDescriptions.empty() && !settings.targetAll) {
         std::fputs("Must specify at least one process or memgraph\n", stderr);
         printUsage();
         return false;
@@ -101,11 +134,12 @@ void reportUnopenable(std::int32_t pid, const std::optional<std::string>& descri
                      static_cast<long>(pid));
 }
 
-TargetMap openTargets(Platform& platform, const CommandLine& commandLine) {
+/// Adds live processes to the memory graphs, or puts all that there are in their place.
+TargetMap openTargets(Platform& platform, CommandLine& commandLine) {
     const std::set<std::int32_t> excluded = excludedPids(platform, commandLine);
     if (commandLine.settings.targetAll)
         return ZBProcess::allProcessesExcludingPids(platform, excluded).value_or(TargetMap());
-    TargetMap targets;
+    TargetMap targets = std::move(commandLine.targets);
     for (const auto& [pid, description] : selectPids(platform, commandLine, excluded)) {
         if (auto process = ZBProcess::processWithPid(platform, pid))
             targets[pid] = std::move(process);
@@ -129,11 +163,11 @@ int run(int argc, char* const argv[], Platform& platform) {
     CommandLine commandLine;
     if (const auto status = parseCommandLine(argc, argv, commandLine)) return *status;
     if (asksForMissingFeature(commandLine)) return kFailure;
-    if (!takePositionalArguments(commandLine)) return kFailure;
+    if (!takePositionalArguments(platform, commandLine)) return kFailure;
     if (!checkTargets(commandLine)) return kFailure;
 
     const RunSettings& settings = commandLine.settings;
-    if (settings.physZorbelRequested) {
+    if (settings.breakDownMode) {
         setBreakDownPhysZorbel(platform, true);
         breakDownPhysZorbel(platform);  // Reports now what every process would run into.
     }

@@ -44,7 +44,7 @@ class ZBUserProcess : public ZBProcess {
 
     // What fails leaves its figures as they were.
     void _gatherKernelMemory();
-    void _gatherPhysZorbel();
+    virtual void _gatherPhysZorbel();
     virtual void _gatherIdleExitStatus();
     /// From kProcDirty bits.
     void _setIdleExitStatusFromDirtyFlags(std::uint32_t flags);
@@ -55,6 +55,9 @@ class ZBUserProcess : public ZBProcess {
     /// Places the shared region as that kind of machine does. False, and said on standard error, for a kind
     /// that is not known; the shared region then stays where it was.
     bool _setSharedRegionFromPlatform(ZBPlatform platform);
+    [[nodiscard]] bool _isInSharedRegion(std::uint64_t address) const {
+        return address - _sharedRegionBase < _sharedRegionSize;
+    }
 
     /// Walks the address space in ascending order until the visitor stops it or the space ends. A failing
     /// look-up ends it too and becomes an error of the process, or a warning when the process has exited; the
@@ -88,9 +91,6 @@ class ZBUserProcess : public ZBProcess {
     std::int64_t _kshrd = 0;
 
   private:
-    [[nodiscard]] bool _isInSharedRegion(std::uint64_t address) const {
-        return address - _sharedRegionBase < _sharedRegionSize;
-    }
     /// Start of a region close below the shared region; 0 when none was found.
     std::uint64_t _lastNonSharedCacheRegion();
     KernReturn _lookUpTopLevelRegion(std::uint64_t& address, std::uint64_t& size, RegionInfoRecord& record);

@@ -47,6 +47,8 @@ bool ZBUserProcess::_setSharedRegionFromPlatform(ZBPlatform platform) {
             return place(0x1'8000'0000, 0x1'0000'0000);
         case ZBPlatform::kLinux:
             return place(0, 0);
+        case ZBPlatform::kUnknown:
+            break;
     }
     std::fputs("Unable to determine platform architecture of target\n", stderr);
     return false;

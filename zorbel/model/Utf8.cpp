@@ -1,8 +1,35 @@
 #include "model/Utf8.h"
 
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
 namespace zorbel {
 
-static bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
+namespace {
+
+bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
+
+/// Whether a terminal may act on the character: the ASCII controls, and U+0080 to U+009F, which some
+/// terminals take for escape sequences.
+bool isControl(std::string_view character) {
+    const auto lead = static_cast<unsigned char>(character[0]);
+    if (character.size() == 1) return lead < 0x20 || lead == 0x7F;
+    return lead == 0xC2 && static_cast<unsigned char>(character[1]) < 0xA0;
+}
+
+std::string escaped(std::string_view bytes) {
+    std::string text;
+    for (const char byte : bytes) {
+        std::array<char, 5> digits{};
+        std::snprintf(digits.data(), digits.size(), "\\x%02X",
+                      static_cast<unsigned>(static_cast<unsigned char>(byte)));
+        text += digits.data();
+    }
+    return text;
+}
+
+}  // namespace
 
 std::size_t utf8Length(std::string_view text) {
     const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
@@ -28,6 +55,22 @@ bool isUtf8(std::string_view text) {
         text.remove_prefix(length);
     }
     return true;
+}
+
+std::string printable(std::string_view text, std::size_t mostBytes) {
+    std::string result;
+    while (!text.empty()) {
+        const std::size_t length = utf8Length(text);
+        const std::string_view character = text.substr(0, std::max<std::size_t>(length, 1));
+        const bool isHarmless = length > 0 && !isControl(character);
+        if (result.size() + (isHarmless ? length : 4 * character.size()) > mostBytes) break;
+        if (isHarmless)
+            result += character;
+        else
+            result += escaped(character);
+        text.remove_prefix(character.size());
+    }
+    return result;
 }
 
 }  // namespace zorbel

@@ -11,6 +11,7 @@
 #include "inspect/linux/ProcessStat.h"
 #include "inspect/linux/ProcessStatus.h"
 #include "inspect/linux/Smaps.h"
+#include "model/Utf8.h"
 #include "support/TestData.h"
 
 namespace zorbel::test {

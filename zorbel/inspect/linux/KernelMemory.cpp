@@ -14,6 +14,7 @@
 
 #include "inspect/linux/PageSize.h"
 #include "inspect/linux/ProcFiles.h"
+#include "model/Utf8.h"
 
 namespace zorbel {
 

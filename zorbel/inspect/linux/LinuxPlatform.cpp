@@ -14,6 +14,8 @@
 
 #include "inspect/linux/PageSize.h"
 #include "inspect/linux/ProcessStat.h"
+#include "inspect/memgraph/MemoryGraph.h"
+#include "model/Utf8.h"
 
 namespace zorbel {
 
@@ -186,7 +188,9 @@ KernReturn LinuxPlatform::task_for_pid(std::int32_t pid, TaskName& task) {
     return kKernSuccess;
 }
 
-const ProcessStatus* LinuxPlatform::_statusOf(Task& task) {
+const ProcessStatus* LinuxPlatform::_statusOf(TaskName name) {
+    if (name == kTaskNull) return nullptr;
+    Task& task = _taskNamed(name);
     if (task.status) return &*task.status;
     const TaskDirectory directory(task);
     if (directory.get() < 0) return nullptr;
@@ -202,7 +206,7 @@ const ProcessStatus* LinuxPlatform::_statusOf(Task& task) {
 }
 
 KernReturn LinuxPlatform::task_info(TaskName task, KernelMemoryRecord& record) {
-    const ProcessStatus* status = _statusOf(_taskNamed(task));
+    const ProcessStatus* status = _statusOf(task);
     if (status == nullptr) return kMachSendInvalidDest;
     record = {};
     record.total_palloc = status->pageTables + status->threads * kernelStackSize();
@@ -210,7 +214,7 @@ KernReturn LinuxPlatform::task_info(TaskName task, KernelMemoryRecord& record) {
 }
 
 int LinuxPlatform::proc_pid_rusage(TaskName task, ResourceUsageRecord& record) {
-    const ProcessStatus* status = _statusOf(_taskNamed(task));
+    const ProcessStatus* status = _statusOf(task);
     if (status == nullptr) return ESRCH;
     record.ri_phys_zorbel = status->charge();
     record.ri_lifetime_max_phys_zorbel = std::max(status->charge(), status->residentPeak);
@@ -311,6 +315,16 @@ std::optional<std::string> LinuxPlatform::nameOfKernelSymbol(std::uint64_t addre
 
 std::optional<SourceLocation> LinuxPlatform::sourceOfKernelAddress(std::uint64_t address) {
     return _kernelMemory ? _kernelMemory->sourceOfSite(address) : std::nullopt;
+}
+
+std::unique_ptr<MemoryGraphReader> LinuxPlatform::openMemoryGraph(std::string_view contents,
+                                                                  PlatformError& error) {
+    auto graph = parseMemoryGraph(contents, error);
+    if (!graph) return nullptr;
+    const Name capture(graph->capture);
+    for (GraphRegion& region : graph->regions)
+        if (region.object_id != 0) region.object_id = _objectIds.idOfSaved(capture, region.object_id);
+    return std::make_unique<LoadedMemoryGraph>(*std::move(graph));
 }
 
 int LinuxPlatform::sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) {

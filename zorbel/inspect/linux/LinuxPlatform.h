@@ -81,6 +81,10 @@ class LinuxPlatform : public Platform, private Symbolicator {
     /// From /proc/allocinfo, which few kernels have.
     std::optional<SourceLocation> sourceOfKernelAddress(std::uint64_t address) override;
 
+    /// Files of zorbel-capture.
+    std::unique_ptr<MemoryGraphReader> openMemoryGraph(std::string_view contents,
+                                                       PlatformError& error) override;
+
     int sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) override;
     [[nodiscard]] std::string mach_error_string(KernReturn code) const override;
 
@@ -97,8 +101,8 @@ class LinuxPlatform : public Platform, private Symbolicator {
     class TaskDirectory;
 
     Task& _taskNamed(TaskName task) { return _tasks[task - 1]; }
-    /// Null when the process has no memory any more.
-    const ProcessStatus* _statusOf(Task& task);
+    /// Null when the process has no memory any more, and for kTaskNull.
+    const ProcessStatus* _statusOf(TaskName name);
     TaskSnapshot& _snapshotOf(Task& task, int processDirectory);
 
     FileSystems _fileSystems;

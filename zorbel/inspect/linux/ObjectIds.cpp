@@ -31,4 +31,11 @@ std::uint32_t ObjectIds::idOfFile(const FileIdentity& file) {
     return id;
 }
 
+std::uint32_t ObjectIds::idOfSaved(Name capture, std::uint32_t number) {
+    const std::lock_guard lock(_mutex);
+    std::uint32_t& id = _captures[capture][number];
+    if (id == 0) id = newId();
+    return id;
+}
+
 }  // namespace zorbel

@@ -4,6 +4,9 @@
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <cstdint>
 #include <mutex>
+#include <unordered_map>
+
+#include "model/Name.h"
 
 namespace zorbel {
 
@@ -19,8 +22,9 @@ struct FileIdentity {
     friend std::size_t hash_value(const FileIdentity& file);
 };
 
-/// Gives out object ids: one for each file, whoever maps it, and a new one for whatever is mapped only once.
-/// Never 0, never the same id for two objects. Shared by the workers.
+/// Gives out object ids: one for each file, whoever maps it, one for each object of saved memory graphs, and
+/// a new one for whatever is mapped only once. Never 0, never the same id for two objects. Shared by the
+/// workers.
 class ObjectIds {
   public:
     ObjectIds();
@@ -30,11 +34,14 @@ class ObjectIds {
     [[nodiscard]] bool tellsFile(const FileIdentity& file) const { return file != _anonymousInode; }
     std::uint32_t idOfFile(const FileIdentity& file);
     std::uint32_t newId() { return ++_last; }
+    /// For an object of saved memory graphs: those of one capture tell it by the same number.
+    std::uint32_t idOfSaved(Name capture, std::uint32_t number);
 
   private:
     FileIdentity _anonymousInode;
     std::mutex _mutex;
     boost::unordered_flat_map<FileIdentity, std::uint32_t> _files;
+    std::unordered_map<Name, boost::unordered_flat_map<std::uint32_t, std::uint32_t>> _captures;
     std::atomic<std::uint32_t> _last = 0;
 };
 

@@ -4,41 +4,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
 #include <climits>
-#include <cstdint>
-#include <cstdio>
 #include <memory>
 
-#include "model/Utf8.h"
-
 namespace zorbel {
-
-namespace {
-
-/// Whether a terminal may act on the character: the ASCII controls, and U+0080 to U+009F, which some
-/// terminals take for escape sequences.
-bool isControl(std::string_view character) {
-    const auto lead = static_cast<unsigned char>(character[0]);
-    if (character.size() == 1) return lead < 0x20 || lead == 0x7F;
-    return lead == 0xC2 && static_cast<unsigned char>(character[1]) < 0xA0;
-}
-
-std::string escaped(std::string_view bytes) {
-    std::string text;
-    for (const char byte : bytes) {
-        std::array<char, 5> digits{};
-        std::snprintf(digits.data(), digits.size(), "\\x%02X",
-                      static_cast<unsigned>(static_cast<unsigned char>(byte)));
-        text += digits.data();
-    }
-    return text;
-}
-
-}  // namespace
 
 FileDescriptor::~FileDescriptor() {
     if (_fd >= 0) close(_fd);
@@ -82,22 +54,6 @@ bool anyThread(int processDirectory, const std::function<bool(const std::string&
     while (const dirent* thread = directory ? readdir(directory.get()) : nullptr)
         if (thread->d_name[0] != '.' && visit(std::string("task/") + thread->d_name)) return true;
     return false;
-}
-
-std::string printable(std::string_view text, std::size_t mostBytes) {
-    std::string result;
-    while (!text.empty()) {
-        const std::size_t length = utf8Length(text);
-        const std::string_view character = text.substr(0, std::max<std::size_t>(length, 1));
-        const bool isHarmless = length > 0 && !isControl(character);
-        if (result.size() + (isHarmless ? length : 4 * character.size()) > mostBytes) break;
-        if (isHarmless)
-            result += character;
-        else
-            result += escaped(character);
-        text.remove_prefix(character.size());
-    }
-    return result;
 }
 
 std::optional<unsigned long long> takeNumber(std::string_view& text, int base) {

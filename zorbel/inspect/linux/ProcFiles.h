@@ -43,11 +43,6 @@ std::optional<std::string> readLink(const char* path, int directory);
 /// whether it has.
 bool anyThread(int processDirectory, const std::function<bool(const std::string& directory)>& visit);
 
-/// A text from a process, safe to print on a terminal: control characters and bytes that are not UTF-8 become
-/// \xNN.
-/// What does not fit into the given number of bytes is cut off, between two characters.
-std::string printable(std::string_view text, std::size_t mostBytes = std::string::npos);
-
 /// Reads an unsigned number and moves behind it; nothing when there is no digit. Fields behind single blanks
 /// are what the files under /proc are made of.
 std::optional<unsigned long long> takeNumber(std::string_view& text, int base = 10);

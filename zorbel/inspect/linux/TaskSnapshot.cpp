@@ -12,6 +12,7 @@
 #include "inspect/linux/PageSize.h"
 #include "inspect/linux/ProcFiles.h"
 #include "inspect/linux/RegionKinds.h"
+#include "model/Utf8.h"
 
 namespace zorbel {
 

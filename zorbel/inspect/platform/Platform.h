@@ -1,11 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "inspect/platform/KernelRecords.h"
+#include "inspect/platform/MemoryGraphReader.h"
 #include "inspect/platform/Records.h"
 #include "inspect/platform/Symbolicator.h"
 #include "model/Name.h"
@@ -102,6 +105,12 @@ class Platform {
 
     /// The kernel modules that are loaded; none where the system does not tell.
     virtual std::vector<KernelModuleInfo> OSKextCopyLoadedKextInfo() = 0;
+
+    /// Opens a saved memory graph, given the contents of its file, which need not outlive the call. Object
+    /// ids mean the same in live processes and in graphs of the same capture only. Null when the contents are
+    /// no graph; the error then tells why, or has no domain where nothing is known.
+    virtual std::unique_ptr<MemoryGraphReader> openMemoryGraph(std::string_view contents,
+                                                               PlatformError& error) = 0;
 
     /// Reads or sets, where newValue is given, an integer setting of the tool's own process. 0 or an errno,
     /// ENOENT when the system has no such setting.

@@ -95,7 +95,8 @@ enum class ZBPlatform : std::uint8_t {
     kARM = 2,
     kARM64 = 3,
     kARM64_32 = 4,
-    kLinux = 5,  ///< Has no such cache.
+    kUnknown = 5,
+    kLinux = 6,  ///< Has no such cache.
 };
 
 /// Purgeable states, numbered as the kernel does.

@@ -1,0 +1,75 @@
+#include "cli/GraphFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+namespace zorbel {
+
+namespace {
+
+/// Holds the signals back that end a program, while there is something to be cleaned up.
+class SignalsHeldBack {
+  public:
+    SignalsHeldBack() {
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) sigaddset(&signals, signal);
+        sigprocmask(SIG_BLOCK, &signals, &_before);
+    }
+    SignalsHeldBack(const SignalsHeldBack&) = delete;
+    ~SignalsHeldBack() { sigprocmask(SIG_SETMASK, &_before, nullptr); }
+
+  private:
+    sigset_t _before{};
+};
+
+/// Writes to an open file, and closes it. 0 or an errno.
+int writeTo(int fd, const MemoryGraph& graph) {
+    std::FILE* file = fdopen(fd, "w");
+    if (file == nullptr) return errno;
+    writeMemoryGraph(file, graph);
+    int error = 0;
+    // A machine in need may not live long enough to write it later on.
+    if (std::fflush(file) != 0 || std::ferror(file) != 0 || fchmod(fd, S_IRUSR | S_IWUSR) != 0 ||
+        fsync(fd) != 0)
+        error = errno;
+    if (std::fclose(file) != 0 && error == 0) error = errno;
+    return error;
+}
+
+/// Gives a file its name. 0 or an errno.
+int publish(const char* temporary, const char* path, bool replace) {
+    if (replace) {
+        struct stat there {};
+        if (lstat(path, &there) == 0 && !S_ISREG(there.st_mode))
+            return S_ISDIR(there.st_mode) ? EISDIR : EEXIST;
+        return rename(temporary, path) == 0 ? 0 : errno;
+    }
+    if (renameat2(AT_FDCWD, temporary, AT_FDCWD, path, RENAME_NOREPLACE) == 0) return 0;
+    if (errno != EINVAL && errno != ENOSYS) return errno;
+    // Not every file system can do that; a link never replaces anything either.
+    if (link(temporary, path) != 0) return errno;
+    unlink(temporary);
+    return 0;
+}
+
+}  // namespace
+
+int saveGraph(const MemoryGraph& graph, const std::string& path, bool replace) {
+    const SignalsHeldBack heldBack;
+    std::string temporary = path.substr(0, path.rfind('/') + 1) + ".zorbel-capture-XXXXXX";
+    const int fd = mkostemp(temporary.data(), O_CLOEXEC);
+    if (fd < 0) return errno;
+    int error = writeTo(fd, graph);
+    if (error == 0) error = publish(temporary.c_str(), path.c_str(), replace);
+    if (error != 0) unlink(temporary.c_str());
+    return error;
+}
+
+}  // namespace zorbel
