@@ -1,0 +1,52 @@
+// Whole runs on whatever files may come: from the reading of a memory graph to its report.
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "aggregate/ZBZorbel.h"
+#include "inspect/ZBMemgraphProcess.h"
+#include "inspect/linux/LinuxPlatform.h"
+#include "report/ZBOutputFormatterText.h"
+
+namespace zorbel {
+
+static LinuxPlatform& platform() {
+    static LinuxPlatform platform;
+    return platform;
+}
+
+/// A file in memory that holds the data, and its name.
+static std::string fileWith(const std::uint8_t* data, std::size_t size) {
+    static const int file = memfd_create("graph", MFD_CLOEXEC);
+    if (ftruncate(file, 0) != 0 || pwrite(file, data, size, 0) != static_cast<ssize_t>(size)) std::abort();
+    return "/proc/self/fd/" + std::to_string(file);
+}
+
+}  // namespace zorbel
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+    // Of the reports, nothing is to be read.
+    return std::freopen("/dev/null", "w", stdout) == nullptr ? 1 : 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace zorbel;
+    PlatformError error;
+    auto graph = ZBMemgraphProcess::processWithMemgraph(platform(), fileWith(data, size), error);
+    if (!graph) {
+        if (error.description.empty()) std::abort();
+        return 0;
+    }
+    std::vector<std::unique_ptr<ZBProcess>> processes;
+    processes.push_back(std::move(graph));
+    ZBZorbel zorbel(std::move(processes));
+    zorbel.gatherData();
+    zorbel.addOutputFormatter(std::make_shared<ZBOutputFormatterText>(platform(), SummaryFormat::kBytes,
+                                                                      kShowWired | kShowSwapped));
+    zorbel.printOutputVerbose(true, true);
+    return 0;
+}
