@@ -110,10 +110,17 @@ TEST_F(CaptureTest, NothingThatIsThereIsLost) {
     EXPECT_GT(std::filesystem::file_size(file), 1000U);
     const std::string pipe = directory + "/pipe";
     EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    EXPECT_THAT(capture({"-o", pipe, "--force"}, {fixture.pid()}).error, HasSubstr("File exists"));
+    for (const char* force : {"-t", "--force"})
+        EXPECT_THAT(capture({force, "-o", pipe}, {fixture.pid()}).error,
+                    HasSubstr("File exists, and is no regular file\n"));
     EXPECT_TRUE(std::filesystem::is_fifo(pipe));
     EXPECT_THAT(capture({"-o", directory + "/none/x"}, {fixture.pid()}).error,
                 HasSubstr("No such file or directory\n"));
+    EXPECT_EQ(runZorbel({"-c", "ulimit -f 1; exec \"$0\" -o $1/large $2", PROGRAM_DIR "/zorbel-capture",
+                         directory, std::to_string(fixture.pid())},
+                        {"bash"})
+                  .error,
+              "zorbel-capture: " + directory + "/large: File too large\n");
     EXPECT_EQ(filesInDirectory(), 2U);  // And nothing is left of what failed.
     outcome = capture({"-o", "-"}, {fixture.pid()});
     EXPECT_EQ(outcome.status, 0);

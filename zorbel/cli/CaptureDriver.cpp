@@ -21,6 +21,7 @@
 #include "cli/GraphFile.h"
 #include "inspect/BreakDownMode.h"
 #include "inspect/ZBCapturedProcess.h"
+#include "model/Utf8.h"
 
 namespace zorbel {
 
@@ -135,11 +136,13 @@ bool isDirectory(const std::string& path) {
     return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-/// Name of a process's file in a directory, of a length that any file system takes.
+/// Name of a process's file in a directory: of a length that any file system takes, and neither hidden nor
+/// like an option.
 std::string fileNameOf(const ZBProcess& process) {
     constexpr std::size_t kLongestName = 200;
-    std::string name = process.name().substr(0, kLongestName);
+    std::string name = printable(process.name(), kLongestName);
     std::ranges::replace(name, '/', '_');
+    if (name.starts_with('-') || name.starts_with('.')) name[0] = '_';
     return name + "-" + std::to_string(process.pid()) + ".memgraph";
 }
 
@@ -198,14 +201,15 @@ class Capture {
 bool save(const MemoryGraph& graph, const std::string& path, const CaptureSettings& settings) {
     if (path == "-") {
         writeMemoryGraph(stdout, graph);
-        if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return true;
-        say(std::string("standard output: ") + std::strerror(errno));
-        return false;
+        return true;  // What goes wrong there is seen at the end.
     }
     const int error = saveGraph(graph, path, settings.force);
     if (error == 0) return true;
-    say(path + ": " + std::strerror(error) +
-        (error == EEXIST && !settings.force ? " (--force replaces it)" : ""));
+    const char* hint = "";
+    struct stat there {};
+    if (error == EEXIST && lstat(path.c_str(), &there) == 0)
+        hint = S_ISREG(there.st_mode) ? " (--force replaces it)" : ", and is no regular file";
+    say(path + ": " + std::strerror(error) + hint);
     return false;
 }
 
@@ -240,6 +244,10 @@ int capture(int argc, char* const argv[], Platform& platform) {
         if (hasDirectory) std::printf("%s\n", path.c_str());
     }
     if (saved < pids.size() && !settings.targetAll) isComplete = false;
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        say(std::string("standard output: ") + std::strerror(errno));
+        isComplete = false;
+    }
     return isComplete && saved > 0 ? kSuccess : kFailure;
 }
 

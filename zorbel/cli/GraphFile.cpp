@@ -17,10 +17,9 @@ namespace {
 class SignalsHeldBack {
   public:
     SignalsHeldBack() {
-        sigset_t signals;
-        sigemptyset(&signals);
-        for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) sigaddset(&signals, signal);
-        sigprocmask(SIG_BLOCK, &signals, &_before);
+        sigset_t all;
+        sigfillset(&all);
+        sigprocmask(SIG_SETMASK, &all, &_before);
     }
     SignalsHeldBack(const SignalsHeldBack&) = delete;
     ~SignalsHeldBack() { sigprocmask(SIG_SETMASK, &_before, nullptr); }
@@ -29,16 +28,23 @@ class SignalsHeldBack {
     sigset_t _before{};
 };
 
+/// A machine in need may not live long enough to write a file later on: a directory does not either. 0 or an
+/// errno.
+int synchronizeDirectory(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return errno == EACCES ? 0 : errno;  // One may be allowed to write there only.
+    const int error = fsync(fd) == 0 || errno == EINVAL ? 0 : errno;
+    close(fd);
+    return error;
+}
+
 /// Writes to an open file, and closes it. 0 or an errno.
 int writeTo(int fd, const MemoryGraph& graph) {
     std::FILE* file = fdopen(fd, "w");
     if (file == nullptr) return errno;
     writeMemoryGraph(file, graph);
     int error = 0;
-    // A machine in need may not live long enough to write it later on.
-    if (std::fflush(file) != 0 || std::ferror(file) != 0 || fchmod(fd, S_IRUSR | S_IWUSR) != 0 ||
-        fsync(fd) != 0)
-        error = errno;
+    if (std::fflush(file) != 0 || std::ferror(file) != 0 || fsync(fd) != 0) error = errno;
     if (std::fclose(file) != 0 && error == 0) error = errno;
     return error;
 }
@@ -63,13 +69,19 @@ int publish(const char* temporary, const char* path, bool replace) {
 
 int saveGraph(const MemoryGraph& graph, const std::string& path, bool replace) {
     const SignalsHeldBack heldBack;
-    std::string temporary = path.substr(0, path.rfind('/') + 1) + ".zorbel-capture-XXXXXX";
+    std::signal(SIGXFSZ, SIG_IGN);  // A file that may not grow as large is an error like any other.
+    const std::string directory = path.substr(0, path.rfind('/') + 1);
+    std::string temporary = directory + ".zorbel-capture-XXXXXX";
+    umask(S_IRWXG | S_IRWXO);
     const int fd = mkostemp(temporary.data(), O_CLOEXEC);
     if (fd < 0) return errno;
     int error = writeTo(fd, graph);
     if (error == 0) error = publish(temporary.c_str(), path.c_str(), replace);
-    if (error != 0) unlink(temporary.c_str());
-    return error;
+    if (error != 0) {
+        unlink(temporary.c_str());
+        return error;
+    }
+    return synchronizeDirectory(directory.empty() ? "." : directory);
 }
 
 }  // namespace zorbel

@@ -16,7 +16,7 @@ constexpr int kUnknownFormat = 1;
 constexpr int kUnknownPlatform = 2;
 
 /// More than any graph has, in bytes; a device may never end.
-constexpr std::size_t kMostContents = std::size_t{1} << 30;
+constexpr std::size_t kMostContents = std::size_t{1} << 29;
 
 /// The whole of a file; on failure, and for what is too large, nothing and why.
 std::optional<std::string> contentsOf(const std::string& path, PlatformError& error) {

@@ -1,8 +1,6 @@
 #include "model/Utf8.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 
 namespace zorbel {
 
@@ -18,15 +16,14 @@ bool isControl(std::string_view character) {
     return lead == 0xC2 && static_cast<unsigned char>(character[1]) < 0xA0;
 }
 
-std::string escaped(std::string_view bytes) {
-    std::string text;
-    for (const char byte : bytes) {
-        std::array<char, 5> digits{};
-        std::snprintf(digits.data(), digits.size(), "\\x%02X",
-                      static_cast<unsigned>(static_cast<unsigned char>(byte)));
-        text += digits.data();
+void appendEscaped(std::string& text, std::string_view bytes) {
+    constexpr const char* kDigits = "0123456789ABCDEF";
+    for (const char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        text += "\\x";
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 0xF];
     }
-    return text;
 }
 
 }  // namespace
@@ -67,7 +64,7 @@ std::string printable(std::string_view text, std::size_t mostBytes) {
         if (isHarmless)
             result += character;
         else
-            result += escaped(character);
+            appendEscaped(result, character);
         text.remove_prefix(character.size());
     }
     return result;

@@ -99,11 +99,18 @@ TEST(MemoryGraphTest, WhatIsWrongIsSaidWithItsPlace) {
         {"\"object_id\": 4", "\"object_id\": 4294967296", "regions[3].object_id must be"},
         {"\"address\": 1073807360", "\"address\": 18446744073709551615",
          "regions[8] reaches beyond the last address"},
-        {"{", "{\"x\": [[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[", "not JSON: too deep (line 1, column 3"},
+        {"{", "{\"x\": [[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[",
+         "the document is nested too deep (line 1, column 3"},
         {"\"version\": 1,", "\"version\": 1", "not JSON: syntax error (line 4, column 2)"},
     };
+    const std::string longText(70000, 'x');  // Longer than what is parsed at a time.
+    EXPECT_THAT(rewritten(sampleWith("\"/tmp/data\"", "\"" + longText + "\"")),
+                StartsWith("regions[7].path is longer than 1024 bytes (line 21, column "));
+    EXPECT_EQ(rewritten(sampleWith("{", "{\"" + longText + "\": \"" + longText + "\", ")),
+              rewritten(kSample));
     for (const auto& [text, other, wrong] : rows)
         EXPECT_THAT(rewritten(sampleWith(text, other)), StartsWith(wrong)) << other;
+    EXPECT_EQ(rewritten(testData("graphs/arm.memgraph.gz") + std::string(512, '\0')), rewritten(kSample));
     EXPECT_THAT(rewritten(kSample + "x"), StartsWith("not JSON: extra data (line 25, column 1)"));
     EXPECT_EQ(rewritten(kSample + std::string(70000, ' ')), rewritten(kSample));
     EXPECT_THAT(rewritten(kSample + std::string(70000, '\n') + "x"), StartsWith("not JSON: extra data"));

@@ -37,8 +37,12 @@ Problem inflateGzip(std::string_view contents, const Consumer& consume) {
             return "the compressed data is damaged: " + std::string(stream.msg ? stream.msg : zError(result));
         if (!consume({piece.data(), kPieceSize - stream.avail_out})) return std::nullopt;
         if (result == Z_OK) continue;
-        if (stream.avail_in == 0) return std::nullopt;
-        inflateReset(&stream);  // Files that were compressed one by one may follow each other.
+        // Files that were compressed one by one may follow each other, and what copies blocks pads with
+        // zeros.
+        if (std::all_of(stream.next_in, stream.next_in + stream.avail_in,
+                        [](Bytef byte) { return byte == 0; }))
+            return std::nullopt;
+        inflateReset(&stream);
     }
 }
 
@@ -80,7 +84,7 @@ Problem forEachPiece(std::string_view contents, const Consumer& consume) {
         size += piece.size();
         return size <= kMostText && consume(piece);
     });
-    if (size > kMostText) return "its text is larger than 1 GiB";
+    if (size > kMostText) return "its text is larger than 512 MiB";
     return problem;
 }
 

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <bit>
 #include <boost/json/basic_parser_impl.hpp>
+#include <new>
 #include <type_traits>
 
 #include "inspect/memgraph/Compression.h"
@@ -13,6 +14,9 @@ namespace json = boost::json;
 namespace zorbel {
 
 namespace {
+
+/// More than any machine allows for a path, in bytes.
+constexpr std::size_t kLongestText = 1024;
 
 std::string rangeOf(std::uint64_t most) { return "must be a whole number from 0 to " + std::to_string(most); }
 
@@ -38,8 +42,10 @@ std::string fill(Record& record, const Member<Record>& member, Value value) {
             } else {
                 if constexpr (!std::is_same_v<Value, std::string_view>)
                     return "must be a text";
+                else if (value.size() > kLongestText)
+                    return "is longer than " + std::to_string(kLongestText) + " bytes";
                 else
-                    target = Target(printable(value));
+                    target = Target(printable(value, kLongestText));
             }
             return {};
         },
@@ -96,11 +102,11 @@ class MemberCursor {
 /// Takes the parser's events, and fills a graph with them. Members that are not known are passed over.
 class Handler {
   public:
-    // What the parser asks for. Greater texts and numbers of things than these are errors of their own.
-    static constexpr std::size_t max_object_size = 1000;
-    static constexpr std::size_t max_array_size = 1 << 28;
-    static constexpr std::size_t max_key_size = 1000;
-    static constexpr std::size_t max_string_size = 1 << 16;
+    // What the parser asks for: it sets no bounds, since what is passed over takes no memory.
+    static constexpr std::size_t max_object_size = SIZE_MAX;
+    static constexpr std::size_t max_array_size = SIZE_MAX;
+    static constexpr std::size_t max_key_size = SIZE_MAX;
+    static constexpr std::size_t max_string_size = SIZE_MAX;
 
     bool on_document_begin(json::error_code& /*ec*/) { return true; }
     bool on_document_end(json::error_code& /*ec*/) { return true; }
@@ -151,31 +157,32 @@ class Handler {
     }
 
     bool on_key_part(json::string_view part, std::size_t /*size*/, json::error_code& /*ec*/) {
-        _text.append(part.data(), part.size());
+        _keep(part);
         return true;
     }
 
     bool on_key(json::string_view rest, std::size_t /*size*/, json::error_code& /*ec*/) {
-        const std::string_view key = _whole(rest);
+        _keep(rest);
         if (_passedOver > 0) {
             // Whatever it is, it stands in something that is not known.
         } else if (_place == Place::kRegion) {
-            _regionMembers.moveTo(kRegionMembers, key);
+            _regionMembers.moveTo(kRegionMembers, _text);
         } else {
-            _members.moveTo(kGraphMembers, key);
-            if (key == kRegionsMember) _members.setCurrent(kRegionsIndex);
+            _members.moveTo(kGraphMembers, _text);
+            if (_text == kRegionsMember) _members.setCurrent(kRegionsIndex);
         }
         _text.clear();
         return true;
     }
 
     bool on_string_part(json::string_view part, std::size_t /*size*/, json::error_code& /*ec*/) {
-        _text.append(part.data(), part.size());
+        _keep(part);
         return true;
     }
 
     bool on_string(json::string_view rest, std::size_t /*size*/, json::error_code& ec) {
-        const bool isTaken = _take(_whole(rest), ec);
+        _keep(rest);
+        const bool isTaken = _take(std::string_view(_text), ec);
         _text.clear();
         return isTaken;
     }
@@ -197,6 +204,8 @@ class Handler {
 
     /// What is wrong with the graph; empty as long as nothing is.
     [[nodiscard]] const std::string& problem() const { return _problem; }
+    /// The same for what the parser does not bear with.
+    [[nodiscard]] std::string problemOfDepth() const { return _path() + " is nested too deep"; }
     [[nodiscard]] MemoryGraph& graph() { return _graph; }
 
   private:
@@ -219,12 +228,8 @@ class Handler {
         return true;
     }
 
-    /// The text that ends with this part.
-    std::string_view _whole(std::string_view rest) {
-        if (_text.empty()) return rest;
-        _text += rest;
-        return _text;
-    }
+    /// Keeps as much of a text that comes in parts as is needed to see that it is too long.
+    void _keep(std::string_view part) { _text += part.substr(0, kLongestText + 1 - _text.size()); }
 
     template <typename Value>
     bool _take(Value value, json::error_code& ec) {
@@ -348,29 +353,44 @@ class Position {
     std::size_t _column = 1;
 };
 
-}  // namespace
-
-std::optional<MemoryGraph> parseMemoryGraph(std::string_view contents, PlatformError& error) {
-    error.domain = "MemoryGraphErrorDomain";
-    error.code = 1;
+std::optional<MemoryGraph> parse(std::string_view contents, std::string& problem) {
     json::basic_parser<Handler> parser{json::parse_options()};
+    const Handler& handler = parser.handler();
     Position position;
     json::error_code ec;
-    const auto problem = forEachPiece(contents, [&](std::string_view piece) {
+    const auto damage = forEachPiece(contents, [&](std::string_view piece) {
         const std::size_t parsed = parser.write_some(true, piece.data(), piece.size(), ec);
         position.moveOver(piece.substr(0, parsed));
         if (!ec && parsed < piece.size()) ec = json::error::extra_data;
         return !ec;
     });
-    if (problem && !ec) {
-        error.description = *problem;
+    if (damage && !ec) {
+        problem = *damage;
         return std::nullopt;
     }
     if (!ec) parser.write_some(false, "", 0, ec);
     if (!ec) return std::move(parser.handler().graph());
-    const std::string& wrong = parser.handler().problem();
-    error.description = (wrong.empty() ? "not JSON: " + ec.message() : wrong) + position.text();
+    if (!handler.problem().empty())
+        problem = handler.problem();
+    else if (ec == json::error::too_deep)
+        problem = handler.problemOfDepth();
+    else
+        problem = "not JSON: " + ec.message();
+    problem += position.text();
     return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<MemoryGraph> parseMemoryGraph(std::string_view contents, PlatformError& error) {
+    error.domain = "MemoryGraphErrorDomain";
+    error.code = 1;
+    try {
+        return parse(contents, error.description);
+    } catch (const std::bad_alloc&) {
+        error.description = "takes more memory than there is";
+        return std::nullopt;
+    }
 }
 
 }  // namespace zorbel
