@@ -4,23 +4,26 @@ include(GNUInstallDirs)
 
 # Installing takes the programs only, so it must not wait for tests and benchmarks.
 set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
-set(programs zorbel zorbel-capture)
 install(TARGETS ${programs})
 
-foreach(program IN LISTS programs)
-    set(manual ${CMAKE_SOURCE_DIR}/man/${program}.1)
-    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${manual})
-    file(ARCHIVE_CREATE OUTPUT ${CMAKE_BINARY_DIR}/${program}.1.gz PATHS ${manual}
+file(GLOB manuals CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/man/*)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${manuals})
+foreach(manual IN LISTS manuals)
+    cmake_path(GET manual FILENAME page)
+    cmake_path(GET manual EXTENSION LAST_ONLY section)
+    string(REPLACE "." "man" directory ${section})
+    file(ARCHIVE_CREATE OUTPUT ${CMAKE_BINARY_DIR}/${page}.gz PATHS ${manual}
         FORMAT raw COMPRESSION GZip COMPRESSION_LEVEL 9 MTIME "1970-01-01 UTC")
-    install(FILES ${CMAKE_BINARY_DIR}/${program}.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(FILES ${CMAKE_BINARY_DIR}/${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/${directory})
 endforeach()
 
-install(FILES README.md CHANGELOG.md docs/memgraph.md docs/memgraph.schema.json docs/report.schema.json
+install(FILES README.md CHANGELOG.md docs/corpses.md docs/memgraph.md docs/memgraph.schema.json
+    docs/report.schema.json
     DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 set(completions ${CMAKE_SOURCE_DIR}/completions)
 # These shells look for a file with the name of the program.
-foreach(program IN LISTS programs)
+foreach(program zorbel zorbel-capture)
     install(FILES ${completions}/zorbel.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program})
     install(FILES ${completions}/zorbel.fish

@@ -86,9 +86,6 @@ TEST_F(RunDriverTest, WithoutAnyTargetLeftTheRunFails) {
     for (const auto& [words, err] : rows) EXPECT_THAT(zorbel(words), FieldsAre(1, "", err));
     machine.hasProcessList = false;
     EXPECT_THAT(zorbel({"baker"}), FieldsAre(1, "", "Unable to obtain system process list\n" + nothing));
-    // What is not supported yet is refused in one line.
-    EXPECT_THAT(zorbel({"baker", "--corpsePid=1"}),
-                FieldsAre(1, "", MatchesRegex("zorbel: this version does not [^\n]*\n")));
 }
 
 TEST_F(RunDriverTest, SkipsProcessesThatMayEndAtNoLoss) {
@@ -139,6 +136,61 @@ TEST_F(RunDriverTest, InterruptEndsGatheringAndStillReports) {
     EXPECT_THAT(outcome.out, HasSubstr("apprentice [5000003]: 64-bit\tZorbel: 4096 B"));
     // From then on an interrupt has its usual effect.
     EXPECT_EXIT(raise(SIGINT), KilledBySignal(SIGINT), "");
+}
+
+TEST_F(RunDriverTest, CorpseIsMeasuredThroughTheTaskThatIsHandedOver) {
+    ScriptedProcess& corpse = machine.process(5000009, "unseen");
+    corpse.maps(0x1000, {.pages = 9, .info = {.user_tag = kStack, .pages_resident = 5}})
+        .maps(0x1'8000'0000, {.pages = 1, .info = {.pages_resident = 1}, .path = Name("/a/file")});
+    corpse.charges = {.ri_phys_zorbel = 4096};
+    machine.handedOver = {5000009};
+    const std::vector<std::string> words = {"--corpsePid", "5000001", "--corpseName", "Foo"};
+    const auto with = [&](std::vector<std::string> more) {
+        more.insert(more.begin(), words.begin(), words.end());
+        return zorbel(more);
+    };
+    const Outcome outcome = with({"--corpseProcFlags=4", "-v", "--corpseDirtyFlags", "0"});
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_THAT(outcome.out, HasSubstr("\nFoo [5000001] (corpse): 64-bit\tZorbel: 20 KB "));
+    EXPECT_THAT(outcome.out, HasSubstr("   unused varnel shared cache area \n"));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("Auxiliary data")));
+    // The system bit makes no kernel of it, and without its bit the process is one of 32 bits.
+    const Outcome narrow = with({"--corpseProcFlags", "200", "-v"});
+    EXPECT_THAT(narrow.out, HasSubstr("\nFoo [5000001] (corpse): 32-bit\tZorbel: 20 KB "));
+    EXPECT_THAT(narrow.out, HasSubstr("   mapped file \n"));
+    // The live process of that number stands back; others do not.
+    EXPECT_EQ(reported(with({"baker", "miller"})), "Foo miller ");
+    if (geteuid() == 0) {
+        EXPECT_EQ(reported(with({"-a"})), "unseen Foo miller apprentice ");
+    }
+    EXPECT_THAT(with({"-s", "--corpseDirtyFlags", "3"}).out, HasSubstr("Summary Zorbel: 0 B"));
+    EXPECT_EQ(reported(with({"-s", "--corpseDirtyFlags", "7"})), "Foo ");
+    corpse.lookupCode = kMachSendInvalidDest;
+    corpse.shortRecordError = ESRCH;  // What has not exited can't have exited meanwhile.
+    EXPECT_THAT(with({}).out, HasSubstr("No results gathered.\n\tFoo [5000001] (corpse): invalid dest"));
+}
+
+TEST_F(RunDriverTest, CorpseThatIsNotThereEndsTheRun) {
+    const std::string usage = testData("usage-of-corpses.txt");
+    const std::vector<std::string> rows[] = {{"--corpsePid=1"},
+                                             {"--corpseName=Foo"},
+                                             {"--corpsePid=0", "--corpseName=Foo", "baker"},
+                                             {"--corpsePid=-1", "--corpseName=Foo"},
+                                             {"--corpseDirtyFlags", "1"}};
+    for (const auto& words : rows)
+        EXPECT_THAT(zorbel(words), FieldsAre(1, usage, "Invalid arguments for corpse mode\n"));
+    const auto lookUp = [&] { return zorbel({"--corpsePid=1", "--corpseName=Foo", "baker"}); };
+    const std::string failure = "Failed to retrieve corpse port\n";
+    for (const TaskName task : {kTaskNull, kTaskDead}) {
+        machine.handedOver = {task, 5000001};
+        EXPECT_THAT(lookUp(), FieldsAre(1, usage, failure));
+    }
+    machine.handedOver = {};
+    EXPECT_THAT(lookUp(), FieldsAre(1, usage, failure));
+    machine.handedOver = {5000001};
+    EXPECT_EQ(reported(lookUp()), "baker Foo ");
+    machine.handedOverCode = kKernFailure;
+    EXPECT_THAT(lookUp(), FieldsAre(1, usage, failure));
 }
 
 static CommandLine parsed(const std::vector<std::string>& words) {

@@ -114,6 +114,10 @@ class ScriptedPlatform : public Platform, private Symbolicator {
 
     bool saysWhatIsWrongWithGraphs = true;
 
+    // Tasks have the numbers of their processes.
+    std::vector<TaskName> handedOver;
+    KernReturn handedOverCode = kKernSuccess;
+
     std::uint32_t vm_kernel_page_size() const override { return pageSize; }
 
     ZBPlatform platformOfProcesses(bool is64bit) const override {
@@ -155,6 +159,11 @@ class ScriptedPlatform : public Platform, private Symbolicator {
     KernReturn task_for_pid(std::int32_t pid, TaskName& task) override {
         task = static_cast<TaskName>(pid);
         return _find(pid)->openCode;
+    }
+
+    KernReturn mach_ports_lookup(std::vector<TaskName>& ports) override {
+        ports = handedOver;
+        return handedOverCode;
     }
 
     KernReturn task_info(TaskName task, KernelMemoryRecord& record) override {

@@ -11,6 +11,7 @@
 #include "aggregate/ZBZorbel.h"
 #include "cli/CommandLine.h"
 #include "inspect/BreakDownMode.h"
+#include "inspect/ZBCorpseProcess.h"
 #include "inspect/ZBMemgraphProcess.h"
 #include "report/ZBOutputFormatterJSON.h"
 #include "report/ZBOutputFormatterText.h"
@@ -21,15 +22,13 @@ namespace {
 
 constexpr int kFailure = 1;
 
-/// Says so where the command line asks for what this version cannot do yet; nothing asked for is ignored.
-bool asksForMissingFeature(const CommandLine& commandLine) {
-    if (!commandLine.settings.corpseMode) return false;
-    std::fputs(
-        "zorbel: this version does not support --corpsePid, --corpseName, --corpseDirtyFlags and "
-        "--corpseProcFlags.\n",
-        stderr);
-    return true;
-}
+constexpr const char* kCorpseUsage =
+    "Usage: zorbel --corpsePid pid --corpseName name --corpseDirtyFlags dirtyFlags --corpseProcFlags "
+    "procFlags\n"
+    "\t--corpsePid pid \t\t\t\tpid of the corpse passed to zorbel\n"
+    "\t--corpseName name \t\t\t\tname of the corpse passed to zorbel\n"
+    "\t--corpseDirtyFlags dirtyFlags \t\t\tdirty flags of the corpse passed to zorbel in hex\n"
+    "\t--corpseProcFlags procFlags \t\t\tproc flags of the corpse passed to zorbel in hex\n";
 
 /// Key of a memory graph among the targets, by its path as it was typed. Live processes have the numbers from
 /// 0 on.
@@ -80,7 +79,7 @@ bool takePositionalArguments(Platform& platform, CommandLine& commandLine) {
 bool checkTargets(const CommandLine& commandLine) {
     const RunSettings& settings = commandLine.settings;
     if (commandLine.pidToName.empty() && commandLine.targets.empty() &&
-        commandLine.processDescriptions.empty() && !settings.targetAll) {
+        commandLine.processDescriptions.empty() && !settings.targetAll && !settings.corpseMode) {
         std::fputs("Must specify at least one process or memgraph\n", stderr);
         printUsage();
         return false;
@@ -93,8 +92,25 @@ bool checkTargets(const CommandLine& commandLine) {
     return true;
 }
 
+/// Takes over the corpse that the options describe: its task, or kTaskNull, and why on standard error, where
+/// there is none.
+TaskName takeCorpse(Platform& platform, const RunSettings& settings) {
+    std::vector<TaskName> ports;
+    const char* problem = nullptr;
+    if (!settings.corpseName || settings.corpsePid <= 0)
+        problem = "Invalid arguments for corpse mode\n";
+    else if (platform.mach_ports_lookup(ports) != kKernSuccess || ports.empty() ||
+             ports.front() == kTaskNull || ports.front() == kTaskDead)
+        problem = "Failed to retrieve corpse port\n";
+    if (problem == nullptr) return ports.front();
+    std::fputs(problem, stderr);
+    std::fputs(kCorpseUsage, stdout);
+    return kTaskNull;
+}
+
 std::set<std::int32_t> excludedPids(Platform& platform, const CommandLine& commandLine) {
     std::set<std::int32_t> excluded = {getpid()};
+    if (commandLine.settings.corpseMode) excluded.insert(commandLine.settings.corpsePid);
     if (commandLine.excludeDescriptions.empty()) return excluded;
     if (const auto pids =
             ZBProcess::pidsForStringDescriptions(platform, commandLine.excludeDescriptions, nullptr))
@@ -149,6 +165,12 @@ TargetMap openTargets(Platform& platform, CommandLine& commandLine) {
     return targets;
 }
 
+std::unique_ptr<ZBProcess> openCorpse(Platform& platform, TaskName corpse, const RunSettings& settings) {
+    if (corpse == kTaskNull) return nullptr;
+    return ZBCorpseProcess::processWithCorpse(platform, corpse, settings.corpsePid, *settings.corpseName,
+                                              settings.corpseDirtyFlags, settings.corpseProcFlags);
+}
+
 void gatherCancellably(ZBZorbel& zorbel) {
     const auto cancelHandler = ZBZorbel::installCancelHandler([&zorbel] {
         zorbel.cancel();
@@ -162,17 +184,20 @@ void gatherCancellably(ZBZorbel& zorbel) {
 int run(int argc, char* const argv[], Platform& platform) {
     CommandLine commandLine;
     if (const auto status = parseCommandLine(argc, argv, commandLine)) return *status;
-    if (asksForMissingFeature(commandLine)) return kFailure;
     if (!takePositionalArguments(platform, commandLine)) return kFailure;
     if (!checkTargets(commandLine)) return kFailure;
 
     const RunSettings& settings = commandLine.settings;
+    const TaskName corpse = settings.corpseMode ? takeCorpse(platform, settings) : kTaskNull;
+    if (settings.corpseMode && corpse == kTaskNull) return kFailure;
     if (settings.breakDownMode) {
         setBreakDownPhysZorbel(platform, true);
         breakDownPhysZorbel(platform);  // Reports now what every process would run into.
     }
 
     TargetMap targets = openTargets(platform, commandLine);
+    if (auto process = openCorpse(platform, corpse, settings))
+        targets[settings.corpsePid] = std::move(process);
     if (targets.empty()) {
         std::fputs(
             "Unable to find any processes matching the supplied process names or pids (try as root?)\n",

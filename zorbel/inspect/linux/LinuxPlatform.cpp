@@ -2,13 +2,17 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -21,7 +25,6 @@ namespace zorbel {
 
 namespace {
 
-constexpr std::uint64_t k32BitAddressSpace = 0x100000000;
 constexpr KernReturn kErrnoBase = kernReturnFromErrno(0);
 
 /// Descriptors left free for standard streams and the like, and for each worker: it reads one file of a
@@ -63,6 +66,24 @@ BsdInfoRecord recordOfKernel() {
     copyText(record.pbi_comm, "kernel");
     copyText(record.pbi_name, "kernel");
     return record;
+}
+
+/// A number in a variable of the environment, and nothing else; 0 where there is none.
+std::int32_t numberInEnvironment(const char* variable) {
+    const char* text = std::getenv(variable);
+    if (text == nullptr) return 0;
+    const char* end = text + std::strlen(text);
+    std::int32_t number = 0;
+    const auto [parsed, error] = std::from_chars(text, end, number);
+    return error == std::errc() && parsed == end ? number : 0;
+}
+
+/// Whether the descriptor is a directory on /proc/PID, and the process there.
+bool isProcessDirectory(int fd) {
+    struct statfs system {};
+    struct stat status {};
+    return fstatfs(fd, &system) == 0 && system.f_type == PROC_SUPER_MAGIC && fstat(fd, &status) == 0 &&
+           S_ISDIR(status.st_mode) && readStat(fd);
 }
 
 /// Raises the soft limit; returns the number from which on descriptors are not to be kept.
@@ -130,8 +151,7 @@ bool LinuxPlatform::proc_pidinfo(std::int32_t pid, BsdInfoRecord& record) {
     record = {};
     record.pbi_pid = static_cast<std::uint32_t>(pid);
     record.pbi_ppid = static_cast<std::uint32_t>(stat->parentPid);
-    const bool is64bit = stat->stackStart != 0 ? stat->stackStart >= k32BitAddressSpace : sizeof(void*) == 8;
-    if (is64bit) record.pbi_flags |= BsdInfoRecord::kFlag64Bit;
+    if (stat->is64bit()) record.pbi_flags |= BsdInfoRecord::kFlag64Bit;
     if (stat->terminal != 0) record.pbi_flags |= BsdInfoRecord::kFlagControllingTerminal;
     copyText(record.pbi_comm, printable(stat->command, sizeof record.pbi_comm));
     copyText(record.pbi_name, printable(stat->command, sizeof record.pbi_name));
@@ -185,6 +205,18 @@ KernReturn LinuxPlatform::task_for_pid(std::int32_t pid, TaskName& task) {
     }
     _tasks.push_back(std::move(opened));
     task = static_cast<TaskName>(_tasks.size());
+    return kKernSuccess;
+}
+
+KernReturn LinuxPlatform::mach_ports_lookup(std::vector<TaskName>& ports) {
+    constexpr int kFirstDescriptor = 3;
+    ports.clear();
+    if (numberInEnvironment("LISTEN_PID") != getpid() || numberInEnvironment("LISTEN_FDS") < 1)
+        return kernReturnFromErrno(ENOENT);
+    if (!isProcessDirectory(kFirstDescriptor)) return kKernInvalidArgument;
+    fcntl(kFirstDescriptor, F_SETFD, FD_CLOEXEC);
+    _tasks.emplace_back().directory = FileDescriptor(kFirstDescriptor);
+    ports.push_back(static_cast<TaskName>(_tasks.size()));
     return kKernSuccess;
 }
 

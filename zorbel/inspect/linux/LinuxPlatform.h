@@ -46,6 +46,10 @@ class LinuxPlatform : public Platform, private Symbolicator {
     /// will say so. Otherwise an errno's code.
     KernReturn task_for_pid(std::int32_t pid, TaskName& task) override;
 
+    /// The first descriptor that is handed over as service managers do it (LISTEN_FDS, LISTEN_PID), where it
+    /// is a directory on /proc/PID of a process that is there.
+    KernReturn mach_ports_lookup(std::vector<TaskName>& ports) override;
+
     /// From /proc/PID/status, read once for both: the page tables and the stacks that threads have in the
     /// kernel; nothing of that counts as freed, nor as shared.
     KernReturn task_info(TaskName task, KernelMemoryRecord& record) override;

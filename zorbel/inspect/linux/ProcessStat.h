@@ -20,6 +20,12 @@ struct ProcessStat {
     std::uint32_t flags = 0;       ///< PF_ bits.
     std::uint64_t startTime = 0;   ///< Clock ticks since boot; tells two processes of one pid apart.
     std::uint64_t stackStart = 0;  ///< Address, 0 where we may not see it.
+
+    /// Whether it runs with 64-bit addresses: told by where its stack is, else as the machine does.
+    [[nodiscard]] bool is64bit() const {
+        constexpr std::uint64_t k32BitAddressSpace = 0x100000000;
+        return stackStart != 0 ? stackStart >= k32BitAddressSpace : sizeof(void*) == 8;
+    }
 };
 
 /// Takes the text of a stat file apart; nothing when it is not one.

@@ -27,9 +27,9 @@ constexpr KernReturn kernReturnFromErrno(int error) { return 0xC000 + static_cas
 /// Everything that the inspectors ask of a machine, in the terms of the kernel calls that they are written
 /// against.
 ///
-/// Calls that take a pid, task_for_pid, task_info and proc_pid_rusage are made from one thread, before any
-/// task is gathered. The other calls that take a task are made from the worker that gathers that task,
-/// several workers at once for different tasks.
+/// Calls that take a pid, task_for_pid, mach_ports_lookup, task_info and proc_pid_rusage are made from one
+/// thread, before any task is gathered. The other calls that take a task are made from the worker that
+/// gathers that task, several workers at once for different tasks.
 class Platform {
   public:
     Platform() = default;
@@ -62,6 +62,9 @@ class Platform {
 
     /// Opens a process. The handle is kTaskNull unless kKernSuccess is returned.
     virtual KernReturn task_for_pid(std::int32_t pid, TaskName& task) = 0;
+
+    /// The tasks that whoever has started us hands over.
+    virtual KernReturn mach_ports_lookup(std::vector<TaskName>& ports) = 0;
 
     /// The kernel's memory on behalf of a task. On failure the record may be left as it was.
     virtual KernReturn task_info(TaskName task, KernelMemoryRecord& record) = 0;

@@ -11,6 +11,9 @@ struct BsdInfoRecord {
     static constexpr std::uint32_t kFlagSystem = 0x1;                ///< The kernel itself.
     static constexpr std::uint32_t kFlag64Bit = 0x10;                ///< Runs with 64-bit addresses.
     static constexpr std::uint32_t kFlagControllingTerminal = 0x80;  ///< Has a controlling terminal.
+    static constexpr std::uint32_t kFlagThreadDirectory = 0x100;  ///< A thread has its own working directory.
+    static constexpr std::uint32_t kFlagChangedPrivileges = 0x2000;  ///< Since its last exec.
+    static constexpr std::uint32_t kFlagExec = 0x4000;               ///< Has called exec.
 
     std::uint32_t pbi_flags = 0;
     std::uint32_t pbi_pid = 0;

@@ -14,6 +14,7 @@ namespace zorbel {
 /// one process only: a later process with the same pid is never taken for it.
 using TaskName = std::uint32_t;
 inline constexpr TaskName kTaskNull = 0;
+inline constexpr TaskName kTaskDead = 0xFFFFFFFF;  ///< Of a process that is gone.
 
 /// One segment of a loaded image: where it lies in the task, in bytes, and its name, such as "__TEXT".
 struct SymbolSegment {

@@ -1,0 +1,263 @@
+// Processes that have died: handed over by hand, and by the kernel to its handler.
+
+#include <gmock/gmock.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <latch>
+#include <memory>
+#include <thread>
+
+#include "e2e/Program.h"
+#include "fixtures/Fixture.h"
+#include "fixtures/SystemSetting.h"
+#include "support/TestData.h"
+
+namespace zorbel::e2e {
+namespace {
+
+using test::contentsOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+const std::string kHandler = PROGRAM_DIR "/zorbel-corpse-handler";
+
+/// Settings of the kernel that are put back when the object goes, and even when this program is killed: a
+/// process of its own does that.
+class CoreSettings {
+  public:
+    CoreSettings(const std::string& pattern, const std::string& pipeLimit) {
+        const std::string oldPattern = contentsOf(kPattern);
+        const std::string oldLimit = contentsOf(kPipeLimit);
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGUSR1);
+        sigprocmask(SIG_BLOCK, &signals, nullptr);
+        _guardian = fork();
+        if (_guardian == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGUSR1);
+            int signal = 0;
+            sigwait(&signals, &signal);
+            const bool isRestored = writeFile(kPattern, oldPattern) && writeFile(kPipeLimit, oldLimit);
+            _exit(isRestored ? 0 : 1);
+        }
+        _isSet = _guardian > 0 && writeFile(kPattern, pattern) && writeFile(kPipeLimit, pipeLimit);
+    }
+    CoreSettings(const CoreSettings&) = delete;
+    ~CoreSettings() {
+        int status = 0;
+        kill(_guardian, SIGUSR1);
+        waitpid(_guardian, &status, 0);
+        EXPECT_EQ(status, 0) << "the core pattern was not restored";
+    }
+    [[nodiscard]] bool areSet() const { return _isSet; }
+
+  private:
+    static constexpr const char* kPattern = "/proc/sys/kernel/core_pattern";
+    static constexpr const char* kPipeLimit = "/proc/sys/kernel/core_pipe_limit";
+
+    pid_t _guardian;
+    bool _isSet = false;
+};
+
+class CorpseTest : public testing::Test {
+  protected:
+    // The kernel takes a pattern apart at blanks, so the programs have short names here.
+    CorpseTest() {
+        std::filesystem::create_directory(_directory);
+        std::filesystem::create_symlink(kHandler, _directory + "/h");
+        std::ofstream(_directory + "/then") << "#!/bin/sh\ncat >$1\n";
+        std::ofstream(_directory + "/slow") << "#!/bin/sh\nexec sleep 100\n";
+        for (const char* script : {"/then", "/slow"}) chmod((_directory + script).c_str(), 0700);
+    }
+    ~CorpseTest() override { std::filesystem::remove_all(_directory); }
+
+    /// Installs the handler. False where that can't be done.
+    bool install(const std::string& options = "", const std::string& then = "") {
+        const std::string handler = "|" + _directory + "/h --directory " + _directory + "/r ";
+        _settings.reset();
+        _settings = std::make_unique<CoreSettings>(handler + options + " %P %e %s %t " + then, "32");
+        return _settings->areSet();
+    }
+
+    /// The kernel waits for the handler, so all is done then.
+    static void crash(pid_t pid) {
+        kill(pid, SIGSEGV);
+        kill(pid, SIGCONT);
+        siginfo_t info{};
+        waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+    }
+
+    /// Files of reports with that ending.
+    std::vector<std::string> reports(const std::string& ending) const {
+        std::vector<std::string> paths;
+        if (!std::filesystem::exists(_directory + "/r")) return paths;
+        for (const auto& file : std::filesystem::directory_iterator(_directory + "/r"))
+            if (file.path().string().ends_with(ending)) paths.push_back(file.path());
+        return paths;
+    }
+
+    const std::string _directory = "/tmp/zc" + std::to_string(getpid());
+
+  private:
+    std::unique_ptr<CoreSettings> _settings;
+};
+
+/// The categories of the only process of a JSON document, as they stand there.
+std::string categoriesIn(const std::string& path) {
+    const std::string text = contentsOf(path);
+    const std::size_t start = text.rfind("\"categories\":");
+    return start == std::string::npos ? "none" : text.substr(start);
+}
+
+TEST_F(CorpseTest, HasTheMemoryOfTheProcessToThePage) {
+    const SwapDevice device;
+    const Region own(300), swapped(50), shared(40, MAP_SHARED, newFile(40));
+    const Fixture fixture({[&] {
+        own.touch(0, 200), shared.touch(5, 20), swapped.touch(0, 50);
+        if (device.isUsable()) swapped.pageOut();
+        static std::latch running(3);
+        for (int i = 0; i < 3; ++i)
+            std::thread([&] {
+                running.count_down();
+                pause();
+            }).detach();
+        running.wait();
+    }});
+    const Fixture other({[&] { shared.touch(5, 20); }});
+    const std::string live = _directory + "/live.json";
+    EXPECT_EQ(runZorbel({"-j", live, "--pid", std::to_string(fixture.pid())}).status, 0);
+    if (!install()) GTEST_SKIP() << "takes root, and a core pattern that can be set";
+    crash(fixture.pid());
+    ASSERT_THAT(reports(".json"), SizeIs(1));
+    EXPECT_EQ(categoriesIn(reports(".json")[0]), categoriesIn(live));
+    EXPECT_THAT(categoriesIn(live),
+                HasSubstr("\"memfd\":{\"dirty\":" + std::to_string(20 * kPageSize) + ","));
+    if (device.isUsable()) {
+        EXPECT_THAT(categoriesIn(live), HasSubstr("\"swapped\":" + std::to_string(50 * kPageSize) + ","));
+    }
+    ASSERT_THAT(reports(".txt"), SizeIs(1));
+    const std::string text = contentsOf(reports(".txt")[0]);
+    EXPECT_THAT(text,
+                testing::StartsWith("e2e-tests" + numberOf(fixture.pid()) +
+                                    ", thread e2e-tests, was ended by signal 11 (Segmentation fault) at "));
+    EXPECT_THAT(text, HasSubstr("\ne2e-tests" + numberOf(fixture.pid()) + " (corpse): 64-bit\tZorbel: "));
+    EXPECT_THAT(text, testing::Not(HasSubstr("rror")));
+    struct stat status {};
+    EXPECT_EQ(stat(reports(".json")[0].c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600U);
+}
+
+TEST_F(CorpseTest, DiesInOtherNamespacesWithADeletedProgram) {
+    if (!install()) GTEST_SKIP() << "takes root, and a core pattern that can be set";
+    const std::string program = _directory + "/doomed x";
+    std::filesystem::copy_file("/bin/sh", program);
+    runZorbel({"--pid", "--mount", "--fork", "sh", "-c",
+               "mount -t tmpfs none /mnt; \"$0\" -c 'rm \"$0\"; kill -SEGV $$' \"$0\"; true", program},
+              {"unshare"});
+    ASSERT_THAT(reports("-doomed_x.txt"), SizeIs(1));
+    const std::string text = contentsOf(reports("-doomed_x.txt")[0]);
+    EXPECT_THAT(text, testing::StartsWith("doomed x ["));
+    EXPECT_THAT(text, HasSubstr("    __DATA " + program + " (deleted)\n"));
+}
+
+TEST_F(CorpseTest, TwentyAtOnceAndTheOldestGo) {
+    if (!install("--keep 15")) GTEST_SKIP() << "takes root, and a core pattern that can be set";
+    std::ofstream(_directory + "/mine.txt") << "mine";
+    std::vector<std::unique_ptr<Fixture>> fixtures;
+    for (int i = 0; i < 20; ++i) fixtures.push_back(std::make_unique<Fixture>());
+    std::vector<std::thread> crashes;
+    for (const auto& fixture : fixtures) crashes.emplace_back(crash, fixture->pid());
+    for (std::thread& thread : crashes) thread.join();
+    EXPECT_THAT(reports(".txt"), SizeIs(15));
+    EXPECT_THAT(reports(".json"), SizeIs(15));
+    EXPECT_THAT(reports(".part"), IsEmpty());
+}
+
+TEST_F(CorpseTest, ImageGoesToTheHandlerThatWasThereBefore) {
+    const std::string image = _directory + "/image";
+    if (!install("", "--then " + _directory + "/then " + image))
+        GTEST_SKIP() << "takes root, and a core pattern that can be set";
+    const Region memory(300);
+    const Fixture fixture({[&] { memory.touch(0, 300); }});
+    crash(fixture.pid());
+    EXPECT_THAT(reports(".txt"), SizeIs(1));
+    EXPECT_THAT(contentsOf(image).substr(0, 4),
+                "\x7F"
+                "ELF");
+    EXPECT_GT(std::filesystem::file_size(image), 300 * kPageSize);
+}
+
+TEST_F(CorpseTest, NothingKeepsAProcessFromGoing) {
+    const Words broken = {"--zorbel /none", "--timeout 1 --zorbel " + _directory + "/slow",
+                          "--directory /proc/none", "--keep x"};
+    for (const std::string& options : broken) {
+        if (!install(options)) GTEST_SKIP() << "takes root, and a core pattern that can be set";
+        const Fixture fixture;
+        crash(fixture.pid());
+    }
+    EXPECT_THAT(reports(".part"), IsEmpty());
+    const auto handle = [&](Words arguments) { return runZorbel(arguments, {kHandler}); };
+    EXPECT_THAT(handle({"--help"}).output, HasSubstr("\nUsage: zorbel-corpse-handler "));
+    for (const Words& words : {Words{},
+                               {"1", "x", "11"},
+                               {"x", "x", "11", "0"},
+                               {"1", "x", "11", "0", "x"},
+                               {"1", "x", "11", "0", "--then"},
+                               {"--keep", "-1", "1", "x", "11", "0"}}) {
+        EXPECT_NE(handle(words).status, 0);
+        EXPECT_THAT(handle(words).error, HasSubstr("zorbel-corpse-handler: wrong arguments; see --help\n"));
+    }
+    EXPECT_THAT(handle({"--directory", _directory + "/r", "5000001", "--then", "11", "0"}).error,
+                "zorbel-corpse-handler: process 5000001: No such file or directory\n");
+}
+
+TEST_F(CorpseTest, IsHandedOverAsADescriptor) {
+    const Region memory(7, MAP_SHARED, newFile(7));
+    Fixture fixture({[&] { memory.touch(0, 7); }});
+    const std::string process = "/proc/" + std::to_string(fixture.pid());
+    /// Runs zorbel with variables, and with a descriptor 3.
+    const auto handOver = [&](const std::string& variables, const std::string& descriptor) {
+        return runZorbel({"-c",
+                          variables +
+                              " exec \"$0\" -w -f pages --corpsePid 42 --corpseName 'a\x1B' "
+                              "--corpseProcFlags 4 3" +
+                              descriptor,
+                          kZorbel},
+                         {"sh"});
+    };
+    const std::string right = "LISTEN_FDS=1 LISTEN_PID=$$";
+    const Outcome outcome = handOver(right, "<" + process);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.error, "");
+    EXPECT_EQ(outcome.tableAfter({"\na\\x1B [42] (corpse): 64-bit\t"}).at("memfd"),
+              (Row{.dirty = 7, .regions = 1}));
+    const std::pair<std::string, std::string> rows[] = {
+        {"", "<" + process},
+        {"LISTEN_FDS=0 LISTEN_PID=$$", "<" + process},
+        {"LISTEN_FDS=1 LISTEN_PID=1", "<" + process},
+        {"LISTEN_FDS=1x LISTEN_PID=$$", "<" + process},
+        {right, "<&-"},
+        {right, "</dev/null"},
+        {right, "</tmp"},
+        {right, "</proc"},
+        {right, "<" + process + "/stat"},
+        {right + "; sleep 60 & kill -9 $!; exec 3</proc/$!; wait $! 2>/dev/null; export LISTEN_FDS=1 "
+                 "LISTEN_PID=$$;",
+         "<&3"},
+    };
+    for (const auto& [variables, descriptor] : rows) {
+        const Outcome refused = handOver(variables, descriptor);
+        EXPECT_NE(refused.status, 0) << variables << descriptor;
+        EXPECT_EQ(refused.error, "Failed to retrieve corpse port\n") << variables << descriptor;
+        EXPECT_THAT(refused.output, testing::StartsWith("Usage: zorbel --corpsePid pid "));
+    }
+}
+
+}  // namespace
+}  // namespace zorbel::e2e

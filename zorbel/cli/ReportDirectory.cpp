@@ -1,0 +1,84 @@
+#include "cli/ReportDirectory.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+namespace zorbel {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kTimeFormat = "%Y%m%dT%H%M%SZ-";
+constexpr std::string_view kTimePattern = "ddddddddTddddddZ-";
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+/// Whether a file's name is one of those that reports have.
+bool isOfReport(std::string_view name) {
+    if (name.size() <= kTimePattern.size()) return false;
+    return std::ranges::equal(kTimePattern, name.substr(0, kTimePattern.size()), [](char pattern, char c) {
+        return pattern == 'd' ? isDigit(c) : pattern == c;
+    });
+}
+
+}  // namespace
+
+int ReportDirectory::make() const {
+    std::error_code error;
+    fs::create_directories(fs::path(_path).parent_path(), error);
+    return mkdir(_path.c_str(), S_IRWXU) == 0 || errno == EEXIST ? 0 : errno;
+}
+
+std::string ReportDirectory::pathFor(std::time_t time, std::int32_t pid, const std::string& program) const {
+    constexpr std::size_t kLongestName = 64;
+    std::string name = program.substr(0, kLongestName);
+    const auto isPlain = [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-' || c == '_' || c == '+';
+    };
+    std::ranges::replace_if(name, std::not_fn(isPlain), '_');
+    std::tm parts{};
+    gmtime_r(&time, &parts);
+    char stamp[32] = {};
+    std::strftime(stamp, sizeof stamp, kTimeFormat, &parts);
+    return _path + "/" + stamp + std::to_string(pid) + "-" + name;
+}
+
+void ReportDirectory::prune(std::size_t mostReports, std::uint64_t mostBytes) const {
+    struct Report {
+        std::vector<fs::path> files;
+        std::uint64_t bytes = 0;
+    };
+    std::map<std::string, Report> reports;
+    std::uint64_t bytes = 0;
+    std::error_code error;
+    for (fs::directory_iterator file(_path, error); !error && file != fs::directory_iterator();
+         file.increment(error)) {
+        const std::string name = file->path().filename();
+        if (!isOfReport(name)) continue;
+        std::error_code isGone;  // Others may remove files at the same time.
+        const std::uint64_t size = file->file_size(isGone);
+        if (isGone) continue;
+        Report& report = reports[name.substr(0, name.find('.'))];
+        report.files.push_back(file->path());
+        report.bytes += size;
+        bytes += size;
+    }
+    while (reports.size() > 1 && (reports.size() > mostReports || bytes > mostBytes)) {
+        const Report& oldest = reports.begin()->second;
+        for (const fs::path& file : oldest.files) fs::remove(file, error);
+        bytes -= oldest.bytes;
+        reports.erase(reports.begin());
+    }
+}
+
+}  // namespace zorbel
