@@ -3,23 +3,27 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "cli/ReportDirectory.h"
 #include "inspect/ZBCorpseProcess.h"
@@ -72,14 +76,24 @@ struct Crash {
     std::int64_t time = 0;
 };
 
+using Clock = std::chrono::steady_clock;
+
+/// 0 once it has passed.
+int millisecondsUntil(Clock::time_point time) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(time - Clock::now()).count();
+    return static_cast<int>(std::clamp<std::int64_t>(left, 0, INT32_MAX));
+}
+
 void say(const std::string& text) { std::fprintf(stderr, "zorbel-corpse-handler: %s\n", text.c_str()); }
 void sayError(const std::string& what, int error) { say(what + ": " + std::strerror(error)); }
 
-/// The kernel opens no standard output and error for us. What we and zorbel have to say goes to its log.
+/// The kernel opens no standard output and error for us. What we and zorbel have to say goes to its log; the
+/// handler that comes after us finds them closed again.
 void openStandardStreams() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(fd, F_GETFD) >= 0) continue;
-        if (fd == STDIN_FILENO || open("/dev/kmsg", O_WRONLY) < 0) open("/dev/null", O_RDWR);
+        if (fd == STDIN_FILENO || open("/dev/kmsg", O_WRONLY | O_CLOEXEC) < 0)
+            open("/dev/null", O_RDWR | O_CLOEXEC);
     }
 }
 
@@ -142,63 +156,36 @@ std::string defaultZorbel() {
     return self.substr(0, self.rfind('/') + 1) + "zorbel";
 }
 
-/// File name of the program, of which the kernel tells only the thread that has died.
+/// Calls with the process's directory and, until that returns true, with those of its threads: of a first
+/// thread that has ended before the others, the kernel tells little.
+void lookAtThreads(int processDirectory, const std::function<bool(const std::string& directory)>& look) {
+    if (!look("")) anyThread(processDirectory, [&](const std::string& thread) { return look(thread + "/"); });
+}
+
+/// File name of the program; the thread's name, which is all that the kernel has told, where it is not known.
 std::string programOf(int processDirectory, const Crash& crash) {
     constexpr std::string_view kDeleted = " (deleted)";
-    std::string path = readLink("exe", processDirectory).value_or("");
+    std::string path;
+    lookAtThreads(processDirectory, [&](const std::string& directory) {
+        path = readLink((directory + "exe").c_str(), processDirectory).value_or("");
+        return !path.empty();
+    });
     if (path.ends_with(kDeleted)) path.resize(path.size() - kDeleted.size());
     const std::string name = printable(path.substr(path.rfind('/') + 1));
     return name.empty() ? crash.threadName : name;
 }
 
-std::string hexadecimal(std::uint32_t number) {
-    char digits[9];
-    std::snprintf(digits, sizeof digits, "%x", number);
-    return digits;
-}
-
 std::uint32_t procFlagsOf(int processDirectory) {
-    const auto text = readWholeFile("stat", processDirectory);
-    const auto stat = text ? parseProcessStat(*text) : std::nullopt;
+    std::optional<ProcessStat> stat;
+    lookAtThreads(processDirectory, [&](const std::string& directory) {
+        const auto text = readWholeFile((directory + "stat").c_str(), processDirectory);
+        stat = text ? parseProcessStat(*text) : std::nullopt;
+        return stat && stat->stackStart != 0;
+    });
     std::uint32_t flags = 0;
     if (!stat || stat->is64bit()) flags |= ZBCorpseProcess::kFlag64Bit;
     if (stat && stat->terminal != 0) flags |= ZBCorpseProcess::kFlagControllingTerminal;
     return flags;
-}
-
-/// Becomes zorbel, with the process's directory handed over.
-[[noreturn]] void becomeZorbel(const Settings& settings, const Crash& crash, const std::string& program,
-                               int processDirectory, int output, const std::string& document) {
-    constexpr int kHandedOver = 3;
-    dup2(output, STDOUT_FILENO);
-    if (processDirectory == kHandedOver)
-        fcntl(kHandedOver, F_SETFD, 0);
-    else
-        dup2(processDirectory, kHandedOver);
-    setenv("LISTEN_FDS", "1", 1);
-    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-    const std::string pid = std::to_string(crash.pid);
-    const std::string flags = hexadecimal(procFlagsOf(kHandedOver));
-    execl(settings.zorbel.c_str(), settings.zorbel.c_str(), "--corpsePid", pid.c_str(), "--corpseName",
-          program.c_str(), "--corpseDirtyFlags", "0", "--corpseProcFlags", flags.c_str(), "-v", "-w", "-j",
-          document.c_str(), static_cast<char*>(nullptr));
-    sayError(settings.zorbel, errno);
-    _exit(EXIT_FAILURE);
-}
-
-/// Waits for a child, so long and no longer. Whether it has ended well.
-bool awaitChild(pid_t child, std::uint32_t seconds) {
-    const FileDescriptor handle(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-    pollfd ended = {handle.get(), POLLIN, 0};
-    const int limit = static_cast<int>(std::min<std::uint64_t>(seconds * std::uint64_t{1000}, INT32_MAX));
-    if (handle.isOpen() && poll(&ended, 1, limit) == 0) {
-        say("the report took longer than " + std::to_string(seconds) + " s");
-        kill(child, SIGKILL);
-    }
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 /// How the report begins, for those who read it.
@@ -214,35 +201,197 @@ std::string headline(const Crash& crash, const std::string& program) {
            (signal != nullptr ? std::string(" (") + signal + ")" : "") + " at " + time + "\n\n";
 }
 
-/// Writes a report. Only what is complete gets its name.
-void report(const Settings& settings, const Crash& crash) {
+/// One of the files of a report, and the pipe from which it comes. It bears another name until it is
+/// complete, and goes with the object when it never is.
+class ReportFile {
+  public:
+    explicit ReportFile(std::string path)
+        : _path(std::move(path)), _part(_path + ReportDirectory::kPartSuffix) {}
+    ReportFile(const ReportFile&) = delete;
+    ~ReportFile() {
+        if (_file.isOpen()) unlink(_part.c_str());
+    }
+
+    /// False, and said, when the file can't be made. Never follows a link that somebody has laid there.
+    bool open() {
+        constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+        _file = FileDescriptor(::open(_part.c_str(), kFlags, S_IRUSR | S_IWUSR));
+        int ends[2];
+        if (!_file.isOpen() || pipe2(ends, O_CLOEXEC) != 0) {
+            sayError(_part, errno);
+            return false;
+        }
+        _source = FileDescriptor(ends[0]);
+        _sink = FileDescriptor(ends[1]);
+        return true;
+    }
+
+    bool append(std::string_view text) {
+        while (!text.empty()) {
+            const ssize_t count = write(_file.get(), text.data(), text.size());
+            if (count < 0 && errno == EINTR) continue;
+            if (count < 0) {
+                sayError(_part, errno);
+                return false;
+            }
+            _size += static_cast<std::uint64_t>(count);
+            text.remove_prefix(static_cast<std::size_t>(count));
+        }
+        return true;
+    }
+
+    [[nodiscard]] int source() const { return _source.get(); }
+    [[nodiscard]] int sink() const { return _sink.get(); }
+    void closeSource() { _source = FileDescriptor(); }
+    void closeSink() { _sink = FileDescriptor(); }
+    [[nodiscard]] std::uint64_t size() const { return _size; }
+
+    /// Gives the file its name. False, and said, when that fails.
+    bool publish() {
+        if (std::rename(_part.c_str(), _path.c_str()) != 0) {
+            sayError(_path, errno);
+            return false;
+        }
+        _file = FileDescriptor();
+        return true;
+    }
+
+  private:
+    std::string _path;
+    std::string _part;
+    FileDescriptor _file;
+    FileDescriptor _source;
+    FileDescriptor _sink;
+    std::uint64_t _size = 0;
+};
+
+/// Dies with the parent, which must not leave anybody behind who keeps the process.
+void dieWith(pid_t parent) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(EXIT_FAILURE);
+}
+
+/// Becomes zorbel, with the process's directory handed over.
+[[noreturn]] void becomeZorbel(const Settings& settings, const Crash& crash, const std::string& program,
+                               int processDirectory, int text, int document) {
+    constexpr int kHandedOver = 3;
+    constexpr int kDocument = 4;
+    constexpr int kOutOfTheWay = 10;
+    const std::pair<int, int> moves[] = {
+        {fcntl(text, F_DUPFD_CLOEXEC, kOutOfTheWay), STDOUT_FILENO},
+        {fcntl(processDirectory, F_DUPFD_CLOEXEC, kOutOfTheWay), kHandedOver},
+        {fcntl(document, F_DUPFD_CLOEXEC, kOutOfTheWay), kDocument}};
+    for (const auto& [from, to] : moves) dup2(from, to);
+    fcntl(STDERR_FILENO, F_SETFD, 0);
+    setenv("LISTEN_FDS", "1", 1);
+    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+    char flags[16];
+    std::snprintf(flags, sizeof flags, "%x", procFlagsOf(kHandedOver));
+    const std::string pid = std::to_string(crash.pid);
+    const std::string path = "/proc/self/fd/" + std::to_string(kDocument);
+    execl(settings.zorbel.c_str(), settings.zorbel.c_str(), "--corpsePid", pid.c_str(), "--corpseName",
+          program.c_str(), "--corpseDirtyFlags", "0", "--corpseProcFlags", flags, "-w", "-j", path.c_str(),
+          static_cast<char*>(nullptr));
+    sayError(settings.zorbel, errno);
+    _exit(EXIT_FAILURE);
+}
+
+/// Fills the files with what comes through their pipes, until both end. False, and said, when that goes
+/// wrong, takes too long or is too much.
+bool fill(ReportFile& text, ReportFile& document, Clock::time_point deadline, std::uint64_t mostBytes) {
+    std::vector<char> piece(1 << 16);
+    for (;;) {
+        pollfd sources[] = {{text.source(), POLLIN, 0}, {document.source(), POLLIN, 0}};
+        if (sources[0].fd < 0 && sources[1].fd < 0) return true;
+        const int ready = poll(sources, 2, millisecondsUntil(deadline));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) {
+            say("the report takes too long");
+            return false;
+        }
+        for (ReportFile* file : {&text, &document}) {
+            if (sources[file == &text ? 0 : 1].revents == 0) continue;
+            const std::ptrdiff_t count = readSome(file->source(), piece.data(), piece.size());
+            if (count <= 0) file->closeSource();
+            if (count > 0 && !file->append({piece.data(), static_cast<std::size_t>(count)})) return false;
+        }
+        if (text.size() + document.size() > mostBytes) {
+            say("the report is larger than a tenth of all that is to be kept");
+            return false;
+        }
+    }
+}
+
+/// Writes a report, before the deadline. Whether it is there.
+bool report(const Settings& settings, const Crash& crash, Clock::time_point deadline) {
+    const auto failed = [](const std::string& what, int error) {
+        sayError(what, error);
+        return false;
+    };
     const FileDescriptor process(
         open(("/proc/" + std::to_string(crash.pid)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!process.isOpen()) return sayError("process " + std::to_string(crash.pid), errno);
+    if (!process.isOpen()) return failed("process " + std::to_string(crash.pid), errno);
     const ReportDirectory directory(settings.directory);
-    if (const int error = directory.make()) return sayError(settings.directory, error);
+    if (const int error = directory.make()) return failed(settings.directory, error);
     const std::string program = programOf(process.get(), crash);
     const std::string path = directory.pathFor(crash.time, crash.pid, program);
-    const std::string text = path + ".txt";
-    const std::string document = path + ".json";
-    const std::string part = ".part";
-    const FileDescriptor output(
-        open((text + part).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    if (!output.isOpen()) return sayError(text + part, errno);
+    ReportFile text(path + ".txt");
+    ReportFile document(path + ".json");
+    if (!text.open() || !document.open() || !text.append(headline(crash, program))) return false;
 
-    const std::string first = headline(crash, program);
-    bool isDone = write(output.get(), first.data(), first.size()) == static_cast<ssize_t>(first.size());
-    if (!isDone) sayError(text + part, errno);
-    const pid_t child = isDone ? fork() : -1;
-    if (child == 0) becomeZorbel(settings, crash, program, process.get(), output.get(), document + part);
-    isDone = child > 0 && awaitChild(child, settings.seconds);
-    if (isDone) {
-        for (const std::string& file : {text, document}) std::rename((file + part).c_str(), file.c_str());
-        directory.prune(settings.keptReports, settings.keptMiB * std::uint64_t{1024} * 1024);
-    } else {
-        say("no report on process " + std::to_string(crash.pid));
-        for (const std::string& file : {text, document}) unlink((file + part).c_str());
+    const pid_t parent = getpid();
+    const pid_t child = fork();
+    if (child < 0) return failed("fork", errno);
+    if (child == 0) {
+        dieWith(parent);
+        becomeZorbel(settings, crash, program, process.get(), text.sink(), document.sink());
     }
+    text.closeSink();
+    document.closeSink();
+    const std::uint64_t keptBytes = settings.keptMiB * std::uint64_t{1024} * 1024;
+    constexpr std::uint64_t kReportsAtLeast =
+        10;  // However large: one program must not drive out all others.
+    const bool isFilled = fill(text, document, deadline, keptBytes / kReportsAtLeast);
+    if (!isFilled) kill(child, SIGKILL);
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!isFilled || status != 0 || document.size() == 0) return false;
+    if (!text.publish() || !document.publish()) return false;
+    directory.prune(settings.keptReports, keptBytes, path);
+    return true;
+}
+
+/// Has a process of its own write the report, and awaits that, but not much longer than is allowed: nobody
+/// can tell how long a directory on a sick file system may take.
+void superviseReport(const Settings& settings, const Crash& crash) {
+    constexpr std::chrono::seconds kGrace(2);
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(settings.seconds);
+    sigset_t ended;
+    sigemptyset(&ended);
+    sigaddset(&ended, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &ended, nullptr);
+    const pid_t parent = getpid();
+    const pid_t worker = fork();
+    if (worker < 0) return sayError("fork", errno);
+    if (worker == 0) {
+        dieWith(parent);
+        sigprocmask(SIG_UNBLOCK, &ended, nullptr);
+        umask(S_IRWXG | S_IRWXO);
+        dup2(open("/dev/null", O_RDWR | O_CLOEXEC), STDIN_FILENO);  // The image is not for this one to hold.
+        if (report(settings, crash, deadline)) _exit(EXIT_SUCCESS);
+        say("no report on process " + std::to_string(crash.pid));
+        _exit(EXIT_FAILURE);
+    }
+    while (waitpid(worker, nullptr, WNOHANG) == 0) {
+        const int left = millisecondsUntil(deadline + kGrace);
+        const timespec limit = {left / 1000, left % 1000 * 1000000L};
+        if (left == 0 || (sigtimedwait(&ended, nullptr, &limit) < 0 && errno == EAGAIN)) {
+            say("no report on process " + std::to_string(crash.pid) + ", which is kept no longer");
+            kill(worker, SIGKILL);
+            break;
+        }
+    }
+    sigprocmask(SIG_UNBLOCK, &ended, nullptr);
 }
 
 int handle(int argc, char* argv[]) {
@@ -250,8 +399,7 @@ int handle(int argc, char* argv[]) {
     Crash crash;
     settings.zorbel = defaultZorbel();
     const auto status = parse(argc, argv, settings, crash);
-    umask(S_IRWXG | S_IRWXO);
-    if (!status) report(settings, crash);
+    if (!status) superviseReport(settings, crash);
     if (settings.then != nullptr) {
         // The image is untouched so far: standard input is the command's own.
         execv(settings.then[0], settings.then);

@@ -1,15 +1,20 @@
 // Processes that have died: handed over by hand, and by the kernel to its handler.
 
 #include <gmock/gmock.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <latch>
 #include <memory>
+#include <regex>
 #include <thread>
 
 #include "e2e/Program.h"
@@ -27,42 +32,46 @@ using testing::SizeIs;
 
 const std::string kHandler = PROGRAM_DIR "/zorbel-corpse-handler";
 
-/// Settings of the kernel that are put back when the object goes, and even when this program is killed: a
-/// process of its own does that.
+/// Settings of the kernel for core dumps. They are put back when the object goes, and also when this program
+/// and all that it has started are killed: by a process that has left the family.
 class CoreSettings {
   public:
     CoreSettings(const std::string& pattern, const std::string& pipeLimit) {
         const std::string oldPattern = contentsOf(kPattern);
         const std::string oldLimit = contentsOf(kPipeLimit);
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGUSR1);
-        sigprocmask(SIG_BLOCK, &signals, nullptr);
-        _guardian = fork();
-        if (_guardian == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGUSR1);
-            int signal = 0;
-            sigwait(&signals, &signal);
+        if (!writeFile(kPattern, oldPattern) || !writeFile(kPipeLimit, oldLimit)) return;
+        int ends[2];
+        check(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "socketpair");
+        const pid_t child = fork();
+        if (child == 0) {
+            if (setsid() < 0 || fork() != 0) _exit(0);
+            close(ends[0]);
+            char byte = 0;
+            while (read(ends[1], &byte, 1) < 0) {
+            }  // Until it is told to, or nobody is left to tell.
             const bool isRestored = writeFile(kPattern, oldPattern) && writeFile(kPipeLimit, oldLimit);
-            _exit(isRestored ? 0 : 1);
+            _exit(isRestored && write(ends[1], "r", 1) == 1 ? 0 : 1);
         }
-        _isSet = _guardian > 0 && writeFile(kPattern, pattern) && writeFile(kPipeLimit, pipeLimit);
+        close(ends[1]);
+        _guardian = ends[0];
+        check(child > 0 && waitpid(child, nullptr, 0) == child, "fork");
+        _areSet = writeFile(kPattern, pattern) && writeFile(kPipeLimit, pipeLimit);
     }
     CoreSettings(const CoreSettings&) = delete;
     ~CoreSettings() {
-        int status = 0;
-        kill(_guardian, SIGUSR1);
-        waitpid(_guardian, &status, 0);
-        EXPECT_EQ(status, 0) << "the core pattern was not restored";
+        if (_guardian < 0) return;
+        char byte = 0;
+        EXPECT_TRUE(write(_guardian, "x", 1) == 1 && read(_guardian, &byte, 1) == 1) << "not restored";
+        close(_guardian);
     }
-    [[nodiscard]] bool areSet() const { return _isSet; }
+    [[nodiscard]] bool areSet() const { return _areSet; }
 
   private:
     static constexpr const char* kPattern = "/proc/sys/kernel/core_pattern";
     static constexpr const char* kPipeLimit = "/proc/sys/kernel/core_pipe_limit";
 
-    pid_t _guardian;
-    bool _isSet = false;
+    int _guardian = -1;
+    bool _areSet = false;
 };
 
 class CorpseTest : public testing::Test {
@@ -108,11 +117,21 @@ class CorpseTest : public testing::Test {
     std::unique_ptr<CoreSettings> _settings;
 };
 
-/// The categories of the only process of a JSON document, as they stand there.
+/// The first process whose command line begins so; 0 when there is none.
+pid_t pidOf(const std::string& command) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc"))
+        if (contentsOf(entry.path() / "cmdline").starts_with(command))
+            return std::stoi(entry.path().filename());
+    return 0;
+}
+
+/// The categories of the only process of a JSON document, as they stand there, but for clean pages: the
+/// kernel begins to write the image meanwhile, and reads a page of some files for that.
 std::string categoriesIn(const std::string& path) {
     const std::string text = contentsOf(path);
     const std::size_t start = text.rfind("\"categories\":");
-    return start == std::string::npos ? "none" : text.substr(start);
+    if (start == std::string::npos) return "none";
+    return std::regex_replace(text.substr(start), std::regex("\"clean\":[0-9]+,"), "");
 }
 
 TEST_F(CorpseTest, HasTheMemoryOfTheProcessToThePage) {
@@ -168,15 +187,54 @@ TEST_F(CorpseTest, DiesInOtherNamespacesWithADeletedProgram) {
 
 TEST_F(CorpseTest, TwentyAtOnceAndTheOldestGo) {
     if (!install("--keep 15")) GTEST_SKIP() << "takes root, and a core pattern that can be set";
-    std::ofstream(_directory + "/mine.txt") << "mine";
+    std::filesystem::create_directory(_directory + "/r");
+    const auto hour = [](int count) {
+        return std::filesystem::file_time_type::clock::now() + std::chrono::hours(count);
+    };
+    /// A file of that name and age in the directory of reports, and whether it is still there.
+    const auto lay = [&](const std::string& name, int age) {
+        std::ofstream(_directory + "/r/" + name) << "text";
+        std::filesystem::last_write_time(_directory + "/r/" + name, hour(-age));
+    };
+    const auto isThere = [&](const std::string& name) {
+        return std::filesystem::exists(_directory + "/r/" + name);
+    };
+    lay("mine.txt", 999), lay("20200101T000000Z-1-x.txt.part", 1), lay("20200101T000000Z-2-x.txt.part", 48);
+    lay("20990101T000000Z-3-x.txt", 2);  // From a clock that was wrong.
     std::vector<std::unique_ptr<Fixture>> fixtures;
     for (int i = 0; i < 20; ++i) fixtures.push_back(std::make_unique<Fixture>());
     std::vector<std::thread> crashes;
     for (const auto& fixture : fixtures) crashes.emplace_back(crash, fixture->pid());
     for (std::thread& thread : crashes) thread.join();
-    EXPECT_THAT(reports(".txt"), SizeIs(15));
+    EXPECT_THAT(reports(".txt"), SizeIs(15 + 1));
     EXPECT_THAT(reports(".json"), SizeIs(15));
-    EXPECT_THAT(reports(".part"), IsEmpty());
+    EXPECT_TRUE(isThere("mine.txt") && isThere("20200101T000000Z-1-x.txt.part"));
+    EXPECT_FALSE(isThere("20200101T000000Z-2-x.txt.part") || isThere("20990101T000000Z-3-x.txt"));
+    // The newest one stays, however little is to be kept.
+    ASSERT_TRUE(install("--keep 0 --keepMiB 1"));
+    const Fixture last;
+    crash(last.pid());
+    ASSERT_THAT(reports(".json"), SizeIs(1));
+    EXPECT_THAT(reports(".json")[0], HasSubstr("-" + std::to_string(last.pid()) + "-"));
+}
+
+TEST_F(CorpseTest, BearsTheNameOfAProgramWhoseFirstThreadHasEnded) {
+    if (!install()) GTEST_SKIP() << "takes root, and a core pattern that can be set";
+    const Region memory(30, MAP_SHARED, newFile(30));
+    const Fixture fixture({[&] {
+        memory.touch(0, 30);
+        std::thread([mainThread = pthread_self()] {
+            prctl(PR_SET_NAME, "a b");
+            pthread_join(mainThread, nullptr);
+            kill(getpid(), SIGSTOP);
+            pause();
+        }).detach();
+        syscall(SYS_exit, 0);
+    }});
+    crash(fixture.pid());
+    ASSERT_THAT(reports("-e2e-tests.json"), SizeIs(1));
+    EXPECT_THAT(categoriesIn(reports(".json")[0]),
+                HasSubstr("\"memfd\":{\"dirty\":" + std::to_string(30 * kPageSize) + ","));
 }
 
 TEST_F(CorpseTest, ImageGoesToTheHandlerThatWasThereBefore) {
@@ -194,14 +252,36 @@ TEST_F(CorpseTest, ImageGoesToTheHandlerThatWasThereBefore) {
 }
 
 TEST_F(CorpseTest, NothingKeepsAProcessFromGoing) {
-    const Words broken = {"--zorbel /none", "--timeout 1 --zorbel " + _directory + "/slow",
-                          "--directory /proc/none", "--keep x"};
+    const std::string full = _directory + "/full";
+    std::filesystem::create_directory(full);
+    const Words broken = {"--zorbel /none",
+                          "--timeout 1 --zorbel " + _directory + "/slow",
+                          "--directory /proc/none",
+                          "--keep x",
+                          "--keepMiB 0",
+                          "--directory " + full};
+    const auto start = std::chrono::steady_clock::now();
     for (const std::string& options : broken) {
         if (!install(options)) GTEST_SKIP() << "takes root, and a core pattern that can be set";
+        const bool isFull =
+            options.ends_with(full) && mount("none", full.c_str(), "tmpfs", 0, "size=4k") == 0;
         const Fixture fixture;
         crash(fixture.pid());
+        if (!isFull) continue;
+        EXPECT_TRUE(std::filesystem::is_empty(full));  // No part of a report is left.
+        umount(full.c_str());
     }
-    EXPECT_THAT(reports(".part"), IsEmpty());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    for (const char* ending : {".txt", ".json", ".part"}) EXPECT_THAT(reports(ending), IsEmpty());
+    // When the handler dies itself, nobody stays behind.
+    ASSERT_TRUE(install("--zorbel " + _directory + "/slow"));
+    const Fixture fixture;
+    std::thread crashing(crash, fixture.pid());
+    pid_t handler = 0;
+    while (handler == 0) handler = pidOf(_directory + "/h");
+    EXPECT_EQ(kill(handler, SIGKILL), 0);
+    crashing.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
     const auto handle = [&](Words arguments) { return runZorbel(arguments, {kHandler}); };
     EXPECT_THAT(handle({"--help"}).output, HasSubstr("\nUsage: zorbel-corpse-handler "));
     for (const Words& words : {Words{},
@@ -214,7 +294,8 @@ TEST_F(CorpseTest, NothingKeepsAProcessFromGoing) {
         EXPECT_THAT(handle(words).error, HasSubstr("zorbel-corpse-handler: wrong arguments; see --help\n"));
     }
     EXPECT_THAT(handle({"--directory", _directory + "/r", "5000001", "--then", "11", "0"}).error,
-                "zorbel-corpse-handler: process 5000001: No such file or directory\n");
+                "zorbel-corpse-handler: process 5000001: No such file or directory\n"
+                "zorbel-corpse-handler: no report on process 5000001\n");
 }
 
 TEST_F(CorpseTest, IsHandedOverAsADescriptor) {
@@ -237,7 +318,7 @@ TEST_F(CorpseTest, IsHandedOverAsADescriptor) {
     EXPECT_EQ(outcome.error, "");
     EXPECT_EQ(outcome.tableAfter({"\na\\x1B [42] (corpse): 64-bit\t"}).at("memfd"),
               (Row{.dirty = 7, .regions = 1}));
-    const std::pair<std::string, std::string> rows[] = {
+    std::vector<std::pair<std::string, std::string>> rows = {
         {"", "<" + process},
         {"LISTEN_FDS=0 LISTEN_PID=$$", "<" + process},
         {"LISTEN_FDS=1 LISTEN_PID=1", "<" + process},
@@ -246,11 +327,14 @@ TEST_F(CorpseTest, IsHandedOverAsADescriptor) {
         {right, "</dev/null"},
         {right, "</tmp"},
         {right, "</proc"},
+        {right, "<" + process + "/task/" + std::to_string(fixture.pid())},
         {right, "<" + process + "/stat"},
         {right + "; sleep 60 & kill -9 $!; exec 3</proc/$!; wait $! 2>/dev/null; export LISTEN_FDS=1 "
                  "LISTEN_PID=$$;",
          "<&3"},
     };
+    fixture.kill(false);
+    rows.emplace_back(right, "<" + process);  // A zombie has no memory.
     for (const auto& [variables, descriptor] : rows) {
         const Outcome refused = handOver(variables, descriptor);
         EXPECT_NE(refused.status, 0) << variables << descriptor;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -53,8 +54,10 @@ std::string ReportDirectory::pathFor(std::time_t time, std::int32_t pid, const s
     return _path + "/" + stamp + std::to_string(pid) + "-" + name;
 }
 
-void ReportDirectory::prune(std::size_t mostReports, std::uint64_t mostBytes) const {
+void ReportDirectory::prune(std::size_t mostReports, std::uint64_t mostBytes,
+                            const std::string& keptPath) const {
     struct Report {
+        fs::file_time_type written = fs::file_time_type::min();
         std::vector<fs::path> files;
         std::uint64_t bytes = 0;
     };
@@ -67,17 +70,29 @@ void ReportDirectory::prune(std::size_t mostReports, std::uint64_t mostBytes) co
         if (!isOfReport(name)) continue;
         std::error_code isGone;  // Others may remove files at the same time.
         const std::uint64_t size = file->file_size(isGone);
+        const fs::file_time_type written = file->last_write_time(isGone);
         if (isGone) continue;
+        if (name.ends_with(kPartSuffix)) {
+            // That old, it was left behind by somebody who could not clean up.
+            if (fs::file_time_type::clock::now() - written > std::chrono::days(1)) fs::remove(*file, isGone);
+            continue;
+        }
         Report& report = reports[name.substr(0, name.find('.'))];
+        report.written = std::max(report.written, written);
         report.files.push_back(file->path());
         report.bytes += size;
         bytes += size;
     }
-    while (reports.size() > 1 && (reports.size() > mostReports || bytes > mostBytes)) {
-        const Report& oldest = reports.begin()->second;
-        for (const fs::path& file : oldest.files) fs::remove(file, error);
-        bytes -= oldest.bytes;
-        reports.erase(reports.begin());
+    reports.erase(fs::path(keptPath).filename());
+    std::vector<const Report*> oldestFirst;
+    for (const auto& [name, report] : reports) oldestFirst.push_back(&report);
+    std::ranges::stable_sort(oldestFirst, {}, &Report::written);
+    std::size_t count = reports.size() + 1;
+    for (const Report* report : oldestFirst) {
+        if (count <= mostReports && bytes <= mostBytes) return;
+        for (const fs::path& file : report->files) fs::remove(file, error);
+        --count;
+        bytes -= report->bytes;
     }
 }
 

@@ -62,7 +62,7 @@ void ZBCapturedProcess::separateObjects(std::span<ZBCapturedProcess* const> proc
     }
 }
 
-GraphRegion ZBCapturedProcess::_graphRegionOf(const ZBMemoryRegion& region, const Details& details) {
+GraphRegion ZBCapturedProcess::_graphRegionOf(const ZBMemoryRegion& region, const Details& details) const {
     const RegionInfoRecord& record = details.record;
     GraphRegion saved;
     saved.address = region.start();
@@ -80,7 +80,7 @@ GraphRegion ZBCapturedProcess::_graphRegionOf(const ZBMemoryRegion& region, cons
     saved.maxProt = record.max_protection;
     saved.user_tag = record.user_tag;
     saved.resident_size = region.dirtySize() + region.cleanNonSpecSize() + region.reclaimableSize();
-    saved.shared_now_private_size = 0;
+    saved.shared_now_private_size = std::uint64_t{_pageSize} * record.pages_shared_now_private;
     saved.swapped_out_size = region.swappedSize();
     saved.dirty_size = region.dirtySize();
     constexpr std::uint32_t kMostReferences = std::numeric_limits<std::uint16_t>::max();

@@ -37,7 +37,7 @@ class ZBCapturedProcess : public ZBUserProcess {
         Name path;
     };
 
-    static GraphRegion _graphRegionOf(const ZBMemoryRegion& region, const Details& details);
+    [[nodiscard]] GraphRegion _graphRegionOf(const ZBMemoryRegion& region, const Details& details) const;
 
     std::vector<Details> _details;  ///< Of each region.
 };

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -78,12 +77,16 @@ std::int32_t numberInEnvironment(const char* variable) {
     return error == std::errc() && parsed == end ? number : 0;
 }
 
-/// Whether the descriptor is a directory on /proc/PID, and the process there.
+/// Whether the descriptor is a directory on /proc/PID of a process that has not given its memory up.
 bool isProcessDirectory(int fd) {
     struct statfs system {};
-    struct stat status {};
-    return fstatfs(fd, &system) == 0 && system.f_type == PROC_SUPER_MAGIC && fstat(fd, &status) == 0 &&
-           S_ISDIR(status.st_mode) && readStat(fd);
+    if (fstatfs(fd, &system) != 0 || system.f_type != PROC_SUPER_MAGIC) return false;
+    // Of several threads, the first one may have ended.
+    return anyThread(fd, [fd](const std::string& thread) {
+        const auto text = readWholeFile((thread + "/stat").c_str(), fd);
+        const auto stat = text ? parseProcessStat(*text) : std::nullopt;
+        return stat && !stat->hasEnded() && (stat->flags & ProcessStat::kKernelThread) == 0;
+    });
 }
 
 /// Raises the soft limit; returns the number from which on descriptors are not to be kept.
@@ -167,8 +170,7 @@ int LinuxPlatform::proc_pidinfo(TaskName task, BsdShortInfoRecord& record) {
     if (!stat) return EIO;
     // A process gives up its memory before it counts as a zombie, which takes a while where there is much of
     // it.
-    const bool isEnding = stat->state == 'Z' || stat->state == 'X' || stat->state == 'x' ||
-                          (stat->flags & ProcessStat::kExiting) != 0;
+    const bool isEnding = stat->hasEnded() || (stat->flags & ProcessStat::kExiting) != 0;
     record.pbsi_status = isEnding ? BsdShortInfoRecord::kStateZombie : BsdShortInfoRecord::kStateRunning;
     return 0;
 }

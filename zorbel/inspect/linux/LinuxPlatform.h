@@ -47,7 +47,7 @@ class LinuxPlatform : public Platform, private Symbolicator {
     KernReturn task_for_pid(std::int32_t pid, TaskName& task) override;
 
     /// The first descriptor that is handed over as service managers do it (LISTEN_FDS, LISTEN_PID), where it
-    /// is a directory on /proc/PID of a process that is there.
+    /// is a directory on /proc/PID of a process that has memory.
     KernReturn mach_ports_lookup(std::vector<TaskName>& ports) override;
 
     /// From /proc/PID/status, read once for both: the page tables and the stacks that threads have in the

@@ -21,6 +21,9 @@ struct ProcessStat {
     std::uint64_t startTime = 0;   ///< Clock ticks since boot; tells two processes of one pid apart.
     std::uint64_t stackStart = 0;  ///< Address, 0 where we may not see it.
 
+    /// Whether it is a zombie, or on the way from there.
+    [[nodiscard]] bool hasEnded() const { return state == 'Z' || state == 'X' || state == 'x'; }
+
     /// Whether it runs with 64-bit addresses: told by where its stack is, else as the machine does.
     [[nodiscard]] bool is64bit() const {
         constexpr std::uint64_t k32BitAddressSpace = 0x100000000;

@@ -80,7 +80,7 @@ Problem forEachPiece(std::string_view contents, const Consumer& consume) {
                       : contents.starts_with(kZstandardMagic) ? decompressZstandard
                                                               : takeAsItStands;
     std::uint64_t size = 0;
-    const Problem problem = take(contents, [&](std::string_view piece) {
+    Problem problem = take(contents, [&](std::string_view piece) {
         size += piece.size();
         return size <= kMostText && consume(piece);
     });

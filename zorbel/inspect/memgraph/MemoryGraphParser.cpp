@@ -18,38 +18,34 @@ namespace {
 /// More than any machine allows for a path, in bytes.
 constexpr std::size_t kLongestText = 1024;
 
-std::string rangeOf(std::uint64_t most) { return "must be a whole number from 0 to " + std::to_string(most); }
-
 /// Fills a field with a value of the document; returns what is wrong where it does not fit.
 template <typename Record, typename Value>
 std::string fill(Record& record, const Member<Record>& member, Value value) {
-    return std::visit(
-        [&](auto field) -> std::string {
-            auto& target = record.*field;
-            using Target = std::remove_reference_t<decltype(target)>;
-            if constexpr (std::is_same_v<Target, bool>) {
-                if constexpr (!std::is_same_v<Value, bool>)
-                    return "must be true or false";
-                else
-                    target = value;
-            } else if constexpr (std::is_arithmetic_v<Target>) {
-                if constexpr (!std::is_same_v<Value, std::uint64_t>)
-                    return rangeOf(member.most);
-                else if (value > member.most)
-                    return rangeOf(member.most);
-                else
+    const auto fillField = [&](auto& target) -> std::string {
+        using Target = std::remove_reference_t<decltype(target)>;
+        if constexpr (std::is_same_v<Target, bool>) {
+            if constexpr (!std::is_same_v<Value, bool>)
+                return "must be true or false";
+            else
+                target = value;
+        } else if constexpr (std::is_arithmetic_v<Target>) {
+            if constexpr (std::is_same_v<Value, std::uint64_t>)
+                if (value <= member.most) {
                     target = static_cast<Target>(value);
-            } else {
-                if constexpr (!std::is_same_v<Value, std::string_view>)
-                    return "must be a text";
-                else if (value.size() > kLongestText)
-                    return "is longer than " + std::to_string(kLongestText) + " bytes";
-                else
-                    target = Target(printable(value, kLongestText));
-            }
-            return {};
-        },
-        member.field);
+                    return {};
+                }
+            return "must be a whole number from 0 to " + std::to_string(member.most);
+        } else {
+            if constexpr (!std::is_same_v<Value, std::string_view>)
+                return "must be a text";
+            else if (value.size() > kLongestText)
+                return "is longer than " + std::to_string(kLongestText) + " bytes";
+            else
+                target = Target(printable(value, kLongestText));
+        }
+        return {};
+    };
+    return std::visit([&](auto field) { return fillField(record.*field); }, member.field);
 }
 
 /// What stands in place of the value of a member, and is no value that any of them may have.
