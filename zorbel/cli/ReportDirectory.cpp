@@ -85,6 +85,7 @@ void ReportDirectory::prune(std::size_t mostReports, std::uint64_t mostBytes,
     }
     reports.erase(fs::path(keptPath).filename());
     std::vector<const Report*> oldestFirst;
+    oldestFirst.reserve(reports.size());
     for (const auto& [name, report] : reports) oldestFirst.push_back(&report);
     std::ranges::stable_sort(oldestFirst, {}, &Report::written);
     std::size_t count = reports.size() + 1;
