@@ -45,6 +45,8 @@ constexpr const char* kUsage =
     "paths\n"
     "and addresses, but nothing of what is in the memory.\n";
 
+constexpr const char* kHint = "Try 'zorbel-capture --help'.\n";
+
 enum LongOnlyOption : int { kForceOption = 256, kPhysZorbelOption };
 
 constexpr option kLongOptions[] = {
@@ -70,7 +72,7 @@ void say(const std::string& text) { std::fprintf(stderr, "zorbel-capture: %s\n",
 
 int refuse(const std::string& text) {
     say(text);
-    std::fputs("Try 'zorbel-capture --help'.\n", stderr);
+    std::fputs(kHint, stderr);
     return kFailure;
 }
 
@@ -99,7 +101,7 @@ std::optional<int> parse(int argc, char* const argv[], CaptureSettings& settings
                 std::fputs(kUsage, stdout);
                 return kSuccess;
             default:
-                std::fputs("Try 'zorbel-capture --help'.\n", stderr);  // getopt_long has said what is wrong.
+                std::fputs(kHint, stderr);  // getopt_long has said what is wrong.
                 return kFailure;
         }
     }
