@@ -162,6 +162,18 @@ void lookAtThreads(int processDirectory, const std::function<bool(const std::str
     if (!look("")) anyThread(processDirectory, [&](const std::string& thread) { return look(thread + "/"); });
 }
 
+/// Whether the process is the one that waits for us: another one may have its number by now, where the kernel
+/// does not wait.
+bool isDumpingCore(int processDirectory) {
+    bool isDumping = false;
+    lookAtThreads(processDirectory, [&](const std::string& directory) {
+        const auto text = readWholeFile((directory + "status").c_str(), processDirectory);
+        isDumping = text && text->find("\nCoreDumping:\t1\n") != std::string::npos;
+        return isDumping;
+    });
+    return isDumping;
+}
+
 /// File name of the program; the thread's name, which is all that the kernel has told, where it is not known.
 std::string programOf(int processDirectory, const Crash& crash) {
     constexpr std::string_view kDeleted = " (deleted)";
@@ -252,9 +264,11 @@ class ReportFile {
             sayError(_path, errno);
             return false;
         }
-        _file = FileDescriptor();
+        _part = _path;
         return true;
     }
+    /// From now on it stays.
+    void keep() { _file = FileDescriptor(); }
 
   private:
     std::string _path;
@@ -331,6 +345,7 @@ bool report(const Settings& settings, const Crash& crash, Clock::time_point dead
     const FileDescriptor process(
         open(("/proc/" + std::to_string(crash.pid)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!process.isOpen()) return failed("process " + std::to_string(crash.pid), errno);
+    if (!isDumpingCore(process.get())) return failed("process " + std::to_string(crash.pid), ESRCH);
     const ReportDirectory directory(settings.directory);
     if (const int error = directory.make()) return failed(settings.directory, error);
     const std::string program = programOf(process.get(), crash);
@@ -348,15 +363,17 @@ bool report(const Settings& settings, const Crash& crash, Clock::time_point dead
     }
     text.closeSink();
     document.closeSink();
+    // One program must not drive out the reports on all others.
+    constexpr std::uint64_t kReportsAtLeast = 10;
     const std::uint64_t keptBytes = settings.keptMiB * std::uint64_t{1024} * 1024;
-    constexpr std::uint64_t kReportsAtLeast =
-        10;  // However large: one program must not drive out all others.
     const bool isFilled = fill(text, document, deadline, keptBytes / kReportsAtLeast);
     if (!isFilled) kill(child, SIGKILL);
     int status = 0;
     waitpid(child, &status, 0);
     if (!isFilled || status != 0 || document.size() == 0) return false;
     if (!text.publish() || !document.publish()) return false;
+    text.keep();
+    document.keep();
     directory.prune(settings.keptReports, keptBytes, path);
     return true;
 }
@@ -372,7 +389,7 @@ void superviseReport(const Settings& settings, const Crash& crash) {
     sigprocmask(SIG_BLOCK, &ended, nullptr);
     const pid_t parent = getpid();
     const pid_t worker = fork();
-    if (worker < 0) return sayError("fork", errno);
+    if (worker < 0) sayError("fork", errno);
     if (worker == 0) {
         dieWith(parent);
         sigprocmask(SIG_UNBLOCK, &ended, nullptr);
@@ -382,7 +399,7 @@ void superviseReport(const Settings& settings, const Crash& crash) {
         say("no report on process " + std::to_string(crash.pid));
         _exit(EXIT_FAILURE);
     }
-    while (waitpid(worker, nullptr, WNOHANG) == 0) {
+    while (worker > 0 && waitpid(worker, nullptr, WNOHANG) == 0) {
         const int left = millisecondsUntil(deadline + kGrace);
         const timespec limit = {left / 1000, left % 1000 * 1000000L};
         if (left == 0 || (sigtimedwait(&ended, nullptr, &limit) < 0 && errno == EAGAIN)) {

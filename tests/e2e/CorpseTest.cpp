@@ -296,6 +296,9 @@ TEST_F(CorpseTest, NothingKeepsAProcessFromGoing) {
     EXPECT_THAT(handle({"--directory", _directory + "/r", "5000001", "--then", "11", "0"}).error,
                 "zorbel-corpse-handler: process 5000001: No such file or directory\n"
                 "zorbel-corpse-handler: no report on process 5000001\n");
+    // Whoever has that number now, it is not the one that waits.
+    EXPECT_THAT(handle({"--directory", _directory + "/r", std::to_string(getpid()), "x", "11", "0"}).error,
+                HasSubstr(": No such process\n"));
 }
 
 TEST_F(CorpseTest, IsHandedOverAsADescriptor) {

@@ -13,18 +13,23 @@ namespace zorbel {
 
 namespace {
 
-/// Holds the signals back that end a program, while there is something to be cleaned up.
+/// Holds all signals back while there is something to be cleaned up. That a file may not grow as large is an
+/// error like any other, and no signal.
 class SignalsHeldBack {
   public:
-    SignalsHeldBack() {
+    SignalsHeldBack() : _whenTooLarge(std::signal(SIGXFSZ, SIG_IGN)) {
         sigset_t all;
         sigfillset(&all);
         sigprocmask(SIG_SETMASK, &all, &_before);
     }
     SignalsHeldBack(const SignalsHeldBack&) = delete;
-    ~SignalsHeldBack() { sigprocmask(SIG_SETMASK, &_before, nullptr); }
+    ~SignalsHeldBack() {
+        sigprocmask(SIG_SETMASK, &_before, nullptr);
+        std::signal(SIGXFSZ, _whenTooLarge);
+    }
 
   private:
+    void (*_whenTooLarge)(int);
     sigset_t _before{};
 };
 
@@ -69,11 +74,11 @@ int publish(const char* temporary, const char* path, bool replace) {
 
 int saveGraph(const MemoryGraph& graph, const std::string& path, bool replace) {
     const SignalsHeldBack heldBack;
-    std::signal(SIGXFSZ, SIG_IGN);  // A file that may not grow as large is an error like any other.
     const std::string directory = path.substr(0, path.rfind('/') + 1);
     std::string temporary = directory + ".zorbel-capture-XXXXXX";
-    umask(S_IRWXG | S_IRWXO);
+    const mode_t before = umask(S_IRWXG | S_IRWXO);  // For its owner only, but for its owner in any case.
     const int fd = mkostemp(temporary.data(), O_CLOEXEC);
+    umask(before);
     if (fd < 0) return errno;
     int error = writeTo(fd, graph);
     if (error == 0) error = publish(temporary.c_str(), path.c_str(), replace);

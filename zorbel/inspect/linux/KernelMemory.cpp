@@ -302,10 +302,11 @@ int readKernelTexts(KernelTexts& texts) {
         if (!contents && errno != ENOENT) return errno;
         if (contents) *text = *std::move(contents);
     }
-    std::error_code noBlockDevices;
-    for (const auto& device : std::filesystem::directory_iterator("/sys/block", noBlockDevices)) {
-        if (!device.path().filename().string().starts_with("zram")) continue;
-        if (auto contents = readWholeFile((device.path() / "mm_stat").c_str(), AT_FDCWD))
+    std::error_code error;
+    for (std::filesystem::directory_iterator device("/sys/block", error);
+         !error && device != std::filesystem::directory_iterator(); device.increment(error)) {
+        if (!device->path().filename().string().starts_with("zram")) continue;
+        if (auto contents = readWholeFile((device->path() / "mm_stat").c_str(), AT_FDCWD))
             texts.zramStats.push_back(*std::move(contents));
     }
     return 0;
