@@ -40,11 +40,11 @@ install(CODE "
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "The zorbel developers <zorbel@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "tells what processes are charged for memory, and who shares it")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "shows how much memory processes are charged for, and who shares it")
 set(CPACK_PACKAGE_DESCRIPTION
-"zorbel reports how many bytes processes are really charged for: the dirty and
-swapped bytes of every memory object that they map, by category, by program and
-library, and by the exact group of processes that shares them. Memory that
+"zorbel reports how many bytes processes are charged for: the dirty and swapped
+bytes of everything that they map. It shows these bytes by category, by program
+and library, and by the exact group of processes that shares them. Memory that
 several processes map counts once.")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

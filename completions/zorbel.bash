@@ -1,6 +1,6 @@
 # Completion of zorbel's and zorbel-capture's arguments for bash.
 
-# The file names of executables, by which processes go, of those processes that we may look at.
+# The names of the processes that we may look at: the file names of their executables.
 _zorbel_names() {
     find /proc/[0-9]*/exe -maxdepth 0 -lname '/*' -printf '%l\n' 2>/dev/null | sed 's/ (deleted)$//; s|.*/||' |
         grep -a '^[[:print:]]*$' | sort -u
@@ -10,7 +10,7 @@ _zorbel_pids() {
     find /proc/[0-9]*/exe -maxdepth 0 -lname '/*' -printf '%h\n' 2>/dev/null | cut -d / -f 3
 }
 
-# Offers those lines that go on from what is typed. Names are strangers' words: compgen -W would run what they hold.
+# Offers the lines that begin with the typed text. Names are untrusted: compgen -W would run code in them.
 _zorbel_offer() {
     local word
     while IFS= read -r word; do
@@ -20,7 +20,7 @@ _zorbel_offer() {
 
 _zorbel() {
     local current=${COMP_WORDS[COMP_CWORD]} option=${COMP_WORDS[COMP_CWORD - 1]}
-    # bash takes "--format=pages" for three words.
+    # bash splits "--format=pages" into three words.
     if [[ $current == = ]]; then
         current=
     elif [[ $option == = ]]; then
