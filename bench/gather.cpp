@@ -4,31 +4,32 @@
 #include <cstring>
 
 #include "aggregate/ZBZorbel.h"
-#include "inspect/linux/LinuxPlatform.h"
+#include "linux/LinuxPlatform.h"
 
 namespace {
 
 class WithoutImages : public zorbel::LinuxPlatform {
   public:
+    using zorbel::LinuxPlatform::LinuxPlatform;
+
     void forEachSymbolOwner(zorbel::TaskName /*task*/,
                             const std::function<void(const zorbel::SymbolOwner&)>& /*consume*/) override {}
 };
 
 void gather(zorbel::Platform& platform) {
     auto targets = zorbel::ZBProcess::allProcessesExcludingPids(platform, {});
-    std::vector<std::unique_ptr<zorbel::ZBProcess>> processes;
-    for (auto& [pid, process] : *targets) processes.push_back(std::move(process));
-    zorbel::ZBZorbel(std::move(processes)).gatherData();
+    zorbel::ZBZorbel(platform, *std::move(targets)).gatherData();
 }
 
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    zorbel::StreamDiagnostics diagnostics(stderr);
     if (argc > 1 && std::strcmp(argv[1], "--without-images") == 0) {
-        WithoutImages platform;
+        WithoutImages platform(diagnostics);
         gather(platform);
     } else {
-        zorbel::LinuxPlatform platform;
+        zorbel::LinuxPlatform platform(diagnostics);
         gather(platform);
     }
 }

@@ -7,6 +7,8 @@
 
 namespace zorbel::test {
 
+using namespace testing;
+
 static const std::string kGraphs = SOURCE_DIR "/tests/data/graphs/";
 
 class MemgraphRunTest : public Test {

@@ -12,6 +12,8 @@
 
 namespace zorbel::test {
 
+using namespace testing;
+
 /// Its pids lie above those that Linux hands out, so that none of them is the test's own.
 class RunDriverTest : public Test {
   protected:
@@ -125,17 +127,21 @@ TEST_F(RunDriverTest, BreakdownModeIsSetBeforeProcessesAreMeasured) {
 }
 
 TEST_F(RunDriverTest, InterruptEndsGatheringAndStillReports) {
-    apprentice.maps(0x1000, {.info = {.pages_resident = 1}}).beforeLookup = [this] {
-        if (apprentice.lookups > 1) return;
+    machine.process(5000004, "late").maps(0x1000, {.info = {.pages_resident = 1}}).beforeReading = [this] {
         kill(getpid(), SIGINT);
-        struct stat said {};
-        while (said.st_size == 0) fstat(STDERR_FILENO, &said);  // Until the interrupt has been taken.
+        while (!machine.messages.isAny()) usleep(1000);  // Until the interrupt has been taken.
     };
-    const Outcome outcome = zorbel({"apprentice"});
+    const Outcome outcome = zorbel({"late"});
     EXPECT_EQ(outcome.err, "Exiting early due to SIGINT\n");
-    EXPECT_THAT(outcome.out, HasSubstr("apprentice [5000003]: 64-bit\tZorbel: 4096 B"));
+    EXPECT_THAT(outcome.out, HasSubstr("late [5000004]: 64-bit\tZorbel: 4096 B"));
     // From then on an interrupt has its usual effect.
     EXPECT_EXIT(raise(SIGINT), KilledBySignal(SIGINT), "");
+}
+
+TEST_F(RunDriverTest, PidBeyondAllPidsIsTakenForItsLowBitsWithAMessage) {
+    const Outcome outcome = zorbel({"--pid", "4299967297"});
+    EXPECT_EQ(reported(outcome), "baker ");
+    EXPECT_EQ(outcome.err, "--pid 4299967297 does not fit into 32 bits and is taken for 5000001\n");
 }
 
 TEST_F(RunDriverTest, CorpseIsMeasuredThroughTheTaskThatIsHandedOver) {
@@ -177,6 +183,7 @@ TEST_F(RunDriverTest, CorpseThatIsNotThereEndsTheRun) {
                                              {"--corpseName=Foo"},
                                              {"--corpsePid=0", "--corpseName=Foo", "baker"},
                                              {"--corpsePid=-1", "--corpseName=Foo"},
+                                             {"--corpsePid=4294967297", "--corpseName=Foo"},
                                              {"--corpseDirtyFlags", "1"}};
     for (const auto& words : rows)
         EXPECT_THAT(zorbel(words), FieldsAre(1, usage, "Invalid arguments for corpse mode\n"));
@@ -196,12 +203,15 @@ TEST_F(RunDriverTest, CorpseThatIsNotThereEndsTheRun) {
 
 static CommandLine parsed(const std::vector<std::string>& words) {
     CommandLine commandLine;
-    EXPECT_EQ(withArguments(words, [&](auto... args) { return parseCommandLine(args..., commandLine); }),
-              std::nullopt);
+    RecordedDiagnostics messages;
+    EXPECT_EQ(
+        withArguments(words, [&](auto... args) { return parseCommandLine(args..., messages, commandLine); }),
+        std::nullopt);
     return commandLine;
 }
 
 TEST(CommandLineTest, OptionsAreTakenInBothSpellings) {
+    using enum TargetArgument::Kind;
     for (const auto& words :
          {std::vector<std::string>{"-atsyw", "-j", "a", "-jb", "-f", "pages", "-px", "-x", "y"},
           {"--all", "--targetChildren", "--skip", "--summary", "--wide", "--json=a", "--json", "b",
@@ -212,18 +222,17 @@ TEST(CommandLineTest, OptionsAreTakenInBothSpellings) {
         EXPECT_EQ(asked.outputOptions, kShowSwapped | kShowWired);
         EXPECT_EQ(asked.jsonPath, "b");
         EXPECT_EQ(asked.summaryFormat, SummaryFormat::kPages);
-        EXPECT_THAT(all.processDescriptions, ElementsAre("x"));
+        EXPECT_THAT(all.targets, ElementsAre(FieldsAre(kDescription, "x", _)));
         EXPECT_THAT(all.excludeDescriptions, ElementsAre("y"));
     }
     const RunSettings corpse = parsed({"--corpseDirtyFlags", "10"}).settings;
     EXPECT_TRUE(corpse.corpseMode && corpse.corpseDirtyFlags == 0x10);
     EXPECT_EQ(parsed({"-f", "bytes", "-f", "formatted"}).settings.summaryFormat, SummaryFormat::kFormatted);
     EXPECT_EQ(parsed({"--wired"}).settings.outputOptions, kShowWired);
-    const CommandLine targets = parsed({"mill", "-p", "baker", "--proc", "baker", "--pid", "12abc", "--pid",
-                                        "4294967297", "-w", "--", "-p"});
-    EXPECT_THAT(targets.processDescriptions, ElementsAre("baker"));
-    EXPECT_THAT(targets.pidToName, ElementsAre(Pair(1, std::nullopt), Pair(12, std::nullopt)));
-    EXPECT_THAT(targets.positionalArguments, ElementsAre("mill", "-p"));
+    EXPECT_THAT(parsed({"mill", "-p", "baker", "--pid", "12abc", "-w", "--proc", "cook", "--", "-p"}).targets,
+                ElementsAre(FieldsAre(kFileOrDescription, "mill", _), FieldsAre(kDescription, "baker", _),
+                            FieldsAre(kPid, _, 12), FieldsAre(kDescription, "cook", _),
+                            FieldsAre(kFileOrDescription, "-p", _)));
 }
 
 TEST(CommandLineTest, ErrorsEndTheRunInTheOrderOfTheArguments) {
@@ -232,12 +241,15 @@ TEST(CommandLineTest, ErrorsEndTheRunInTheOrderOfTheArguments) {
     EXPECT_THAT(help, FieldsAre(0, testData("usage.txt"), ""));
     const std::string badFormat =
         "Unrecognized argument to -f / --format.\n\nAccepted arguments: 'bytes', 'formatted', 'pages'.\n";
-    const std::string badPid =
-        "'abc' is not a valid integer for --pid.\n\n"
-        "Use -p / --proc if you meant to specify a process name.\n";
+    const auto badPid = [](const std::string& text) {
+        return "'" + text +
+               "' is not a valid integer for --pid.\n\n"
+               "Use -p / --proc if you meant to specify a process name.\n";
+    };
     const std::tuple<std::vector<std::string>, std::string, std::string> rows[] = {
         {{"-f", "Bytes", "-h"}, "", badFormat},
-        {{"--pid", "abc", "-f", "bad"}, "", badPid},
+        {{"--pid", "abc", "-f", "bad"}, "", badPid("abc")},
+        {{"--pid", "0x10"}, "", badPid("0x10")},
         {{"-q", "-f", "bad"}, help.out, "zorbel: invalid option -- 'q'\n"},
         {{"--json"}, help.out, "zorbel: option '--json' requires an argument\n"},
         {{"-x", "baker"}, help.out, "Must specify at least one process or memgraph\n"},

@@ -1,6 +1,8 @@
-#include "support/ScriptedPlatform.h"
+#include "support/Targets.h"
 
 namespace zorbel::test {
+
+using namespace testing;
 
 using ZBProcessSelectionTest = CoordinatorTest;
 
@@ -14,24 +16,32 @@ TEST_F(ZBProcessSelectionTest, DescriptionSelectsTheFirstProcessByNameOrNumber) 
                                     {20, "5"},
                                     {77, "77"}})
         machine.process(pid, name);
-    const std::pair<std::set<std::string>, PidDescriptions> rows[] = {
+    using Found = std::vector<std::pair<std::int32_t, std::optional<std::string>>>;
+    const std::pair<std::vector<std::string>, Found> rows[] = {
         {{"worker"}, {{10, "worker"}}},
         {{" 42"}, {{42, std::nullopt}}},
-        {{"42abc", "+11"}, {{11, std::nullopt}, {42, std::nullopt}}},
+        {{"42abc", "+11"}, {{42, std::nullopt}, {11, std::nullopt}}},
         // A name of digits hides the number when it comes first, or is of the same process.
         {{"41"}, {{12, "41"}}},
         {{"5"}, {{5, std::nullopt}}},
         {{"77"}, {{77, "77"}}},
         // Names that were met on the way to one description serve the next, and change nothing.
-        {{"5", "41", "worker", "clerk"}, {{5, std::nullopt}, {10, "worker"}, {12, "41"}, {42, "clerk"}}},
+        {{"5", "41", "worker", "clerk"}, {{5, std::nullopt}, {12, "41"}, {10, "worker"}, {42, "clerk"}}},
     };
     std::vector<std::string> errors;
-    for (const auto& [descriptions, pids] : rows)
-        EXPECT_EQ(ZBProcess::pidsForStringDescriptions(machine, descriptions, &errors), pids);
+    for (const auto& [descriptions, expected] : rows) {
+        Found found;
+        const auto processes = ZBProcess::pidsForStringDescriptions(machine, descriptions, &errors);
+        for (const auto& process : *processes) {
+            EXPECT_EQ(process.description, found.size());
+            found.emplace_back(process.pid, process.name);
+        }
+        EXPECT_EQ(found, expected);
+    }
     EXPECT_THAT(errors, ElementsAre());
-    const std::set<std::string> wrong = {"work", "Worker", "-10", "4294967338", "99999999999999999999",
-                                         "",     "7"};
-    EXPECT_EQ(ZBProcess::pidsForStringDescriptions(machine, wrong, &errors), PidDescriptions());
+    const std::vector<std::string> wrong = {"Worker", "-10", "4294967338", "99999999999999999999",
+                                            "",       "7",   "work"};
+    EXPECT_THAT(*ZBProcess::pidsForStringDescriptions(machine, wrong, &errors), IsEmpty());
     EXPECT_EQ(errors.size(), wrong.size());
     EXPECT_EQ(errors.back(), "Unable to find pid for process matching 'work'");
 }
@@ -55,10 +65,11 @@ TEST_F(ZBProcessSelectionTest, AllProcessesLeavesOutWhatIsExcludedOrUnopenable) 
     machine.process(4, "clerk");
     machine.process(5, "baker");
     machine.process(6, "kernel").flags = BsdInfoRecord::kFlagSystem;
-    testing::internal::CaptureStderr();
     const auto targets = ZBProcess::allProcessesExcludingPids(machine, {1, 77});
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "task_for_pid: failure\n");
-    EXPECT_THAT(*targets, UnorderedElementsAre(Key(4), Key(5), Key(6)));
+    EXPECT_EQ(machine.messages.take(), "task_for_pid: failure\n");
+    std::vector<std::int32_t> pids;
+    for (const auto& target : *targets) pids.push_back(target->pid());
+    EXPECT_THAT(pids, ElementsAre(4, 5, 6));
 }
 
 }  // namespace zorbel::test

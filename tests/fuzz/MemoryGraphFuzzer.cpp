@@ -9,13 +9,14 @@
 
 #include "aggregate/ZBZorbel.h"
 #include "inspect/ZBMemgraphProcess.h"
-#include "inspect/linux/LinuxPlatform.h"
+#include "linux/LinuxPlatform.h"
 #include "report/ZBOutputFormatterText.h"
 
 namespace zorbel {
 
 static LinuxPlatform& platform() {
-    static LinuxPlatform platform;
+    static StreamDiagnostics nowhere(nullptr);
+    static LinuxPlatform platform(nowhere);
     return platform;
 }
 
@@ -35,15 +36,14 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace zorbel;
-    PlatformError error;
-    auto graph = ZBMemgraphProcess::processWithMemgraph(platform(), fileWith(data, size), error);
+    auto graph = ZBMemgraphProcess::processWithMemgraph(platform(), fileWith(data, size));
     if (!graph) {
-        if (error.description.empty()) std::abort();
+        if (graph.error().description.empty()) std::abort();
         return 0;
     }
-    std::vector<std::unique_ptr<ZBProcess>> processes;
-    processes.push_back(std::move(graph));
-    ZBZorbel zorbel(std::move(processes));
+    Targets targets;
+    targets.push_back(*std::move(graph));
+    ZBZorbel zorbel(platform(), std::move(targets));
     zorbel.gatherData();
     zorbel.addOutputFormatter(std::make_shared<ZBOutputFormatterText>(platform(), SummaryFormat::kBytes,
                                                                       kShowWired | kShowSwapped));

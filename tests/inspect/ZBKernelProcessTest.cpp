@@ -1,5 +1,7 @@
 #include "inspect/ZBKernelProcess.h"
 
+#include <gmock/gmock.h>
+
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
 #include <cstring>
@@ -7,6 +9,8 @@
 #include "support/ScriptedPlatform.h"
 
 namespace zorbel::test {
+
+using namespace testing;
 
 using R = MemoryInfoRecord;
 
@@ -31,10 +35,10 @@ class ZBKernelProcessTest : public Test {
     /// The regions: name, detailed name where there is one, object id, size, dirty, clean, reclaimable and
     /// wired size.
     std::vector<std::string> gather() {
-        testing::internal::CaptureStderr();
         process = ZBProcess::processWithPid(machine, 0);
         process->gatherData();
-        said = testing::internal::GetCapturedStderr();
+        process->reportMessages();
+        said = machine.messages.take();
         std::vector<std::string> rows;
         for (const ZBMemoryRegion& region : process->memoryRegions()) {
             char figures[120];

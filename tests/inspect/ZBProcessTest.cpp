@@ -4,9 +4,11 @@
 #include <cstring>
 #include <tuple>
 
-#include "support/ScriptedPlatform.h"
+#include "support/Targets.h"
 
 namespace zorbel::test {
+
+using namespace testing;
 
 using std::string_literals::operator""s;
 

@@ -7,9 +7,11 @@
 #include <sstream>
 #include <tuple>
 
-#include "support/ScriptedPlatform.h"
+#include "support/Targets.h"
 
 namespace zorbel::test {
+
+using namespace testing;
 
 constexpr std::uint64_t kShared = 0x1'8000'0000;
 constexpr std::uint64_t kSharedEnd = 0x2'8000'0000;

@@ -4,10 +4,12 @@
 #include <boost/json/serialize.hpp>
 #include <fstream>
 
-#include "support/ScriptedPlatform.h"
+#include "support/Targets.h"
 #include "support/TestData.h"
 
 namespace zorbel::test {
+
+using namespace testing;
 
 class ZBOutputFormatterJSONTest : public CoordinatorTest {
   protected:

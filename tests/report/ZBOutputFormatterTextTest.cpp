@@ -1,9 +1,11 @@
 #include "report/ZBOutputFormatterText.h"
 
-#include "support/ScriptedPlatform.h"
+#include "support/Targets.h"
 #include "support/TestData.h"
 
 namespace zorbel::test {
+
+using namespace testing;
 
 class ZBOutputFormatterTextTest : public CoordinatorTest {
   protected:

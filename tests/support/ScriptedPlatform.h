@@ -1,18 +1,34 @@
 #pragma once
 
-#include <gmock/gmock.h>
-
 #include <cerrno>
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
-#include "aggregate/ZBZorbel.h"
-#include "inspect/memgraph/MemoryGraph.h"
+#include "inspect/ZBProcess.h"
+#include "platform/Platform.h"
 
 namespace zorbel::test {
 
-using namespace testing;
+/// Keeps the messages of a run.
+class RecordedDiagnostics final : public Diagnostics {
+  public:
+    void report(std::string_view message) override;
+
+    /// All messages since the last call, each ended by a newline.
+    std::string take();
+    [[nodiscard]] bool isAny();
+
+  private:
+    std::mutex _mutex;
+    std::string _messages;
+};
 
 inline constexpr std::uint32_t kPage = 4096;
 inline constexpr std::uint32_t kMallocTiny = 7;
@@ -55,6 +71,8 @@ struct ScriptedProcess {
     std::size_t failingTopLookup = SIZE_MAX;
     std::size_t failingPageQuery = SIZE_MAX;
     KernReturn topLookupCode = kKernFailure;
+    /// Called on the worker that reads the process.
+    std::function<void()> beforeReading = [] {};
     /// Called on the thread that looks a region up, once the look-up has been counted.
     std::function<void()> beforeLookup = [] {};
 
@@ -79,20 +97,10 @@ struct ScriptedProcess {
 class ScriptedPlatform : public Platform, private Symbolicator {
   public:
     /// A process with 64-bit addresses whose executable is /usr/bin/NAME.
-    ScriptedProcess& process(std::int32_t pid, const std::string& name) {
-        ScriptedProcess& process = _processes.emplace_back();
-        process.pid = pid;
-        process.argumentArea = std::string("\2\0\0\0", 4) + "/usr/bin/" + name + '\0' + '\0' + name + '\0';
-        return process;
-    }
+    ScriptedProcess& process(std::int32_t pid, const std::string& name);
 
     /// Opens all processes for inspection.
-    std::vector<std::unique_ptr<ZBProcess>> open() {
-        std::vector<std::unique_ptr<ZBProcess>> opened;
-        for (const ScriptedProcess& process : _processes)
-            if (auto made = ZBProcess::processWithPid(*this, process.pid)) opened.push_back(std::move(made));
-        return opened;
-    }
+    Targets open();
 
     bool hasProcessList = true;
     std::int32_t breakDownMode = 0;
@@ -118,267 +126,88 @@ class ScriptedPlatform : public Platform, private Symbolicator {
     std::vector<TaskName> handedOver;
     KernReturn handedOverCode = kKernSuccess;
 
+    /// What was reported.
+    RecordedDiagnostics messages;
+    /// Which phases the run went through, such as "read 100" for a process.
+    std::vector<std::string> phases;
+
+    Diagnostics& diagnostics() override { return messages; }
+
     std::uint32_t vm_kernel_page_size() const override { return pageSize; }
 
-    ZBPlatform platformOfProcesses(bool is64bit) const override {
-        return kind.value_or(is64bit ? ZBPlatform::kARM64 : ZBPlatform::kARM);
-    }
+    ZBPlatform platformOfProcesses(bool is64bit) const override;
 
     Symbolicator& symbolicator() override { return *this; }
 
-    void forEachSymbolOwner(TaskName task, const std::function<void(const SymbolOwner&)>& consume) override {
-        for (const auto& [path, segments] : _ofTask(task).images) consume({path, segments});
-    }
+    void forEachSymbolOwner(TaskName task, const std::function<void(const SymbolOwner&)>& consume) override;
 
-    bool proc_listallpids(std::vector<std::int32_t>& pids) override {
-        for (const ScriptedProcess& process : _processes) pids.push_back(process.pid);
-        return hasProcessList;
-    }
+    bool proc_listallpids(std::vector<std::int32_t>& pids) override;
 
-    bool proc_pidinfo(std::int32_t pid, BsdInfoRecord& record) override {
-        const ScriptedProcess* process = _find(pid);
-        if (process == nullptr || !process->hasRecord) return false;
-        record.pbi_flags = process->flags;
-        record.pbi_pid = static_cast<std::uint32_t>(pid);
-        record.pbi_ppid = static_cast<std::uint32_t>(process->parent);
-        return true;
-    }
+    bool proc_pidinfo(std::int32_t pid, BsdInfoRecord& record) override;
 
-    int proc_pidinfo(TaskName task, BsdShortInfoRecord& record) override {
-        record.pbsi_status = _ofTask(task).state;
-        return _ofTask(task).shortRecordError;
-    }
+    int proc_pidinfo(TaskName task, BsdShortInfoRecord& record) override;
 
-    bool sysctl_procargs(std::int32_t pid, std::string& area) override {
-        const ScriptedProcess* process = _find(pid);
-        if (process == nullptr || !process->argumentArea) return false;
-        area = *process->argumentArea;
-        return true;
-    }
+    bool sysctl_procargs(std::int32_t pid, std::string& area) override;
 
-    KernReturn task_for_pid(std::int32_t pid, TaskName& task) override {
-        task = static_cast<TaskName>(pid);
-        return _find(pid)->openCode;
-    }
+    bool sysctl_procargs(TaskName task, std::string& area) override;
 
-    KernReturn mach_ports_lookup(std::vector<TaskName>& ports) override {
-        ports = handedOver;
-        return handedOverCode;
-    }
+    KernReturn task_for_pid(std::int32_t pid, TaskName& task) override;
 
-    KernReturn task_info(TaskName task, KernelMemoryRecord& record) override {
-        if (_find(static_cast<std::int32_t>(task)) == nullptr) return kKernFailure;
-        record = _ofTask(task).kernelMemory;
-        return _ofTask(task).hasFigures ? kKernSuccess : kKernFailure;
-    }
+    KernReturn mach_ports_lookup(std::vector<TaskName>& ports) override;
 
-    int proc_pid_rusage(TaskName task, ResourceUsageRecord& record) override {
-        record = _ofTask(task).charges;
-        return _ofTask(task).hasFigures ? 0 : ESRCH;
-    }
+    KernReturn task_info(TaskName task, KernelMemoryRecord& record) override;
 
-    int proc_get_dirty(std::int32_t pid, std::uint32_t& flags) override {
-        const ScriptedProcess* process = _find(pid);
-        if (process == nullptr || !process->hasFigures) return ESRCH;
-        flags = process->dirtyFlags;
-        return 0;
-    }
+    int proc_pid_rusage(TaskName task, ResourceUsageRecord& record) override;
+
+    int proc_get_dirty(std::int32_t pid, std::uint32_t& flags) override;
+
+    void readTask(TaskName task) override;
+
+    void settleTasks() override { _note("settle"); }
+
+    void forgetTask(TaskName task) override { _note("forget " + std::to_string(task)); }
 
     KernReturn mach_vm_region_recurse(TaskName task, std::uint64_t& address, std::uint64_t& size,
-                                      RegionInfoRecord& record) override {
-        ScriptedProcess& process = _ofTask(task);
-        ++process.lookups;
-        process.beforeLookup();
-        if (process.lookupCode != kKernSuccess) return process.lookupCode;
-        return _lookUp(process.regions, address, size, record);
-    }
+                                      RegionInfoRecord& record) override;
 
     KernReturn mach_vm_region(TaskName task, std::uint64_t& address, std::uint64_t& size,
-                              BasicRegionInfoRecord& record) override {
-        ScriptedProcess& process = _ofTask(task);
-        process.topLookups.push_back(address);
-        if (process.topLookups.size() > process.failingTopLookup) return process.topLookupCode;
-        auto entries = process.regions;
-        for (const auto& [start, map] : process.nestedMaps) {
-            entries.erase(entries.lower_bound(start), entries.lower_bound(start + map.pages * kPage));
-            entries[start] = map;
-        }
-        RegionInfoRecord info;
-        const KernReturn code = _lookUp(entries, address, size, info);
-        record = {info.protection, info.max_protection, info.inheritance,
-                  info.offset,     info.behavior,       info.user_wired_count};
-        return code;
-    }
+                              BasicRegionInfoRecord& record) override;
 
     KernReturn mach_vm_page_range_query(TaskName task, std::uint64_t address, std::uint64_t size,
-                                        std::int32_t* dispositions, std::uint64_t& count) override {
-        ScriptedProcess& process = _ofTask(task);
-        process.pageQueries.emplace_back(address, count);
-        if (process.pageQueries.size() > process.failingPageQuery) return kKernInvalidArgument;
-        count = std::min(count, size / pageSize);
-        for (std::uint64_t i = 0; i < count; ++i) {
-            const auto told = process.dispositions.find((address / pageSize + i) * pageSize);
-            dispositions[i] = told == process.dispositions.end() ? 0 : told->second;
-        }
-        return kKernSuccess;
-    }
+                                        std::int32_t* dispositions, std::uint64_t& count) override;
 
-    KernReturn mach_vm_purgable_control(TaskName task, std::uint64_t address, int& state) override {
-        state = _ofTask(task).regions.at(address).purgeable;
-        return kKernSuccess;
-    }
+    KernReturn mach_vm_purgable_control(TaskName task, std::uint64_t address, int& state) override;
 
-    Name proc_regionfilename(TaskName task, std::uint64_t address) override {
-        return _ofTask(task).regions.at(address).path;
-    }
+    Name proc_regionfilename(TaskName task, std::uint64_t address) override;
 
-    KernReturn mach_memory_info(KernelMemoryAccount& account) override {
-        account = {zoneNames, zones, kernelRecords};
-        return memoryInfoCode;
-    }
+    KernReturn mach_memory_info(KernelMemoryAccount& account) override;
 
-    KernReturn vm_deallocate(const void* address, std::uint64_t size) override {
-        released.emplace_back(address, size);
-        return deallocateCode;
-    }
+    KernReturn vm_deallocate(const void* address, std::uint64_t size) override;
 
     std::vector<KernelModuleInfo> OSKextCopyLoadedKextInfo() override { return modules; }
 
-    std::optional<std::string> nameOfKernelSymbol(std::uint64_t address) override {
-        return valueAt(kernelSymbols, address);
-    }
+    std::optional<std::string> nameOfKernelSymbol(std::uint64_t address) override;
 
-    std::optional<SourceLocation> sourceOfKernelAddress(std::uint64_t address) override {
-        return valueAt(kernelSources, address);
-    }
+    std::optional<SourceLocation> sourceOfKernelAddress(std::uint64_t address) override;
 
-    std::unique_ptr<MemoryGraphReader> openMemoryGraph(std::string_view contents,
-                                                       PlatformError& error) override {
-        PlatformError reason;
-        auto graph = parseMemoryGraph(contents, reason);
-        if (graph) return std::make_unique<LoadedMemoryGraph>(*std::move(graph));
-        if (saysWhatIsWrongWithGraphs) error = reason;
-        return nullptr;
-    }
+    Result<std::unique_ptr<MemoryGraphReader>> openMemoryGraph(std::string_view contents) override;
 
-    int sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) override {
-        if (std::string(name) != "vm.self_region_zorbel") return ENOENT;
-        if (sysctlError != 0) return sysctlError;
-        if (oldValue != nullptr) *oldValue = breakDownMode;
-        if (newValue != nullptr) breakDownMode = *newValue;
-        return 0;
-    }
+    int sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) override;
 
-    std::string mach_error_string(KernReturn code) const override {
-        return code == kMachSendInvalidDest ? "invalid destination" : "failure";
-    }
+    std::string mach_error_string(KernReturn code) const override;
 
   private:
-    template <typename Value>
-    static std::optional<Value> valueAt(const std::map<std::uint64_t, Value>& values, std::uint64_t key) {
-        const auto found = values.find(key);
-        return found == values.end() ? std::nullopt : std::optional(found->second);
-    }
+    void _note(std::string phase);
 
     /// The first that ends above the address: by its last byte, since the end of the last of all may be 0.
     static KernReturn _lookUp(const std::map<std::uint64_t, ScriptedRegion>& regions, std::uint64_t& address,
-                              std::uint64_t& size, RegionInfoRecord& record) {
-        for (const auto& [start, region] : regions) {
-            if (start + (region.pages * kPage - 1) < address) continue;
-            address = start;
-            size = region.pages * kPage;
-            record = region.info;
-            return kKernSuccess;
-        }
-        return kKernInvalidAddress;
-    }
+                              std::uint64_t& size, RegionInfoRecord& record);
 
-    ScriptedProcess* _find(std::int32_t pid) {
-        for (ScriptedProcess& process : _processes)
-            if (process.pid == pid) return &process;
-        return nullptr;
-    }
+    ScriptedProcess* _find(std::int32_t pid);
     ScriptedProcess& _ofTask(TaskName task) { return *_find(static_cast<std::int32_t>(task)); }
 
     std::deque<ScriptedProcess> _processes;
-};
-
-/// A target whose regions and further data a test lays down itself, for what no walk yields.
-class FixedProcess : public ZBProcess {
-  public:
-    FixedProcess(Platform& platform, std::int32_t pid) : ZBProcess(platform) {
-        _pid = pid;
-        _name = "fixed" + std::to_string(pid);
-        _displayString = _name + " [" + std::to_string(pid) + "]";
-        _pageSize = kPage;
-        _is64bit = true;
-    }
-
-    using ZBProcess::_errors;
-    using ZBProcess::_is64bit;
-    using ZBProcess::_warnings;
-    std::shared_ptr<const ZBAuxDataDictionary> figures;
-
-    /// A region of one page that maps the start of an object. The next call may move it.
-    ZBMemoryRegion& add(const char* name, std::uint64_t objectId, std::uint64_t dirtyBytes) {
-        ZBMemoryRegion& region = _memoryRegions.emplace_back();
-        region.setName(Name(name));
-        region.setObject_id(objectId);
-        region.setDirtySize(dirtyBytes);
-        region.setSize(kPage);
-        region.setSegment(SegmentCode::kNotInImage);
-        return region;
-    }
-
-    std::shared_ptr<const ZBAuxDataDictionary> auxData() const override { return figures; }
-};
-
-/// A scripted machine with one process, which is inspected.
-class WalkTest : public Test {
-  protected:
-    /// Inspects the process and keeps what it says on standard error.
-    void gather() {
-        baker.lookups = 0;
-        baker.topLookups.clear();
-        baker.pageQueries.clear();
-        testing::internal::CaptureStderr();
-        process = std::move(machine.open().front());
-        process->gatherData();
-        said = testing::internal::GetCapturedStderr();
-    }
-
-    std::vector<std::uint64_t> starts() const {
-        std::vector<std::uint64_t> all;
-        for (const ZBMemoryRegion& region : process->memoryRegions()) all.push_back(region.start());
-        return all;
-    }
-
-    ScriptedPlatform machine;
-    ScriptedProcess& baker = machine.process(100, "baker");
-    std::unique_ptr<ZBProcess> process;
-    std::string said;
-};
-
-/// A scripted machine, and a coordinator of its processes or of fixed ones.
-class CoordinatorTest : public Test {
-  protected:
-    ~CoordinatorTest() override { ZBProcess::_clearGlobalErrors(); }
-
-    FixedProcess& fixed(std::int32_t pid) {
-        processes.push_back(std::make_unique<FixedProcess>(machine, pid));
-        return static_cast<FixedProcess&>(*processes.back());
-    }
-
-    /// Gathers the fixed processes, or those of the machine if there are none.
-    void gather() {
-        zorbel = std::make_unique<ZBZorbel>(processes.empty() ? machine.open() : std::move(processes));
-        processes.clear();
-        zorbel->gatherData();
-    }
-
-    ScriptedPlatform machine;
-    std::vector<std::unique_ptr<ZBProcess>> processes;
-    std::unique_ptr<ZBZorbel> zorbel;
+    std::mutex _mutex;  ///< Of the phases.
 };
 
 }  // namespace zorbel::test

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gmock/gmock.h>
+
 #include <string>
 #include <vector>
 
@@ -25,14 +27,14 @@ struct Outcome {
     std::string err;
 };
 
-/// A whole run on a machine, with both outputs going to files.
+/// A whole run on a machine. Messages of the option parser come before all others.
 inline Outcome runOn(ScriptedPlatform& machine, const std::vector<std::string>& words) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     const int status =
         withArguments(words, [&](int argc, char* const* argv) { return run(argc, argv, machine); });
     ZBProcess::_clearGlobalErrors();
-    const std::string err = testing::internal::GetCapturedStderr();
+    const std::string err = testing::internal::GetCapturedStderr() + machine.messages.take();
     return {status, testing::internal::GetCapturedStdout(), err};
 }
 

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "aggregate/CancelHandler.h"
-#include "aggregate/SizeTotals.h"
 #include "aggregate/ZBZorbelSharingData.h"
 #include "inspect/ZBProcess.h"
 #include "model/ZBMemoryCategory.h"
@@ -31,7 +30,9 @@ using Categories = std::unordered_map<Name, std::shared_ptr<ZBMemoryCategory>>;
 /// ZBZorbelCategories.cpp beside this header, ZBZorbelReport.cpp in report/.
 class ZBZorbel {
   public:
-    explicit ZBZorbel(std::vector<std::unique_ptr<ZBProcess>> processes);
+    /// The processes come in the order of selection, which their ordinals keep from now on. Without a number
+    /// of workers there are as many as processors.
+    explicit ZBZorbel(Platform& platform, Targets processes, unsigned workers = 0);
     ZBZorbel(const ZBZorbel&) = delete;
     ZBZorbel& operator=(const ZBZorbel&) = delete;
 
@@ -42,7 +43,8 @@ class ZBZorbel {
     /// Makes gathering skip the processes that it has not begun. From any thread.
     void cancel() { _earlyExit.store(true, std::memory_order_relaxed); }
 
-    /// Gathers every process and attributes its memory. An early exit becomes a global error.
+    /// The phases between opening the targets and the report: reads all targets, settles what depends on all
+    /// of them, walks each, and attributes its memory. An early exit becomes a global error.
     void gatherData();
 
     void addOutputFormatter(std::shared_ptr<ZBOutputFormatter> formatter);
@@ -53,7 +55,7 @@ class ZBZorbel {
     /// Sends the listing of each process to each formatter.
     void printLattixLikeOutputForProcesses(const std::vector<const ZBProcess*>& processes);
 
-    [[nodiscard]] const std::vector<std::unique_ptr<ZBProcess>>& processes() const { return _processes; }
+    [[nodiscard]] const Targets& processes() const { return _processes; }
 
     // Steps and views, in the order in which a run takes them.
 
@@ -63,11 +65,11 @@ class ZBZorbel {
     /// Dirty and swapped bytes of every object that the process maps, each once.
     [[nodiscard]] std::uint64_t _calculateZorbelForProcess(const ZBProcess& process) const;
     void _buildProcessToZorbelMap();
+    /// Bytes; 0 before the map is built.
+    [[nodiscard]] std::uint64_t _zorbelOf(const ZBProcess& process) const;
     [[nodiscard]] ZBZorbelSharingData _sharingData();
-    /// Largest zorbel first, of equal ones the highest pid.
+    /// Largest zorbel first, of equal ones the highest pid, and then in the order of selection.
     [[nodiscard]] std::vector<const ZBProcess*> _getProcessListSortedByZorbel() const;
-    /// Bytes; 0 for a pid that is not of this run.
-    [[nodiscard]] std::uint64_t _zorbelOfPid(std::int32_t pid) const;
 
     /// The objects under their names.
     [[nodiscard]] static Categories _categoriesForObjects(const std::vector<ZBMemoryObject*>& objects);
@@ -96,14 +98,20 @@ class ZBZorbel {
     };
 
     ZBMemoryObject& _newObject();
-    void _gatherProcesses();
+    void _attribute();
+    /// Calls with each process of a list, on all workers, in the order of the list.
+    void _inParallel(const std::vector<ZBProcess*>& queue, const std::function<void(ZBProcess&)>& work) const;
+    /// The processes that were read before an early exit.
+    std::vector<ZBProcess*> _readProcesses();
 
     struct GroupSummary;
     class GroupSummaries;
     void _printProcess(const ZBProcess& process, const GroupSummaries& summaries);
 
-    std::vector<std::unique_ptr<ZBProcess>> _processes;
-    std::unordered_map<std::int32_t, std::uint64_t> _pidToZorbel;
+    Platform& _platform;
+    unsigned _workers;
+    Targets _processes;
+    std::vector<std::uint64_t> _processToZorbel;  ///< By ordinal.
     /// Every object of the run; the tables only find those that regions of several processes may map.
     std::deque<ZBMemoryObject> _objects;
     ObjectTables _objectTables;

@@ -64,20 +64,17 @@ std::uint64_t ZBZorbel::_calculateZorbelForProcess(const ZBProcess& process) con
     std::sort(objects.begin(), objects.end(), std::less<>());
     objects.erase(std::unique(objects.begin(), objects.end()), objects.end());
     std::uint64_t zorbel = 0;
-    for (const ZBMemoryObject* object : objects)
-        zorbel += object->totalDirtySize() + object->totalSwappedSize();
+    for (const ZBMemoryObject* object : objects) zorbel += object->totalSizes().charged();
     return zorbel;
 }
 
 void ZBZorbel::_buildProcessToZorbelMap() {
-    _pidToZorbel.clear();
-    for (const auto& process : _processes)
-        _pidToZorbel[process->pid()] = _calculateZorbelForProcess(*process);
+    _processToZorbel.clear();
+    for (const auto& process : _processes) _processToZorbel.push_back(_calculateZorbelForProcess(*process));
 }
 
-std::uint64_t ZBZorbel::_zorbelOfPid(std::int32_t pid) const {
-    const auto found = _pidToZorbel.find(pid);
-    return found == _pidToZorbel.end() ? 0 : found->second;
+std::uint64_t ZBZorbel::_zorbelOf(const ZBProcess& process) const {
+    return process.ordinal() < _processToZorbel.size() ? _processToZorbel[process.ordinal()] : 0;
 }
 
 ZBZorbelSharingData ZBZorbel::_sharingData() {
@@ -99,10 +96,8 @@ ZBZorbelSharingData ZBZorbel::_sharingData() {
     auto first = mappers.begin();
     for (ZBMemoryObject& object : _objects) {
         const auto last = first + static_cast<std::ptrdiff_t>(object.memoryRegions().size());
-        std::stable_sort(first, last, [](const auto* a, const auto* b) { return a->pid() < b->pid(); });
         std::vector<const ZBProcess*> members;
-        std::unique_copy(first, last, std::back_inserter(members),
-                         [](const auto* a, const auto* b) { return *a == *b; });
+        std::unique_copy(first, last, std::back_inserter(members));  // Ascending, as they were put in place.
         data.addObject(ProcessGroup(std::move(members)), object);
         first = last;
     }

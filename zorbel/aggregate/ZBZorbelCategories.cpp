@@ -11,9 +11,7 @@ namespace {
 /// A category of at most this many dirty and swapped bytes may fold: 1 MiB.
 constexpr std::uint64_t kOtherThreshold = 0x100000;
 
-std::uint64_t chargedSize(const ZBMemoryCategory& category) {
-    return category.totalDirtySize() + category.totalSwappedSize();
-}
+std::uint64_t chargedSize(const ZBMemoryCategory& category) { return category.totals().sizes.charged(); }
 
 bool isImageSegment(const ZBMemoryCategory& category) {
     return category.segment() == SegmentCode::kText || category.segment() == SegmentCode::kData ||
@@ -66,12 +64,7 @@ Categories ZBZorbel::_summarizedCategoriesForCategories(const Categories& catego
             folded.insert(folded.end(), category->memoryObjects().begin(), category->memoryObjects().end());
         else
             kept[name] = category;
-        outTotal.totalDirtySize += category->totalDirtySize();
-        outTotal.totalSwappedSize += category->totalSwappedSize();
-        outTotal.totalCleanSize += category->totalCleanSize();
-        outTotal.totalReclaimableSize += category->totalReclaimableSize();
-        outTotal.totalWiredSize += category->totalWiredSize();
-        outTotal.totalRegions += static_cast<std::uint32_t>(category->totalRegions());
+        outTotal += category->totals();
     }
     if (folded.empty()) return kept;
     std::sort(folded.begin(), folded.end(),
@@ -104,8 +97,8 @@ std::vector<const ZBProcess*> ZBZorbel::_getProcessListSortedByZorbel() const {
     sorted.reserve(_processes.size());
     for (const auto& process : _processes) sorted.push_back(process.get());
     std::stable_sort(sorted.begin(), sorted.end(), [this](const ZBProcess* a, const ZBProcess* b) {
-        const std::uint64_t zorbelOfA = _zorbelOfPid(a->pid());
-        const std::uint64_t zorbelOfB = _zorbelOfPid(b->pid());
+        const std::uint64_t zorbelOfA = _zorbelOf(*a);
+        const std::uint64_t zorbelOfB = _zorbelOf(*b);
         return zorbelOfA != zorbelOfB ? zorbelOfA > zorbelOfB : a->pid() > b->pid();
     });
     return sorted;

@@ -1,4 +1,4 @@
-// How ZBZorbel gathers its processes.
+// The phases of a run between opening the targets and the report.
 
 #include <unistd.h>
 
@@ -10,7 +10,12 @@
 
 namespace zorbel {
 
-ZBZorbel::ZBZorbel(std::vector<std::unique_ptr<ZBProcess>> processes) : _processes(std::move(processes)) {}
+ZBZorbel::ZBZorbel(Platform& platform, Targets processes, unsigned workers)
+    : _platform(platform),
+      _workers(workers != 0 ? workers : std::max(1U, std::thread::hardware_concurrency())),
+      _processes(std::move(processes)) {
+    for (std::size_t i = 0; i < _processes.size(); ++i) _processes[i]->setOrdinal(i);
+}
 
 std::unique_ptr<CancelHandler> ZBZorbel::installCancelHandler(std::function<void()> handler) {
     if (isatty(STDOUT_FILENO) != 0) return nullptr;
@@ -27,30 +32,49 @@ std::vector<ZBProcess*> ZBZorbel::_getProcessListSortedByPidDesc() const {
 }
 
 void ZBZorbel::gatherData() {
-    _gatherProcesses();
+    const std::vector<ZBProcess*> read = _readProcesses();
+    _platform.settleTasks();
+    _inParallel(read, [](ZBProcess& process) { process.gatherData(); });
+    for (ZBProcess* process : read) process->reportMessages();
     if (_earlyExit)
         ZBProcess::_addGlobalError("Zorbel exited early due to SIGINT and did not finish gathering all data");
+    _attribute();
+}
+
+// An early exit skips the processes that nobody has begun to read. The others are walked all the same: that
+// takes little time, and what was read would be lost.
+std::vector<ZBProcess*> ZBZorbel::_readProcesses() {
+    std::vector<ZBProcess*> read = _getProcessListSortedByPidDesc();
+    std::vector<char> isRead(read.size());  // By ordinal, each written by one worker.
+    _inParallel(read, [&](ZBProcess& process) {
+        if (_earlyExit.load(std::memory_order_relaxed)) return;
+        process.readData();
+        isRead[process.ordinal()] = 1;
+    });
+    std::erase_if(read, [&](const ZBProcess* process) { return isRead[process->ordinal()] == 0; });
+    return read;
+}
+
+void ZBZorbel::_inParallel(const std::vector<ZBProcess*>& queue,
+                           const std::function<void(ZBProcess&)>& work) const {
+    std::atomic<std::size_t> next = 0;
+    const auto workOff = [&] {
+        for (std::size_t index = next++; index < queue.size(); index = next++) work(*queue[index]);
+    };
+    const std::size_t workers = std::min<std::size_t>(queue.size(), _workers);
+    std::vector<std::jthread> threads;
+    try {
+        while (threads.size() + 1 < workers) threads.emplace_back(workOff);
+    } catch (const std::system_error&) {
+        // Where no further thread can be started, those that there are do the work, this one included.
+    }
+    workOff();
+}
+
+void ZBZorbel::_attribute() {
     for (const auto& process : _processes) _addProcess(*process);
     _calculateSizes();
     _buildProcessToZorbelMap();
-}
-
-/// Works off the processes with as many threads as there are processors, this one included.
-void ZBZorbel::_gatherProcesses() {
-    const std::vector<ZBProcess*> queue = _getProcessListSortedByPidDesc();
-    std::atomic<std::size_t> next = 0;
-    const auto work = [&] {
-        for (std::size_t index = next++; index < queue.size(); index = next++)
-            if (!_earlyExit.load(std::memory_order_relaxed)) queue[index]->gatherData();
-    };
-    const std::size_t workers = std::min<std::size_t>(queue.size(), std::thread::hardware_concurrency());
-    std::vector<std::jthread> threads;
-    try {
-        while (threads.size() + 1 < workers) threads.emplace_back(work);
-    } catch (const std::system_error&) {
-        // On a machine that has no thread left to give, those that there are do the work.
-    }
-    work();
 }
 
 void ZBZorbel::addOutputFormatter(std::shared_ptr<ZBOutputFormatter> formatter) {

@@ -5,20 +5,15 @@
 
 namespace zorbel {
 
-bool operator==(const ProcessGroup& a, const ProcessGroup& b) {
-    return std::equal(a._members.begin(), a._members.end(), b._members.begin(), b._members.end(),
-                      [](const ZBProcess* x, const ZBProcess* y) { return x->pid() == y->pid(); });
-}
-
 bool operator<(const ProcessGroup& a, const ProcessGroup& b) {
     return std::lexicographical_compare(
         a._members.begin(), a._members.end(), b._members.begin(), b._members.end(),
-        [](const ZBProcess* x, const ZBProcess* y) { return x->pid() < y->pid(); });
+        [](const ZBProcess* x, const ZBProcess* y) { return x->ordinal() < y->ordinal(); });
 }
 
 std::size_t ProcessGroup::Hash::operator()(const ProcessGroup& group) const {
     std::size_t seed = 0;
-    for (const ZBProcess* member : group._members) boost::hash_combine(seed, member->pid());
+    for (const ZBProcess* member : group._members) boost::hash_combine(seed, member->ordinal());
     return seed;
 }
 
@@ -30,7 +25,7 @@ void ZBZorbelSharingData::addObject(const ProcessGroup& group, ZBMemoryObject& o
     entry->second.push_back(&object);
     if (!isNew) return;
     for (const ZBProcess* member : group.members())
-        _processToProcessGroups[member->pid()].push_back(&entry->first);
+        _processToProcessGroups[member->ordinal()].push_back(&entry->first);
 }
 
 }  // namespace zorbel

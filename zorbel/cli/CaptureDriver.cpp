@@ -8,20 +8,19 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <random>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "aggregate/ZBZorbel.h"
-#include "cli/GraphFile.h"
+#include "base/Utf8.h"
+#include "cli/TargetSelection.h"
 #include "inspect/BreakDownMode.h"
 #include "inspect/ZBCapturedProcess.h"
-#include "model/Utf8.h"
+#include "memgraph/GraphFile.h"
 
 namespace zorbel {
 
@@ -45,7 +44,8 @@ constexpr const char* kUsage =
     "paths\n"
     "and addresses, but nothing of what is in the memory.\n";
 
-constexpr const char* kHint = "Try 'zorbel-capture --help'.\n";
+constexpr const char* kPrefix = "zorbel-capture: ";
+constexpr const char* kHint = "Try 'zorbel-capture --help'.";
 
 enum LongOnlyOption : int { kForceOption = 256, kPhysZorbelOption };
 
@@ -65,19 +65,16 @@ struct CaptureSettings {
     bool targetChildren = false;
     bool force = false;
     bool breaksDown = false;
-    std::set<std::string> descriptions;
+    std::vector<TargetArgument> targets;
 };
 
-void say(const std::string& text) { std::fprintf(stderr, "zorbel-capture: %s\n", text.c_str()); }
-
-int refuse(const std::string& text) {
-    say(text);
-    std::fputs(kHint, stderr);
+int refuse(Diagnostics& diagnostics, const std::string& text) {
+    diagnostics.report(kPrefix + text + "\n" + kHint);
     return kFailure;
 }
 
 /// Returns the exit status where the command line ends the run.
-std::optional<int> parse(int argc, char* const argv[], CaptureSettings& settings) {
+std::optional<int> parse(int argc, char* const argv[], Diagnostics& diagnostics, CaptureSettings& settings) {
     optind = 0;  // Starts the parser anew.
     int code = 0;
     while ((code = getopt_long(argc, argv, "ahto:", kLongOptions, nullptr)) != -1) {
@@ -101,36 +98,42 @@ std::optional<int> parse(int argc, char* const argv[], CaptureSettings& settings
                 std::fputs(kUsage, stdout);
                 return kSuccess;
             default:
-                std::fputs(kHint, stderr);  // getopt_long has said what is wrong.
+                diagnostics.report(kHint);  // Behind what getopt_long has reported.
                 return kFailure;
         }
     }
-    settings.descriptions.insert(argv + optind, argv + argc);
-    if (settings.output.empty()) return refuse("-o must say where the graphs go");
-    if (settings.descriptions.empty() && !settings.targetAll) return refuse("no process is named");
-    if (!settings.descriptions.empty() && settings.targetAll)
-        return refuse("-a takes all processes, and none can be named beside it");
+    for (int index = optind; index < argc; ++index)
+        settings.targets.push_back({TargetArgument::Kind::kDescription, argv[index]});
+    if (settings.output.empty()) return refuse(diagnostics, "-o must say where the graphs go");
+    if (settings.targets.empty() && !settings.targetAll) return refuse(diagnostics, "no process is named");
+    if (!settings.targets.empty() && settings.targetAll)
+        return refuse(diagnostics, "-a takes all processes, and none can be named beside it");
     return std::nullopt;
 }
 
-/// The processes that are asked for, by pid; whether some of them could not be found is told apart.
-std::vector<std::int32_t> selectPids(Platform& platform, const CaptureSettings& settings, bool& isComplete) {
+/// The processes that are asked for, in ascending order, and whether all of them were found.
+struct SelectedPids {
     std::vector<std::int32_t> pids;
+    bool isComplete = true;
+};
+
+SelectedPids selectPids(Platform& platform, Diagnostics& diagnostics, const CaptureSettings& settings) {
+    SelectedPids selected;
     if (settings.targetAll) {
-        for (const BsdInfoRecord& record : ZBProcess::copyAllBsdInfos(platform))
-            if ((record.pbi_flags & BsdInfoRecord::kFlagSystem) == 0)
-                pids.push_back(static_cast<std::int32_t>(record.pbi_pid));
-    } else {
-        std::vector<std::string> errors;
-        const auto found = ZBProcess::pidsForStringDescriptions(platform, settings.descriptions, &errors);
-        if (found)
-            for (const auto& [pid, description] : *found) pids.push_back(pid);
-        for (const std::string& error : errors) say(error);
-        isComplete = errors.empty();
-        if (settings.targetChildren) pids = ZBProcess::childPidsForPids(platform, pids).value_or(pids);
+        for (const BsdInfoRecord& record : ZBProcess::copyAllBsdInfos(platform)) {
+            const auto pid = static_cast<std::int32_t>(record.pbi_pid);
+            const bool isKernel = (record.pbi_flags & BsdInfoRecord::kFlagSystem) != 0;
+            if (!isKernel && pid != getpid()) selected.pids.push_back(pid);
+        }
+        return selected;
     }
-    if (settings.targetAll || settings.targetChildren) std::erase(pids, getpid());
-    return pids;
+    std::vector<std::string> errors;
+    for (const auto& [pid, how] :
+         selectProcesses(platform, settings.targets, {}, settings.targetChildren, errors))
+        selected.pids.push_back(pid);
+    for (const std::string& error : errors) diagnostics.report(error);
+    selected.isComplete = errors.empty();
+    return selected;
 }
 
 bool isDirectory(const std::string& path) {
@@ -171,22 +174,23 @@ std::string machineDescription() {
 /// said.
 class Capture {
   public:
-    Capture(Platform& platform, const std::vector<std::int32_t>& pids) {
-        std::vector<std::unique_ptr<ZBProcess>> processes;
+    Capture(Platform& platform, Diagnostics& diagnostics, const std::vector<std::int32_t>& pids) {
+        Targets processes;
         for (const std::int32_t pid : pids) {
-            if (auto process = ZBCapturedProcess::processWithPid(platform, pid)) {
+            if (auto process = ZBCapturedProcess::capturedProcessWithPid(platform, pid)) {
                 _captured.push_back(process.get());
                 processes.push_back(std::move(process));
             } else {
-                say(pid == 0 ? "the kernel can't be saved"
-                             : "unable to open process " + std::to_string(pid) + " (try as root?)");
+                diagnostics.report(pid == 0
+                                       ? "the kernel can't be saved"
+                                       : "unable to open process " + std::to_string(pid) + " (try as root?)");
             }
         }
-        _zorbel = std::make_unique<ZBZorbel>(std::move(processes));
+        _zorbel = std::make_unique<ZBZorbel>(platform, std::move(processes));
         _zorbel->gatherData();
-        std::erase_if(_captured, [](const ZBCapturedProcess* process) {
+        std::erase_if(_captured, [&](const ZBCapturedProcess* process) {
             for (const auto* problems : {&process->errors(), &process->warnings()})
-                for (const std::string& problem : *problems) say(problem + "; not saved");
+                for (const std::string& problem : *problems) diagnostics.report(problem + "; not saved");
             return !process->errors().empty() || !process->warnings().empty();
         });
         ZBCapturedProcess::separateObjects(_captured);
@@ -199,36 +203,37 @@ class Capture {
     std::vector<ZBCapturedProcess*> _captured;
 };
 
-/// Saves one graph where it belongs. False when that failed, which has been said by then.
-bool save(const MemoryGraph& graph, const std::string& path, const CaptureSettings& settings) {
+/// Saves one graph where it belongs. False, with a message, when that failed.
+bool save(const MemoryGraph& graph, const std::string& path, bool force, Diagnostics& diagnostics) {
     if (path == "-") {
         writeMemoryGraph(stdout, graph);
-        return true;  // What goes wrong there is seen at the end.
+        return true;  // What goes wrong there shows at the end.
     }
-    const int error = saveGraph(graph, path, settings.force);
-    if (error == 0) return true;
+    const auto saved = saveGraph(graph, path, force);
+    if (saved) return true;
     const char* hint = "";
     struct stat there {};
-    if (error == EEXIST && lstat(path.c_str(), &there) == 0)
+    if (saved.error().code == EEXIST && lstat(path.c_str(), &there) == 0)
         hint = S_ISREG(there.st_mode) ? " (--force replaces it)" : ", and is no regular file";
-    say(path + ": " + std::strerror(error) + hint);
+    diagnostics.report(saved.error().on(path).description + hint);
     return false;
 }
 
 }  // namespace
 
 int capture(int argc, char* const argv[], Platform& platform) {
+    PrefixedDiagnostics diagnostics(platform.diagnostics(), kPrefix);
     CaptureSettings settings;
-    if (const auto status = parse(argc, argv, settings)) return *status;
-    bool isComplete = true;
-    const std::vector<std::int32_t> pids = selectPids(platform, settings, isComplete);
+    if (const auto status = parse(argc, argv, platform.diagnostics(), settings)) return *status;
+    const SelectedPids selected = selectPids(platform, diagnostics, settings);
+    const std::size_t count = selected.pids.size();
     const bool hasDirectory = isDirectory(settings.output);
-    if (pids.size() > 1 && !hasDirectory)
-        return refuse(std::to_string(pids.size()) + " processes need a directory, and " + settings.output +
-                      " is none");
+    if (count > 1 && !hasDirectory)
+        return refuse(platform.diagnostics(), std::to_string(count) + " processes need a directory, and " +
+                                                  settings.output + " is none");
     if (settings.breaksDown) setBreakDownPhysZorbel(platform, true);
 
-    const Capture captured(platform, pids);
+    const Capture captured(platform, diagnostics, selected.pids);
     const std::string captureName = newCaptureName();
     const std::string description = machineDescription();
     std::size_t saved = 0;
@@ -238,16 +243,15 @@ int capture(int argc, char* const argv[], Platform& platform) {
         graph.processDescription = description;
         const std::string path =
             hasDirectory ? settings.output + "/" + fileNameOf(*process) : settings.output;
-        if (!save(graph, path, settings)) {
-            isComplete = false;
-            continue;
-        }
+        if (!save(graph, path, settings.force, diagnostics)) continue;
         ++saved;
         if (hasDirectory) std::printf("%s\n", path.c_str());
     }
-    if (saved < pids.size() && !settings.targetAll) isComplete = false;
+    // Of all processes of a machine, those that can't be opened don't matter; those that can't be saved do.
+    const std::size_t expected = settings.targetAll ? captured.processes().size() : count;
+    bool isComplete = selected.isComplete && saved == expected;
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-        say(std::string("standard output: ") + std::strerror(errno));
+        diagnostics.report(Error::last().on("standard output").description);
         isComplete = false;
     }
     return isComplete && saved > 0 ? kSuccess : kFailure;

@@ -2,6 +2,7 @@
 
 #include <getopt.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
@@ -21,7 +22,8 @@ enum LongOnlyOption : int {
     kPidOption,
 };
 
-constexpr const char* kShortOptions = "aj:htp:x:svf:yw";
+/// The "-" keeps positional arguments in their place among the options.
+constexpr const char* kShortOptions = "-aj:htp:x:svf:yw";
 
 constexpr option kLongOptions[] = {
     {"all", no_argument, nullptr, 'a'},
@@ -62,21 +64,31 @@ constexpr const char* kUsage =
     "\t--swapped\t\t\t\tshow swapped/compressed column\n"
     "\t--wired\t\t\t\t\tshow wired column\n";
 
-bool addPid(const char* text, PidDescriptions& pidToName) {
+/// Whether a text is a number as other languages than ours write it, such as 0x10: its first digits alone
+/// would name another process.
+bool isHexadecimal(std::string_view text) {
+    return text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X') &&
+           std::isxdigit(static_cast<unsigned char>(text[2])) != 0;
+}
+
+bool addPid(const char* text, Diagnostics& diagnostics, std::vector<TargetArgument>& targets) {
     char* end = nullptr;
-    const long pid = std::strtol(text, &end, 10);
-    if (end == text) {
-        std::fprintf(stderr,
-                     "'%s' is not a valid integer for --pid.\n\n"
-                     "Use -p / --proc if you meant to specify a process name.\n",
-                     text);
+    const long number = std::strtol(text, &end, 10);
+    if (end == text || isHexadecimal(text)) {
+        diagnostics.report("'" + std::string(text) +
+                           "' is not a valid integer for --pid.\n\n"
+                           "Use -p / --proc if you meant to specify a process name.");
         return false;
     }
-    pidToName[static_cast<std::int32_t>(pid)] = std::nullopt;
+    const auto pid = static_cast<std::int32_t>(number);
+    if (pid != number)
+        diagnostics.report("--pid " + std::string(text) + " does not fit into 32 bits and is taken for " +
+                           std::to_string(pid));
+    targets.push_back({TargetArgument::Kind::kPid, {}, pid});
     return true;
 }
 
-bool setFormat(std::string_view word, SummaryFormat& format) {
+bool setFormat(std::string_view word, Diagnostics& diagnostics, SummaryFormat& format) {
     if (word == "bytes")
         format = SummaryFormat::kBytes;
     else if (word == "formatted")
@@ -84,20 +96,25 @@ bool setFormat(std::string_view word, SummaryFormat& format) {
     else if (word == "pages")
         format = SummaryFormat::kPages;
     else {
-        std::fputs(
+        diagnostics.report(
             "Unrecognized argument to -f / --format.\n\n"
-            "Accepted arguments: 'bytes', 'formatted', 'pages'.\n",
-            stderr);
+            "Accepted arguments: 'bytes', 'formatted', 'pages'.");
         return false;
     }
     return true;
+}
+
+/// A pid; -1, which no process has, for what does not fit.
+std::int32_t corpsePidFrom(const char* text) {
+    const long number = std::strtol(text, nullptr, 10);
+    return number == static_cast<std::int32_t>(number) ? static_cast<std::int32_t>(number) : -1;
 }
 
 /// Applies one of the options that describe a corpse; false for any other option.
 bool applyCorpseOption(int code, const char* argument, RunSettings& settings) {
     switch (code) {
         case kCorpsePidOption:
-            settings.corpsePid = static_cast<std::int32_t>(std::strtol(argument, nullptr, 10));
+            settings.corpsePid = corpsePidFrom(argument);
             break;
         case kCorpseNameOption:
             settings.corpseName = argument;
@@ -116,7 +133,7 @@ bool applyCorpseOption(int code, const char* argument, RunSettings& settings) {
 }
 
 /// Applies one option; returns the exit status where it ends the run.
-std::optional<int> applyOption(int code, CommandLine& commandLine) {
+std::optional<int> applyOption(int code, Diagnostics& diagnostics, CommandLine& commandLine) {
     RunSettings& settings = commandLine.settings;
     switch (code) {
         case 'a':
@@ -132,10 +149,10 @@ std::optional<int> applyOption(int code, CommandLine& commandLine) {
             settings.targetChildren = true;
             break;
         case 'p':
-            commandLine.processDescriptions.insert(optarg);
+            commandLine.targets.push_back({TargetArgument::Kind::kDescription, optarg});
             break;
         case 'x':
-            commandLine.excludeDescriptions.insert(optarg);
+            commandLine.excludeDescriptions.emplace_back(optarg);
             break;
         case 's':
             settings.skipIdleExitClean = true;
@@ -159,10 +176,10 @@ std::optional<int> applyOption(int code, CommandLine& commandLine) {
             settings.breakDownMode = settings.breakDownModeFixed = true;
             break;
         case kPidOption:
-            if (!addPid(optarg, commandLine.pidToName)) return 1;
+            if (!addPid(optarg, diagnostics, commandLine.targets)) return 1;
             break;
         case 'f':
-            if (!setFormat(optarg, settings.summaryFormat)) return 1;
+            if (!setFormat(optarg, diagnostics, settings.summaryFormat)) return 1;
             break;
         default:
             if (applyCorpseOption(code, optarg, settings)) break;
@@ -176,12 +193,20 @@ std::optional<int> applyOption(int code, CommandLine& commandLine) {
 
 void printUsage() { std::fputs(kUsage, stdout); }
 
-std::optional<int> parseCommandLine(int argc, char* const argv[], CommandLine& commandLine) {
+std::optional<int> parseCommandLine(int argc, char* const argv[], Diagnostics& diagnostics,
+                                    CommandLine& commandLine) {
+    constexpr int kPositional = 1;  // What getopt_long returns for one, as the options begin with "-".
+    const auto addPositional = [&](const char* text) {
+        commandLine.targets.push_back({TargetArgument::Kind::kFileOrDescription, text});
+    };
     optind = 0;  // Starts the parser anew.
     int code = 0;
     while ((code = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1)
-        if (const auto status = applyOption(code, commandLine)) return status;
-    commandLine.positionalArguments.assign(argv + optind, argv + argc);
+        if (code == kPositional)
+            addPositional(optarg);
+        else if (const auto status = applyOption(code, diagnostics, commandLine))
+            return status;
+    for (int index = optind; index < argc; ++index) addPositional(argv[index]);  // Behind "--".
     return std::nullopt;
 }
 

@@ -2,11 +2,11 @@
 
 #include <cstdint>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
-#include "inspect/ZBProcess.h"
+#include "base/Diagnostics.h"
+#include "cli/TargetSelection.h"
 #include "report/OutputFormat.h"
 
 namespace zorbel {
@@ -33,16 +33,14 @@ struct RunSettings {
 /// The command line, taken apart.
 struct CommandLine {
     RunSettings settings;
-    std::set<std::string> processDescriptions;  ///< To be resolved by name or number.
-    std::set<std::string> excludeDescriptions;
-    PidDescriptions pidToName;  ///< Pids that were given as such.
-    TargetMap targets;          ///< Memory graphs, once their files have been opened.
-    std::vector<std::string> positionalArguments;
+    std::vector<TargetArgument> targets;           ///< In the order of the command line.
+    std::vector<std::string> excludeDescriptions;  ///< Names and numbers of processes.
 };
 
 /// Parses in the order of the arguments. Returns the exit status where parsing ends the run: 0 when help was
 /// asked for, 1 for an error, which has been reported by then. Uses getopt_long, so one call at a time.
-std::optional<int> parseCommandLine(int argc, char* const argv[], CommandLine& commandLine);
+std::optional<int> parseCommandLine(int argc, char* const argv[], Diagnostics& diagnostics,
+                                    CommandLine& commandLine);
 
 /// Prints the usage text on standard output.
 void printUsage();

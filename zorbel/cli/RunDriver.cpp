@@ -3,9 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
-#include <functional>
-#include <limits>
+#include <set>
 #include <utility>
 
 #include "aggregate/ZBZorbel.h"
@@ -20,6 +20,7 @@ namespace zorbel {
 
 namespace {
 
+constexpr int kSuccess = 0;
 constexpr int kFailure = 1;
 
 constexpr const char* kCorpseUsage =
@@ -30,139 +31,104 @@ constexpr const char* kCorpseUsage =
     "\t--corpseDirtyFlags dirtyFlags \t\t\tdirty flags of the corpse passed to zorbel in hex\n"
     "\t--corpseProcFlags procFlags \t\t\tproc flags of the corpse passed to zorbel in hex\n";
 
-/// Key of a memory graph among the targets, by its path as it was typed. Live processes have the numbers from
-/// 0 on.
-std::int64_t keyOfPath(const std::string& path) {
-    return std::numeric_limits<std::int64_t>::min() |
-           static_cast<std::int64_t>(std::hash<std::string>()(path));
-}
+/// A target that is open, and what tells its place among the others of the same pid.
+struct OpenTarget {
+    std::unique_ptr<ZBProcess> process;
+    std::size_t position = 0;  ///< Of its argument on the command line.
+};
 
-/// Adds what a text that names a file stands for: a memory graph, or failing that a process.
-bool takeFile(Platform& platform, const std::string& path, CommandLine& commandLine) {
-    PlatformError error;
-    if (auto graph = ZBMemgraphProcess::processWithMemgraph(platform, path, error)) {
-        RunSettings& settings = commandLine.settings;
-        const bool mode = graph->breakDownPhysZorbel();
+/// Opens the memory graphs among the arguments; the other texts become descriptions of processes. False, with
+/// a message, where a file ends the run.
+///
+/// The first graph decides on the breakdown mode unless that is fixed already, and all others must agree. A
+/// path that is given twice is one target.
+bool openGraphs(Platform& platform, CommandLine& commandLine, std::vector<OpenTarget>& targets) {
+    std::set<std::string> opened;
+    RunSettings& settings = commandLine.settings;
+    for (std::size_t i = 0; i < commandLine.targets.size(); ++i) {
+        TargetArgument& argument = commandLine.targets[i];
+        struct stat status {};
+        if (argument.kind != TargetArgument::Kind::kFileOrDescription) continue;
+        if (stat(argument.text.c_str(), &status) != 0) {
+            argument.kind = TargetArgument::Kind::kDescription;
+            continue;
+        }
+        auto graph = ZBMemgraphProcess::processWithMemgraph(platform, argument.text);
+        if (!graph) {
+            // The file may have the name of a process.
+            const auto found = ZBProcess::pidsForStringDescriptions(platform, {argument.text}, nullptr);
+            if (!found || found->empty()) {
+                platform.diagnostics().report("Error opening memgraph " + argument.text + ": " +
+                                              graph.error().description);
+                return false;
+            }
+            argument.kind = TargetArgument::Kind::kDescription;
+            continue;
+        }
+        const bool mode = (*graph)->breakDownPhysZorbel();
         if (settings.breakDownModeFixed && settings.breakDownMode != mode) {
-            std::fprintf(stderr,
-                         "Memgraph was gathered with an analysis mode that conflicts with other memgraphs or "
-                         "command line arguments: %s\n",
-                         path.c_str());
+            platform.diagnostics().report(
+                "Memgraph was gathered with an analysis mode that conflicts with other memgraphs or "
+                "command line arguments: " +
+                argument.text);
             return false;
         }
         settings.breakDownMode = mode;
         settings.breakDownModeFixed = true;
-        commandLine.targets[keyOfPath(path)] = std::move(graph);
-        return true;
-    }
-    const auto described = ZBProcess::pidsForStringDescriptions(platform, {path}, nullptr);
-    if (!described || described->empty()) {
-        std::fprintf(stderr, "Error opening memgraph %s: %s\n", path.c_str(), error.description.c_str());
-        return false;
-    }
-    for (const auto& [pid, description] : *described) commandLine.pidToName[pid] = description;
-    return true;
-}
-
-/// Sorts the positional arguments: texts that name no file are descriptions of processes.
-bool takePositionalArguments(Platform& platform, CommandLine& commandLine) {
-    for (const std::string& argument : commandLine.positionalArguments) {
-        struct stat status {};
-        if (stat(argument.c_str(), &status) != 0)
-            commandLine.processDescriptions.insert(argument);
-        else if (!takeFile(platform, argument, commandLine))
-            return false;
+        if (opened.insert(argument.text).second) targets.push_back({*std::move(graph), i});
     }
     return true;
 }
 
-bool checkTargets(const CommandLine& commandLine) {
+bool checkTargets(Diagnostics& diagnostics, const CommandLine& commandLine) {
     const RunSettings& settings = commandLine.settings;
-    if (commandLine.pidToName.empty() && commandLine.targets.empty() &&
-        commandLine.processDescriptions.empty() && !settings.targetAll && !settings.corpseMode) {
-        std::fputs("Must specify at least one process or memgraph\n", stderr);
+    if (commandLine.targets.empty() && !settings.targetAll && !settings.corpseMode) {
+        diagnostics.report("Must specify at least one process or memgraph");
         printUsage();
         return false;
     }
     if (settings.targetAll && geteuid() != 0) {
-        std::fputs("Must run as root.\n", stderr);
+        diagnostics.report("Must run as root.");
         printUsage();
         return false;
     }
     return true;
 }
 
-/// Takes over the corpse that the options describe: its task, or kTaskNull, and why on standard error, where
-/// there is none.
+/// The task of the corpse that the options describe; kTaskNull, with a message, where there is none.
 TaskName takeCorpse(Platform& platform, const RunSettings& settings) {
     std::vector<TaskName> ports;
     const char* problem = nullptr;
     if (!settings.corpseName || settings.corpsePid <= 0)
-        problem = "Invalid arguments for corpse mode\n";
+        problem = "Invalid arguments for corpse mode";
     else if (platform.mach_ports_lookup(ports) != kKernSuccess || ports.empty() ||
              ports.front() == kTaskNull || ports.front() == kTaskDead)
-        problem = "Failed to retrieve corpse port\n";
+        problem = "Failed to retrieve corpse port";
     if (problem == nullptr) return ports.front();
-    std::fputs(problem, stderr);
+    platform.diagnostics().report(problem);
     std::fputs(kCorpseUsage, stdout);
     return kTaskNull;
 }
 
-std::set<std::int32_t> excludedPids(Platform& platform, const CommandLine& commandLine) {
-    std::set<std::int32_t> excluded = {getpid()};
-    if (commandLine.settings.corpseMode) excluded.insert(commandLine.settings.corpsePid);
-    if (commandLine.excludeDescriptions.empty()) return excluded;
-    if (const auto pids =
-            ZBProcess::pidsForStringDescriptions(platform, commandLine.excludeDescriptions, nullptr))
-        for (const auto& [pid, description] : *pids) excluded.insert(pid);
-    return excluded;
+void reportUnopenable(Diagnostics& diagnostics, std::int32_t pid, const std::optional<std::string>& name) {
+    const std::string number = std::to_string(pid);
+    diagnostics.report(name ? "Unable to analyze process " + *name + " [" + number + "] (try as root?)"
+                            : "Unable to analyze process with pid " + number + " (try as root?)");
 }
 
-/// The pids that names, numbers and, where asked for, descent select.
-PidDescriptions selectPids(Platform& platform, const CommandLine& commandLine,
-                           const std::set<std::int32_t>& excluded) {
-    PidDescriptions selected = commandLine.pidToName;
-    if (!commandLine.processDescriptions.empty()) {
-        std::vector<std::string> errors;
-        const auto described =
-            ZBProcess::pidsForStringDescriptions(platform, commandLine.processDescriptions, &errors);
-        if (described)
-            for (const auto& [pid, description] : *described) selected[pid] = description;
-        for (const std::string& error : errors) std::fprintf(stderr, "%s\n", error.c_str());
-    }
-    for (const std::int32_t pid : excluded) selected.erase(pid);
-    if (commandLine.settings.targetChildren) {
-        std::vector<std::int32_t> pids;
-        for (const auto& [pid, description] : selected) pids.push_back(pid);
-        if (const auto family = ZBProcess::childPidsForPids(platform, pids))
-            for (const std::int32_t pid : *family) selected[pid] = std::nullopt;
-        selected.erase(getpid());  // A child of the shell that was asked for, but never a target.
-    }
-    return selected;
-}
-
-void reportUnopenable(std::int32_t pid, const std::optional<std::string>& description) {
-    if (description)
-        std::fprintf(stderr, "Unable to analyze process %s [%ld] (try as root?)\n", description->c_str(),
-                     static_cast<long>(pid));
-    else
-        std::fprintf(stderr, "Unable to analyze process with pid %ld (try as root?)\n",
-                     static_cast<long>(pid));
-}
-
-/// Adds live processes to the memory graphs, or puts all that there are in their place.
-TargetMap openTargets(Platform& platform, CommandLine& commandLine) {
-    const std::set<std::int32_t> excluded = excludedPids(platform, commandLine);
-    if (commandLine.settings.targetAll)
-        return ZBProcess::allProcessesExcludingPids(platform, excluded).value_or(TargetMap());
-    TargetMap targets = std::move(commandLine.targets);
-    for (const auto& [pid, description] : selectPids(platform, commandLine, excluded)) {
+/// Opens the live processes that the arguments select, beside the targets that are open.
+void openProcesses(Platform& platform, const CommandLine& commandLine, const std::set<std::int32_t>& excluded,
+                   std::vector<OpenTarget>& targets) {
+    std::vector<std::string> errors;
+    const SelectedProcesses selected =
+        selectProcesses(platform, commandLine.targets, excluded, commandLine.settings.targetChildren, errors);
+    for (const std::string& error : errors) platform.diagnostics().report(error);
+    for (const auto& [pid, how] : selected) {
         if (auto process = ZBProcess::processWithPid(platform, pid))
-            targets[pid] = std::move(process);
+            targets.push_back({std::move(process), how.position});
         else
-            reportUnopenable(pid, description);
+            reportUnopenable(platform.diagnostics(), pid, how.name);
     }
-    return targets;
 }
 
 std::unique_ptr<ZBProcess> openCorpse(Platform& platform, TaskName corpse, const RunSettings& settings) {
@@ -171,53 +137,83 @@ std::unique_ptr<ZBProcess> openCorpse(Platform& platform, TaskName corpse, const
                                               settings.corpseDirtyFlags, settings.corpseProcFlags);
 }
 
-void gatherCancellably(ZBZorbel& zorbel) {
-    const auto cancelHandler = ZBZorbel::installCancelHandler([&zorbel] {
+/// Opens all targets and puts them in order: by pid, and where pids are equal in the order of the command
+/// line.
+Targets openTargets(Platform& platform, const CommandLine& commandLine, TaskName corpse,
+                    std::vector<OpenTarget> targets) {
+    const RunSettings& settings = commandLine.settings;
+    std::set<std::int32_t> excluded = excludedPids(platform, commandLine.excludeDescriptions);
+    if (settings.corpseMode) excluded.insert(settings.corpsePid);
+    if (settings.targetAll) {
+        targets.clear();
+        for (auto& process : ZBProcess::allProcessesExcludingPids(platform, excluded).value_or(Targets()))
+            targets.push_back({std::move(process), 0});
+    } else {
+        openProcesses(platform, commandLine, excluded, targets);
+    }
+    if (auto process = openCorpse(platform, corpse, settings))
+        targets.push_back({std::move(process), SIZE_MAX});
+    std::ranges::stable_sort(targets, {}, [](const OpenTarget& target) {
+        return std::pair(target.process->pid(), target.position);
+    });
+    Targets ordered;
+    ordered.reserve(targets.size());
+    for (OpenTarget& target : targets) ordered.push_back(std::move(target.process));
+    return ordered;
+}
+
+/// The phases from reading to attribution, which an interrupt cuts short where output does not go to a
+/// terminal.
+void gatherCancellably(Platform& platform, ZBZorbel& zorbel) {
+    const auto cancelHandler = ZBZorbel::installCancelHandler([&] {
         zorbel.cancel();
-        std::fputs("Exiting early due to SIGINT\n", stderr);
+        platform.diagnostics().report("Exiting early due to SIGINT");
     });
     zorbel.gatherData();
 }
 
-}  // namespace
-
-int run(int argc, char* const argv[], Platform& platform) {
-    CommandLine commandLine;
-    if (const auto status = parseCommandLine(argc, argv, commandLine)) return *status;
-    if (!takePositionalArguments(platform, commandLine)) return kFailure;
-    if (!checkTargets(commandLine)) return kFailure;
-
-    const RunSettings& settings = commandLine.settings;
-    const TaskName corpse = settings.corpseMode ? takeCorpse(platform, settings) : kTaskNull;
-    if (settings.corpseMode && corpse == kTaskNull) return kFailure;
-    if (settings.breakDownMode) {
-        setBreakDownPhysZorbel(platform, true);
-        breakDownPhysZorbel(platform);  // Reports now what every process would run into.
-    }
-
-    TargetMap targets = openTargets(platform, commandLine);
-    if (auto process = openCorpse(platform, corpse, settings))
-        targets[settings.corpsePid] = std::move(process);
-    if (targets.empty()) {
-        std::fputs(
-            "Unable to find any processes matching the supplied process names or pids (try as root?)\n",
-            stderr);
-        return kFailure;
-    }
-    if (settings.skipIdleExitClean) targets = ZBProcess::removeIdleExitCleanProcessesFrom(std::move(targets));
-
-    std::vector<std::unique_ptr<ZBProcess>> processes;
-    processes.reserve(targets.size());
-    for (auto& [key, process] : targets) processes.push_back(std::move(process));
-    ZBZorbel zorbel(std::move(processes));
-    gatherCancellably(zorbel);
-
+void report(Platform& platform, const RunSettings& settings, ZBZorbel& zorbel) {
     zorbel.addOutputFormatter(
         std::make_shared<ZBOutputFormatterText>(platform, settings.summaryFormat, settings.outputOptions));
     if (settings.jsonPath)
         zorbel.addOutputFormatter(std::make_shared<ZBOutputFormatterJSON>(platform, *settings.jsonPath));
     zorbel.printOutputVerbose(settings.lattixOutput, settings.summarize);
-    return 0;
+}
+
+}  // namespace
+
+// A run, phase by phase: select, open, read, settle, attribute, report.
+int run(int argc, char* const argv[], Platform& platform) {
+    // Select: which targets are meant. Files are opened on the way, since only their contents show what they
+    // are.
+    CommandLine commandLine;
+    if (const auto status = parseCommandLine(argc, argv, platform.diagnostics(), commandLine)) return *status;
+    std::vector<OpenTarget> graphs;
+    if (!openGraphs(platform, commandLine, graphs)) return kFailure;
+    if (!checkTargets(platform.diagnostics(), commandLine)) return kFailure;
+    const RunSettings& settings = commandLine.settings;
+    const TaskName corpse = settings.corpseMode ? takeCorpse(platform, settings) : kTaskNull;
+    if (settings.corpseMode && corpse == kTaskNull) return kFailure;
+
+    // Open. Processes take the breakdown mode over when they are opened.
+    if (settings.breakDownMode) {
+        setBreakDownPhysZorbel(platform, true);
+        breakDownPhysZorbel(platform);  // Reports now what would fail for every process.
+    }
+    Targets targets = openTargets(platform, commandLine, corpse, std::move(graphs));
+    if (targets.empty()) {
+        platform.diagnostics().report(
+            "Unable to find any processes matching the supplied process names or pids (try as root?)");
+        return kFailure;
+    }
+    if (settings.skipIdleExitClean) targets = ZBProcess::removeIdleExitCleanProcessesFrom(std::move(targets));
+
+    // Read (in parallel), settle, walk (in parallel) and attribute: ZBZorbel::gatherData.
+    ZBZorbel zorbel(platform, std::move(targets));
+    gatherCancellably(platform, zorbel);
+
+    report(platform, settings, zorbel);
+    return kSuccess;
 }
 
 }  // namespace zorbel

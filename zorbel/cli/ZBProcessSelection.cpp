@@ -68,7 +68,9 @@ class DescriptionMatcher {
 
     /// The name of a process; nothing when it has exited or is none.
     std::optional<std::string> _nameOf(std::int32_t pid) {
-        if (auto name = ZBProcess::_nameInArgumentArea(_platform, pid)) return name;
+        std::string area;
+        if (_platform.sysctl_procargs(pid, area))
+            if (auto name = ZBProcess::_nameInArgumentArea(std::move(area))) return name;
         BsdInfoRecord record;
         if (!_platform.proc_pidinfo(pid, record)) return std::nullopt;
         return ZBProcess::_nameForBsdInfoCommName(record);
@@ -96,41 +98,34 @@ std::vector<BsdInfoRecord> ZBProcess::copyAllBsdInfos(Platform& platform) {
     return records;
 }
 
-std::unique_ptr<ZBProcess> ZBProcess::processWithPid(Platform& platform, std::int32_t pid) {
-    BsdInfoRecord record;
-    if (!platform.proc_pidinfo(pid, record)) return nullptr;
-    return processWithBsdInfo(platform, record);
-}
-
-std::optional<TargetMap> ZBProcess::allProcessesExcludingPids(Platform& platform,
-                                                              const std::set<std::int32_t>& excludedPids) {
+std::optional<Targets> ZBProcess::allProcessesExcludingPids(Platform& platform,
+                                                            const std::set<std::int32_t>& excludedPids) {
     const std::vector<BsdInfoRecord> records = copyAllBsdInfos(platform);
     if (records.empty()) return std::nullopt;
-    TargetMap targets;
+    Targets targets;
     for (const BsdInfoRecord& record : records) {
         if (excludedPids.contains(pidOf(record))) continue;
-        if (auto process = processWithBsdInfo(platform, record)) targets[pidOf(record)] = std::move(process);
+        if (auto process = processWithBsdInfo(platform, record)) targets.push_back(std::move(process));
     }
     return targets;
 }
 
-std::optional<PidDescriptions> ZBProcess::pidsForStringDescriptions(Platform& platform,
-                                                                    const std::set<std::string>& descriptions,
-                                                                    std::vector<std::string>* errors) {
+std::optional<std::vector<DescribedProcess>> ZBProcess::pidsForStringDescriptions(
+    Platform& platform, const std::vector<std::string>& descriptions, std::vector<std::string>* errors) {
     std::vector<std::int32_t> listed;
     if (!platform.proc_listallpids(listed) || listed.empty()) {
         if (errors != nullptr) *errors = {"Unable to obtain system process list"};
         return std::nullopt;
     }
-    PidDescriptions pids;
+    std::vector<DescribedProcess> found;
     DescriptionMatcher matcher(platform, std::move(listed));
-    for (const std::string& description : descriptions) {
-        if (const auto match = matcher.find(description))
-            pids[match->pid] = match->byName ? std::optional(description) : std::nullopt;
+    for (std::size_t i = 0; i < descriptions.size(); ++i) {
+        if (const auto match = matcher.find(descriptions[i]))
+            found.push_back({match->pid, match->byName ? std::optional(descriptions[i]) : std::nullopt, i});
         else if (errors != nullptr)
-            errors->push_back("Unable to find pid for process matching '" + description + "'");
+            errors->push_back("Unable to find pid for process matching '" + descriptions[i] + "'");
     }
-    return pids;
+    return found;
 }
 
 std::optional<std::vector<std::int32_t>> ZBProcess::childPidsForPids(Platform& platform,
@@ -158,9 +153,9 @@ std::optional<std::vector<std::int32_t>> ZBProcess::childPidsForPids(Platform& p
     return result;
 }
 
-TargetMap ZBProcess::removeIdleExitCleanProcessesFrom(TargetMap targets) {
+Targets ZBProcess::removeIdleExitCleanProcessesFrom(Targets targets) {
     std::erase_if(targets, [](const auto& target) {
-        return target.second->idleExitStatus() == ZBIdleExitStatus::kIdleExitClean;
+        return target->idleExitStatus() == ZBIdleExitStatus::kIdleExitClean;
     });
     return targets;
 }

@@ -2,9 +2,8 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 
-#include "inspect/platform/Platform.h"
+#include "platform/Platform.h"
 
 namespace zorbel {
 
@@ -12,10 +11,8 @@ namespace {
 
 constexpr const char* kSetting = "vm.self_region_zorbel";
 
-void reportUnlessMissing(int error, const char* text) {
-    if (error == ENOENT) return;
-    errno = error;
-    std::perror(text);
+void reportUnlessMissing(Platform& platform, int error, const char* text) {
+    if (error != ENOENT) platform.diagnostics().report(Error::ofErrno(error).on(text).description);
 }
 
 }  // namespace
@@ -23,7 +20,7 @@ void reportUnlessMissing(int error, const char* text) {
 bool breakDownPhysZorbel(Platform& platform) {
     std::int32_t value = 0;
     if (const int error = platform.sysctlbyname(kSetting, &value, nullptr)) {
-        reportUnlessMissing(error, "Unable to retrieve status of physical zorbel data collection");
+        reportUnlessMissing(platform, error, "Unable to retrieve status of physical zorbel data collection");
         return false;
     }
     return value != 0;
@@ -32,7 +29,7 @@ bool breakDownPhysZorbel(Platform& platform) {
 void setBreakDownPhysZorbel(Platform& platform, bool enabled) {
     const std::int32_t value = enabled ? 1 : 0;
     if (const int error = platform.sysctlbyname(kSetting, nullptr, &value))
-        reportUnlessMissing(error, "Unable to configure physical zorbel data collection");
+        reportUnlessMissing(platform, error, "Unable to configure physical zorbel data collection");
 }
 
 }  // namespace zorbel

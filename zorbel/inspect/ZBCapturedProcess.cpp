@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <limits>
-#include <string_view>
 #include <tuple>
 
 namespace zorbel {
 
-std::unique_ptr<ZBCapturedProcess> ZBCapturedProcess::processWithPid(Platform& platform, std::int32_t pid) {
+std::unique_ptr<ZBCapturedProcess> ZBCapturedProcess::capturedProcessWithPid(Platform& platform,
+                                                                             std::int32_t pid) {
     BsdInfoRecord record;
     if (!platform.proc_pidinfo(pid, record)) return nullptr;
     if ((record.pbi_flags & BsdInfoRecord::kFlagSystem) != 0) return nullptr;
@@ -62,20 +62,14 @@ void ZBCapturedProcess::separateObjects(std::span<ZBCapturedProcess* const> proc
     }
 }
 
-GraphRegion ZBCapturedProcess::_graphRegionOf(const ZBMemoryRegion& region, const Details& details) const {
+GraphRegion ZBCapturedProcess::_graphRegionOf(const ZBMemoryRegion& region, const Details& details,
+                                              const ZBImage* image) const {
     const RegionInfoRecord& record = details.record;
     GraphRegion saved;
     saved.address = region.start();
     saved.length = region.size();
-    saved.type = region.name();
-    saved.path = details.path;
-    if (region.segment() >= SegmentCode::kText) {
-        const std::string_view name =
-            region.name().text();  // Of the segment, a blank, and that of the image.
-        const std::size_t blank = std::min(name.find(' '), name.size());
-        saved.type = Name(name.substr(0, blank));
-        saved.path = Name(name.substr(std::min(blank + 1, name.size())));
-    }
+    saved.type = image != nullptr ? image->name() : region.name();
+    saved.path = image != nullptr ? image->ownerPath() : details.path;
     saved.prot = record.protection;
     saved.maxProt = record.max_protection;
     saved.user_tag = record.user_tag;
@@ -103,8 +97,13 @@ MemoryGraph ZBCapturedProcess::graph() const {
     graph.physZorbelPeak = _phys_zorbel_peak;
     graph.breakDownPhysZorbel = breakDownPhysZorbel();
     graph.regions.reserve(_memoryRegions.size());
-    for (std::size_t i = 0; i < _memoryRegions.size(); ++i)
-        graph.regions.push_back(_graphRegionOf(_memoryRegions[i], _details[i]));
+    ZBImageEnumerator images(_images);
+    for (std::size_t i = 0; i < _memoryRegions.size(); ++i) {
+        const ZBMemoryRegion& region = _memoryRegions[i];
+        const bool isOfImage = region.segment() >= SegmentCode::kText;
+        const ZBImage* image = isOfImage ? images.nextImageForStart(region.start(), region.end()) : nullptr;
+        graph.regions.push_back(_graphRegionOf(region, _details[i], image));
+    }
     return graph;
 }
 

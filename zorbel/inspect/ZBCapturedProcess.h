@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "inspect/ZBUserProcess.h"
-#include "inspect/memgraph/MemoryGraph.h"
+#include "memgraph/MemoryGraph.h"
 
 namespace zorbel {
 
@@ -14,7 +14,7 @@ namespace zorbel {
 class ZBCapturedProcess : public ZBUserProcess {
   public:
     /// Opens the process with this pid; null when it does not exist or can't be opened. The kernel can't.
-    static std::unique_ptr<ZBCapturedProcess> processWithPid(Platform& platform, std::int32_t pid);
+    static std::unique_ptr<ZBCapturedProcess> capturedProcessWithPid(Platform& platform, std::int32_t pid);
 
     /// Gives the objects that the regions of all these processes map the ids that they have in graphs. A
     /// graph knows no offsets: regions keep one id where their ranges of the same object overlap, if need be
@@ -37,7 +37,9 @@ class ZBCapturedProcess : public ZBUserProcess {
         Name path;
     };
 
-    [[nodiscard]] GraphRegion _graphRegionOf(const ZBMemoryRegion& region, const Details& details) const;
+    /// The image is that which the region is part of; null where it is part of none.
+    [[nodiscard]] GraphRegion _graphRegionOf(const ZBMemoryRegion& region, const Details& details,
+                                             const ZBImage* image) const;
 
     std::vector<Details> _details;  ///< Of each region.
 };

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "model/Utf8.h"
+#include "base/Utf8.h"
 
 namespace zorbel {
 
@@ -18,21 +18,21 @@ std::unique_ptr<ZBCorpseProcess> ZBCorpseProcess::processWithCorpse(Platform& pl
 bool ZBCorpseProcess::initWithCorpse(TaskName task, std::int32_t pid, const std::string& name,
                                      std::uint32_t dirtyFlags, std::uint32_t procFlags) {
     constexpr std::pair<std::uint32_t, std::uint32_t> kRecordFlags[] = {
-        {kFlagSystem, BsdInfoRecord::kFlagSystem},
-        {kFlag64Bit, BsdInfoRecord::kFlag64Bit},
-        {kFlagControllingTerminal, BsdInfoRecord::kFlagControllingTerminal},
-        {kFlagThreadDirectory, BsdInfoRecord::kFlagThreadDirectory},
-        {kFlagChangedPrivileges, BsdInfoRecord::kFlagChangedPrivileges},
-        {kFlagExec, BsdInfoRecord::kFlagExec},
+        {CorpseFlags::kSystem, BsdInfoRecord::kFlagSystem},
+        {CorpseFlags::k64Bit, BsdInfoRecord::kFlag64Bit},
+        {CorpseFlags::kControllingTerminal, BsdInfoRecord::kFlagControllingTerminal},
+        {CorpseFlags::kThreadDirectory, BsdInfoRecord::kFlagThreadDirectory},
+        {CorpseFlags::kChangedPrivileges, BsdInfoRecord::kFlagChangedPrivileges},
+        {CorpseFlags::kExec, BsdInfoRecord::kFlagExec},
     };
     _task = task;
     BsdInfoRecord record;
     for (const auto& [flag, recordFlag] : kRecordFlags)
         if ((procFlags & flag) != 0) record.pbi_flags |= recordFlag;
     record.pbi_pid = static_cast<std::uint32_t>(pid);
+    _givenName = printable(name);  // Chosen by a process that nobody has to trust.
     if (!initWithBsdInfo(record)) return false;
-    _name = printable(name);  // A dead process called itself so.
-    _displayString = _name + " [" + std::to_string(_pid) + "] (corpse)";
+    _displayString += " (corpse)";
     _setIdleExitStatusFromDirtyFlags(dirtyFlags);
     return true;
 }

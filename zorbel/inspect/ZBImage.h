@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <limits>
 
-#include "model/Name.h"
+#include "base/Name.h"
 #include "model/ZBMemoryRegion.h"
 
 namespace zorbel {

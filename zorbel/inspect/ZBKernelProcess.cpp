@@ -5,8 +5,9 @@
 #include <cstring>
 #include <utility>
 
+#include "base/Utf8.h"
 #include "inspect/KernelNames.h"
-#include "model/Utf8.h"
+#include "model/KernelKinds.h"
 
 namespace zorbel {
 
@@ -100,7 +101,7 @@ void ZBKernelProcess::gatherData() {
     KernelMemoryAccount account;
     if (const KernReturn code = _platform.mach_memory_info(account); code != kKernSuccess) {
         const std::string reason = _platform.mach_error_string(code);
-        std::fprintf(stderr, "%s: mach_memory_info: %s\n", _displayString.c_str(), reason.c_str());
+        _addMessage(_displayString + ": mach_memory_info: " + reason);
         _errors.push_back(_displayString + ": " + reason);
         return;
     }
@@ -115,8 +116,7 @@ void ZBKernelProcess::gatherData() {
 void ZBKernelProcess::_release(const void* array, std::size_t size) {
     const KernReturn code = _platform.vm_deallocate(array, size);
     if (code == kKernSuccess) return;
-    std::fprintf(stderr, "%s: vm_deallocate: %s\n", _displayString.c_str(),
-                 _platform.mach_error_string(code).c_str());
+    _addMessage(_displayString + ": vm_deallocate: " + _platform.mach_error_string(code));
 }
 
 void ZBKernelProcess::_addZones(const KernelMemoryAccount& account) {
@@ -152,7 +152,7 @@ void ZBKernelProcess::_addWiredData(std::span<const MemoryInfoRecord> records,
         }
         const bool isWired = has(record, MemoryInfoRecord::kWired);
         const bool isHidden = has(record, MemoryInfoRecord::kHidden);
-        const bool isUserWired = record.site == MemoryInfoRecord::kMlockTag;
+        const bool isUserWired = record.site == static_cast<std::uint64_t>(KernelTag::kMlock);
         ZBMemoryRegion& region = _memoryRegions.emplace_back();
         if (isWired && !isHidden && !isUserWired && !has(record, MemoryInfoRecord::kZone)) {
             region.setDirtySize(value);

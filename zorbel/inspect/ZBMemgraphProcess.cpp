@@ -1,11 +1,13 @@
 #include "inspect/ZBMemgraphProcess.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <optional>
 #include <string_view>
 #include <vector>
+
+#include "base/Files.h"
 
 namespace zorbel {
 
@@ -18,25 +20,19 @@ constexpr int kUnknownPlatform = 2;
 /// More than any graph has, in bytes; a device may never end.
 constexpr std::size_t kMostContents = std::size_t{1} << 29;
 
-/// The whole of a file; on failure, and for what is too large, nothing and why.
-std::optional<std::string> contentsOf(const std::string& path, PlatformError& error) {
+/// The contents of a file; an error for one that is too large, too.
+Result<std::string> contentsOf(const std::string& path) {
+    const FileDescriptor file = openForReading(path.c_str(), AT_FDCWD);
+    if (!file.isOpen()) return Error::last();
     std::string contents;
-    int code = 0;
-    if (std::FILE* file = std::fopen(path.c_str(), "re")) {
-        std::vector<char> piece(1 << 16);
-        while (const std::size_t count = std::fread(piece.data(), 1, piece.size(), file)) {
-            contents.append(piece.data(), count);
-            if (contents.size() > kMostContents) break;
-        }
-        if (std::ferror(file) != 0) code = errno;
-        std::fclose(file);
-        if (contents.size() > kMostContents) code = EFBIG;
-    } else {
-        code = errno;
+    std::vector<char> piece(1 << 16);
+    for (;;) {
+        const std::ptrdiff_t count = readSome(file.get(), piece.data(), piece.size());
+        if (count < 0) return Error::last();
+        if (count == 0) return contents;
+        contents.append(piece.data(), static_cast<std::size_t>(count));
+        if (contents.size() > kMostContents) return Error::ofErrno(EFBIG);
     }
-    if (code == 0) return contents;
-    error = {"POSIXErrorDomain", code, std::strerror(code)};
-    return std::nullopt;
 }
 
 /// The kind of machine that a graph's description names; nothing where it names none.
@@ -58,40 +54,38 @@ std::optional<ZBPlatform> platformNamedIn(std::string_view description) {
 
 }  // namespace
 
-std::unique_ptr<ZBMemgraphProcess> ZBMemgraphProcess::processWithMemgraph(Platform& platform,
-                                                                          const std::string& path,
-                                                                          PlatformError& error) {
+Result<std::unique_ptr<ZBMemgraphProcess>> ZBMemgraphProcess::processWithMemgraph(Platform& platform,
+                                                                                  const std::string& path) {
     std::unique_ptr<ZBMemgraphProcess> process(new ZBMemgraphProcess(platform));
-    if (!process->initWithMemgraph(path, error)) return nullptr;
+    if (const auto opened = process->initWithMemgraph(path); !opened) return opened.error();
     return process;
 }
 
-bool ZBMemgraphProcess::initWithMemgraph(const std::string& path, PlatformError& error) {
-    const auto contents = contentsOf(path, error);
-    if (!contents) return false;
-    error = {};
-    _graph = _platform.openMemoryGraph(*contents, error);
-    if (!_graph) {
-        if (error.domain.empty())
-            error = {kErrorDomain, kUnknownFormat, "memgraph initialization failed with unknown error"};
-        return false;
-    }
+Result<void> ZBMemgraphProcess::initWithMemgraph(const std::string& path) {
+    const auto contents = contentsOf(path);
+    if (!contents) return contents.error();
+    auto graph = _platform.openMemoryGraph(*contents);
+    if (!graph && graph.error().domain.empty())
+        return Error{kErrorDomain, kUnknownFormat, "memgraph initialization failed with unknown error"};
+    if (!graph) return graph.error();
+    _graph = *std::move(graph);
     const GraphProcess& saved = _graph->process();
     BsdInfoRecord record;
     if (saved.is64bit) record.pbi_flags = BsdInfoRecord::kFlag64Bit;
     record.pbi_pid = static_cast<std::uint32_t>(saved.pid);
-    if (!initWithBsdInfo(record)) return false;
-    _name = saved.processName;
-    _displayString = _name + " [" + std::to_string(_pid) + "] (memgraph)";
+    initWithBsdInfo(record);  // Can't fail: there is no task to open.
+    _displayString += " (memgraph)";
     if (!_setSharedRegionFromPlatform(
-            platformNamedIn(saved.processDescription).value_or(ZBPlatform::kUnknown))) {
-        error = {kErrorDomain, kUnknownPlatform,
-                 "Unable to determine platform from memory graph process description"};
-        return false;
-    }
+            platformNamedIn(saved.processDescription).value_or(ZBPlatform::kUnknown)))
+        return Error{kErrorDomain, kUnknownPlatform,
+                     "Unable to determine platform from memory graph process description"};
     _idleExitStatus = ZBIdleExitStatus::kUnknown;
     _anonymousDirtyRecalculation = false;
-    return true;
+    return {};
+}
+
+std::string ZBMemgraphProcess::_gatherName(const BsdInfoRecord& /*record*/) const {
+    return _graph->process().processName;
 }
 
 bool ZBMemgraphProcess::breakDownPhysZorbel() const { return _graph->process().breakDownPhysZorbel; }

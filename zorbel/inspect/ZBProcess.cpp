@@ -36,23 +36,29 @@ bool ZBProcess::initWithBsdInfo(const BsdInfoRecord& record) {
     _pid = static_cast<std::int32_t>(record.pbi_pid);
     _is64bit = (record.pbi_flags & BsdInfoRecord::kFlag64Bit) != 0;
     if (!_populateTask()) return false;
-    _name = _nameForBsdInfo(_platform, record);
+    _name = _gatherName(record);
     _displayString = _name + " [" + std::to_string(_pid) + "]";
     _pageSize = _gatherPageSize();
     return true;
 }
 
-std::optional<std::string> ZBProcess::_nameInArgumentArea(Platform& platform, std::int32_t pid) {
-    std::string area;
-    if (!platform.sysctl_procargs(pid, area)) return std::nullopt;
+std::unique_ptr<ZBProcess> ZBProcess::processWithPid(Platform& platform, std::int32_t pid) {
+    BsdInfoRecord record;
+    if (!platform.proc_pidinfo(pid, record)) return nullptr;
+    return processWithBsdInfo(platform, record);
+}
+
+std::optional<std::string> ZBProcess::_nameInArgumentArea(std::string area) {
     if (!area.empty()) area.back() = '\0';
     const auto path = pathInArgumentArea(area);
     return path ? std::optional(path->substr(path->rfind('/') + 1)) : std::nullopt;
 }
 
 std::string ZBProcess::_nameForBsdInfo(Platform& platform, const BsdInfoRecord& record) {
-    auto name = _nameInArgumentArea(platform, static_cast<std::int32_t>(record.pbi_pid));
-    return name ? *std::move(name) : _nameForBsdInfoCommName(record);
+    std::string area;
+    if (platform.sysctl_procargs(static_cast<std::int32_t>(record.pbi_pid), area))
+        if (auto name = _nameInArgumentArea(std::move(area))) return *std::move(name);
+    return _nameForBsdInfoCommName(record);
 }
 
 std::string ZBProcess::_nameForBsdInfoCommName(const BsdInfoRecord& record) {
@@ -61,6 +67,11 @@ std::string ZBProcess::_nameForBsdInfoCommName(const BsdInfoRecord& record) {
     if (record.pbi_comm[0] != '\0')
         return {record.pbi_comm, strnlen(record.pbi_comm, sizeof record.pbi_comm)};
     return "Unknown";
+}
+
+void ZBProcess::reportMessages() {
+    for (const std::string& message : _messages) _platform.diagnostics().report(message);
+    _messages.clear();
 }
 
 void ZBProcess::_addGlobalError(std::string text) { globalErrorList().push_back(std::move(text)); }

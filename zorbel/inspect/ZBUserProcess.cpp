@@ -1,7 +1,6 @@
 #include "inspect/ZBUserProcess.h"
 
 #include <cerrno>
-#include <cstdio>
 
 namespace zorbel {
 
@@ -29,9 +28,90 @@ bool ZBUserProcess::_populateTask() {
     return false;
 }
 
+std::string ZBUserProcess::_gatherName(const BsdInfoRecord& record) const {
+    std::string area;
+    if (_platform.sysctl_procargs(_task, area))
+        if (auto name = _nameInArgumentArea(std::move(area))) return *std::move(name);
+    return _nameForBsdInfoCommName(record);
+}
+
+void ZBUserProcess::readData() {
+    if (_task != kTaskNull) _platform.readTask(_task);
+}
+
 void ZBUserProcess::gatherData() {
     _gatherImageData();
     _gatherMemoryData();
+    if (_task != kTaskNull) _platform.forgetTask(_task);
+}
+
+bool ZBUserProcess::_setSharedRegionFromPlatform(ZBPlatform platform) {
+    const auto place = [this](std::uint64_t base, std::uint64_t size) {
+        _sharedRegionBase = base;
+        _sharedRegionSize = size;
+        return true;
+    };
+    switch (platform) {
+        case ZBPlatform::kX86:
+            return place(0x9000'0000, 0x2000'0000);
+        case ZBPlatform::kX86_64:
+            return place(0x7FFF'0000'0000, 0xFFE0'0000);
+        case ZBPlatform::kARM:
+        case ZBPlatform::kARM64_32:
+            return place(0x1A00'0000, 0x2600'0000);
+        case ZBPlatform::kARM64:
+            return place(0x1'8000'0000, 0x1'0000'0000);
+        case ZBPlatform::kLinux:
+            return place(0, 0);
+        case ZBPlatform::kUnknown:
+            break;
+    }
+    _platform.diagnostics().report("Unable to determine platform architecture of target");
+    return false;
+}
+
+// The top-level look-ups of the walk begin at this address. Each is one more call, so a search finds a place
+// that spares most of them.
+std::uint64_t ZBUserProcess::_lastNonSharedCacheRegion() {
+    constexpr std::uint64_t kCloseEnough = 0x100'0000;
+    std::uint64_t low = 0;
+    std::uint64_t high = _sharedRegionBase;
+    while (high - low > kCloseEnough) {
+        const std::uint64_t middle = (high >> 1) + (low >> 1);
+        std::uint64_t found = middle;
+        std::uint64_t size = 0;
+        BasicRegionInfoRecord record;
+        if (_platform.mach_vm_region(_task, found, size, record) != kKernSuccess) break;
+        if (found <= low) break;
+        if (found < _sharedRegionBase)
+            low = found;
+        else
+            high = middle - _pageSize;
+    }
+    return low;
+}
+
+KernReturn ZBUserProcess::_lookUpTopLevelRegion(std::uint64_t& address, std::uint64_t& size,
+                                                RegionInfoRecord& record) {
+    std::uint64_t start = address;
+    BasicRegionInfoRecord basic;
+    const KernReturn code = _platform.mach_vm_region(_task, start, size, basic);
+    if (code != kKernSuccess) return code;
+    // What lies before the address has been visited already.
+    if (start < address)
+        size -= address - start;
+    else
+        address = start;
+    record.protection = basic.protection;
+    record.max_protection = basic.max_protection;
+    record.inheritance = basic.inheritance;
+    record.offset = basic.offset;
+    record.behavior = basic.behavior;
+    record.user_wired_count = basic.user_wired_count;
+    record.external_pager = 1;
+    record.share_mode = kShareModeCopyOnWrite;
+    record.object_id = 1;  // All processes map the same one.
+    return code;
 }
 
 void ZBUserProcess::enumerateRegions(const RegionVisitor& visitor) {
@@ -71,14 +151,32 @@ void ZBUserProcess::enumerateRegions(const RegionVisitor& visitor) {
     }
 }
 
+bool ZBUserProcess::_populateMemoryRegionWithPageQueries(ZBMemoryRegion& piece,
+                                                         const RegionInfoRecord& /*record*/) {
+    return _sharedRegionSplit.populateWithPageQueries(
+        piece, _pageSize, [this](std::uint64_t start, std::span<std::int32_t> dispositions) {
+            return _queryPages(start, dispositions);
+        });
+}
+
+bool ZBUserProcess::_queryPages(std::uint64_t start, std::span<std::int32_t> dispositions) {
+    std::uint64_t count = dispositions.size();
+    const KernReturn code =
+        _platform.mach_vm_page_range_query(_task, start, count * _pageSize, dispositions.data(), count);
+    if (code == kKernSuccess) return true;
+    _addMessage("mach_vm_page_range_query: " + _platform.mach_error_string(code));
+    _processMachVMError(code, kKernInvalidArgument);
+    return false;
+}
+
 void ZBUserProcess::_reportWalkFailure(const char* lookup, KernReturn code) {
-    _platform.mach_error(lookup, code);
-    _sayDataIsIncomplete();
+    _addMessage(std::string(lookup) + ": " + _platform.mach_error_string(code) + "\n" +
+                _textOfIncompleteData());
     _processMachVMError(code, kMachSendInvalidDest);
 }
 
-void ZBUserProcess::_sayDataIsIncomplete() const {
-    std::fprintf(stderr, "bailing out for process %s; data may be incomplete!\n", _displayString.c_str());
+std::string ZBUserProcess::_textOfIncompleteData() const {
+    return "bailing out for process " + _displayString + "; data may be incomplete!";
 }
 
 void ZBUserProcess::_processMachVMError(KernReturn code, KernReturn expectingErrorOnExit) {

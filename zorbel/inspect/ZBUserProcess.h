@@ -3,10 +3,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <span>
 #include <vector>
 
+#include "inspect/SharedRegionSplit.h"
 #include "inspect/ZBImage.h"
 #include "inspect/ZBImageEnumerator.h"
 #include "inspect/ZBProcess.h"
@@ -20,15 +20,15 @@ using RegionVisitor = std::function<bool(std::uint64_t address, std::uint64_t si
 
 /// A live process: its images and its address space, walked region by region.
 ///
-/// Some machines nest one map of all system libraries, the shared region, into every process. The kernel
-/// tells of it as a whole only, so it is split by the images of the process, and each piece is sized page by
-/// page.
+/// Some machines nest one map of all system libraries, the shared region, into every process:
+/// SharedRegionSplit.
 class ZBUserProcess : public ZBProcess {
   public:
     /// Opens the process; null when it can't be opened, for which a global error tells the reason.
     static std::unique_ptr<ZBUserProcess> userProcessWithBsdInfo(Platform& platform,
                                                                  const BsdInfoRecord& record);
 
+    void readData() override;
     void gatherData() override;
 
     /// The charges that the system itself keeps, left out where it tells none, and the kernel's memory on
@@ -40,6 +40,8 @@ class ZBUserProcess : public ZBProcess {
 
     bool initWithBsdInfo(const BsdInfoRecord& record) override;
     bool _populateTask() override;
+    /// From the argument area of the opened task.
+    [[nodiscard]] std::string _gatherName(const BsdInfoRecord& record) const override;
     [[nodiscard]] bool _isAlive() const override { return true; }
 
     // What fails leaves its figures as they were.
@@ -52,8 +54,8 @@ class ZBUserProcess : public ZBProcess {
     /// Fills the images, sorted by start.
     virtual void _gatherImageData();
 
-    /// Places the shared region as that kind of machine does. False, and said on standard error, for a kind
-    /// that is not known; the shared region then stays where it was.
+    /// Places the shared region as that kind of machine does. False, with a message, for a kind that is not
+    /// known; the shared region then stays where it was.
     bool _setSharedRegionFromPlatform(ZBPlatform platform);
     [[nodiscard]] bool _isInSharedRegion(std::uint64_t address) const {
         return address - _sharedRegionBase < _sharedRegionSize;
@@ -80,8 +82,6 @@ class ZBUserProcess : public ZBProcess {
     TaskName _task = kTaskNull;
     std::uint64_t _sharedRegionBase = 0;
     std::uint64_t _sharedRegionSize = 0;  ///< 0 on a machine without a shared region.
-    /// To what image segments are aligned inside the shared region, in bytes.
-    std::uint32_t _sharedRegionAlignmentSize = 4096;
     /// Whether all resident memory without a file counts as dirty, save what may be reused.
     bool _anonymousDirtyRecalculation = true;
     // Bytes.
@@ -95,10 +95,8 @@ class ZBUserProcess : public ZBProcess {
     std::uint64_t _lastNonSharedCacheRegion();
     KernReturn _lookUpTopLevelRegion(std::uint64_t& address, std::uint64_t& size, RegionInfoRecord& record);
     void _reportWalkFailure(const char* lookup, KernReturn code);
-    void _sayDataIsIncomplete() const;
+    [[nodiscard]] std::string _textOfIncompleteData() const;
 
-    /// A region with all that the record says of it but its sizes.
-    static ZBMemoryRegion _newRegion(std::uint64_t start, std::uint64_t size, const RegionInfoRecord& record);
     [[nodiscard]] ZBMemoryRegion _regionFromRecord(std::uint64_t address, std::uint64_t size,
                                                    const RegionInfoRecord& record, int purgeableState,
                                                    Name path, bool breakDown,
@@ -108,20 +106,9 @@ class ZBUserProcess : public ZBProcess {
     static void _setNames(ZBMemoryRegion& region, const RegionInfoRecord& record, int purgeableState,
                           Name path, bool breakDown);
 
-    /// Splits a stretch of the shared region and adds the pieces to the regions. False when a page query
-    /// failed; the pieces before stay.
-    bool _addRegionsToArray(std::uint64_t start, std::uint64_t size, const RegionInfoRecord& record,
-                            ZBImageEnumerator& images);
-    bool _addUnusedPiece(ZBMemoryRegion piece, const RegionInfoRecord& record);
-    bool _addImagePiece(ZBMemoryRegion piece, const ZBImage& image, const RegionInfoRecord& record);
     bool _queryPages(std::uint64_t start, std::span<std::int32_t> dispositions);
-    void _chargePendingUnusedRegion(std::uint64_t nextStart, bool dirty);
 
-    /// The last page that was found to be shared by two pieces, and its disposition.
-    std::uint64_t _cachedDispositionAddress = 0;
-    std::int32_t _cachedDisposition = 0;
-    /// Index of the unused piece whose last page is shared with the piece behind it and has not been charged.
-    std::optional<std::size_t> _pendingUnusedSharedRegion;
+    SharedRegionSplit _sharedRegionSplit{_memoryRegions};
 };
 
 }  // namespace zorbel

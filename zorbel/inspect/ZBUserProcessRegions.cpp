@@ -43,28 +43,19 @@ void ZBUserProcess::_gatherMemoryData() {
                 _regionFromRecord(address, size, record, purgeableState, path, breakDown, images));
             return false;
         }
-        if (_addRegionsToArray(address, size, record, images)) return false;
-        _sayDataIsIncomplete();
+        const auto populate = [this](ZBMemoryRegion& piece, const RegionInfoRecord& whole) {
+            return _populateMemoryRegionWithPageQueries(piece, whole);
+        };
+        if (_sharedRegionSplit.addRegions(address, size, _pageSize, record, images, populate)) return false;
+        _addMessage(_textOfIncompleteData());
         return true;
     });
-}
-
-ZBMemoryRegion ZBUserProcess::_newRegion(std::uint64_t start, std::uint64_t size,
-                                         const RegionInfoRecord& record) {
-    ZBMemoryRegion region;
-    region.setStart(start);
-    region.setSize(size);
-    region.setUser_tag(record.user_tag);
-    region.setObject_id(record.object_id);
-    region.setShare_mode(record.share_mode);
-    region.setOffset(record.offset);
-    return region;
 }
 
 ZBMemoryRegion ZBUserProcess::_regionFromRecord(std::uint64_t address, std::uint64_t size,
                                                 const RegionInfoRecord& record, int purgeableState, Name path,
                                                 bool breakDown, ZBImageEnumerator& images) const {
-    ZBMemoryRegion region = _newRegion(address, size, record);
+    ZBMemoryRegion region = regionOfRecord(address, size, record);
     region.setWiredSize(std::uint64_t{_pageSize} * record.user_wired_count);
     _setSizes(region, record, purgeableState, breakDown);
     if (const ZBImage* image = images.nextImageForStart(address, address + size)) {

@@ -6,8 +6,8 @@ namespace zorbel {
 
 namespace {
 
-constexpr std::uint64_t SizeCounts::*kCounts[] = {&SizeCounts::clean, &SizeCounts::dirty,
-                                                  &SizeCounts::swapped, &SizeCounts::reclaimable,
+constexpr std::uint64_t SizeCounts::*kCounts[] = {&SizeCounts::dirty, &SizeCounts::swapped,
+                                                  &SizeCounts::clean, &SizeCounts::reclaimable,
                                                   &SizeCounts::wired};
 
 /// Joins a range of the list into a new one, which was given as [start, end) after rounding.
@@ -28,11 +28,6 @@ void join(RangeNode& joined, const RangeNode& met, std::uint64_t start, std::uin
 }
 
 }  // namespace
-
-SizeCounts& SizeCounts::operator+=(const SizeCounts& other) {
-    for (const auto count : kCounts) this->*count += other.*count;
-    return *this;
-}
 
 RangeList::Position RangeList::fold(const RangeNode& added, std::uint64_t pageSize, Position leftNeighbour) {
     const std::uint64_t start = added.roundedStart(pageSize);

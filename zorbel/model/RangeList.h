@@ -3,18 +3,9 @@
 #include <cstdint>
 #include <vector>
 
+#include "model/SizeCounts.h"
+
 namespace zorbel {
-
-/// Bytes of a stretch of memory by what they are.
-struct SizeCounts {
-    std::uint64_t clean = 0;
-    std::uint64_t dirty = 0;
-    std::uint64_t swapped = 0;
-    std::uint64_t reclaimable = 0;
-    std::uint64_t wired = 0;
-
-    SizeCounts& operator+=(const SizeCounts& other);
-};
 
 /// A range of one object, in bytes, not rounded to pages, and what is charged to it.
 struct RangeNode {

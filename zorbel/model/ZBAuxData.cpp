@@ -3,7 +3,7 @@
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
 
-#include "model/Assert.h"
+#include "base/Assert.h"
 
 namespace zorbel {
 

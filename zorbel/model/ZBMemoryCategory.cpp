@@ -15,13 +15,8 @@ void ZBMemoryCategory::addMemoryObject(ZBMemoryObject& object) {
                            : std::lower_bound(_memoryObjects.begin(), _memoryObjects.end(), &object, before);
     if (place != _memoryObjects.end() && *place == &object) return;
     _memoryObjects.insert(place, &object);
-    _totalDirtySize += object.totalDirtySize();
-    _totalSwappedSize += object.totalSwappedSize();
-    _totalCleanSize += object.totalCleanSize();
-    _totalReclaimableSize += object.totalReclaimableSize();
-    _totalWiredSize += object.totalWiredSize();
     // A region belongs to one object, so the objects' regions are disjoint and their numbers add up.
-    _totalRegions += static_cast<std::int32_t>(object.memoryRegions().size());
+    _totals += {object.totalSizes(), static_cast<std::uint32_t>(object.memoryRegions().size())};
 }
 
 bool ZBMemoryCategory::purgeableNonVolatile() const {

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "model/Name.h"
+#include "base/Name.h"
 #include "model/ZBMemoryObject.h"
 
 namespace zorbel {
@@ -22,14 +22,19 @@ class ZBMemoryCategory {
     /// In ascending order of their ordinals; not owned.
     [[nodiscard]] const std::vector<ZBMemoryObject*>& memoryObjects() const { return _memoryObjects; }
 
-    [[nodiscard]] std::uint64_t totalDirtySize() const { return _totalDirtySize; }
-    [[nodiscard]] std::uint64_t totalSwappedSize() const { return _totalSwappedSize; }
-    [[nodiscard]] std::uint64_t totalCleanSize() const { return _totalCleanSize; }
-    [[nodiscard]] std::uint64_t totalReclaimableSize() const { return _totalReclaimableSize; }
-    [[nodiscard]] std::uint64_t totalWiredSize() const { return _totalWiredSize; }
+    /// The sums, and the number of regions.
+    [[nodiscard]] const SizeTotals& totals() const { return _totals; }
+
+    [[nodiscard]] std::uint64_t totalDirtySize() const { return _totals.sizes.dirty; }
+    [[nodiscard]] std::uint64_t totalSwappedSize() const { return _totals.sizes.swapped; }
+    [[nodiscard]] std::uint64_t totalCleanSize() const { return _totals.sizes.clean; }
+    [[nodiscard]] std::uint64_t totalReclaimableSize() const { return _totals.sizes.reclaimable; }
+    [[nodiscard]] std::uint64_t totalWiredSize() const { return _totals.sizes.wired; }
 
     /// Number of regions of all its objects.
-    [[nodiscard]] std::int32_t totalRegions() const { return _totalRegions; }
+    [[nodiscard]] std::int32_t totalRegions() const {
+        return static_cast<std::int32_t>(_totals.totalRegions);
+    }
 
     /// Whether its first region is purgeable memory marked non-volatile; false without regions.
     [[nodiscard]] bool purgeableNonVolatile() const;
@@ -37,12 +42,7 @@ class ZBMemoryCategory {
   private:
     Name _name;
     std::vector<ZBMemoryObject*> _memoryObjects;
-    std::uint64_t _totalDirtySize = 0;
-    std::uint64_t _totalSwappedSize = 0;
-    std::uint64_t _totalCleanSize = 0;
-    std::uint64_t _totalReclaimableSize = 0;
-    std::uint64_t _totalWiredSize = 0;
-    std::int32_t _totalRegions = 0;
+    SizeTotals _totals;
     SegmentCode _segment;
 };
 

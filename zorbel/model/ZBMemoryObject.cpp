@@ -6,15 +6,7 @@ namespace zorbel {
 
 namespace {
 
-SizeCounts countsOf(const ZBMemoryRegion& region) {
-    return {.clean = region.cleanNonSpecSize(),
-            .dirty = region.dirtySize(),
-            .swapped = region.swappedSize(),
-            .reclaimable = region.reclaimableSize(),
-            .wired = region.wiredSize()};
-}
-
-RangeNode nodeOf(const ZBMemoryRegion& region) { return {region.offset(), region.size(), countsOf(region)}; }
+RangeNode nodeOf(const ZBMemoryRegion& region) { return {region.offset(), region.size(), region.sizes()}; }
 
 }  // namespace
 
@@ -39,7 +31,7 @@ void ZBMemoryObject::calculateSizes() {
     if (_memoryRegions.size() > 1) return _foldRegions();
     // Almost every object has one region, and there is nothing to fold.
     for (const ZBMemoryRegion* region : _memoryRegions)
-        if (region->object_id() != 0) _totals += countsOf(*region);
+        if (region->object_id() != 0) _totals += region->sizes();
 }
 
 /// Splits the regions into runs of ranges that meet, and adds up the runs.
@@ -74,7 +66,7 @@ void ZBMemoryObject::_foldRegions() {
         if (overlap) {
             _foldRun({first, last});
         } else {  // Ranges that at most touch have no page in common: their counts add up in any order.
-            for (; first != last; ++first) _totals += countsOf(*_memoryRegions[first->index]);
+            for (; first != last; ++first) _totals += _memoryRegions[first->index]->sizes();
         }
         first = last;
     }

@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "model/Name.h"
+#include "base/Name.h"
 #include "model/RangeList.h"
 #include "model/ZBMemoryRegion.h"
 
@@ -41,6 +41,7 @@ class ZBMemoryObject {
     void calculateSizes();
 
     // Sums over the ranges, in bytes, as of the last calculateSizes().
+    [[nodiscard]] const SizeCounts& totalSizes() const { return _totals; }
     [[nodiscard]] std::uint64_t totalDirtySize() const { return _totals.dirty; }
     [[nodiscard]] std::uint64_t totalCleanSize() const { return _totals.clean; }
     [[nodiscard]] std::uint64_t totalSwappedSize() const { return _totals.swapped; }

@@ -3,9 +3,10 @@
 #include <compare>
 #include <cstdint>
 
-#include "model/Assert.h"
-#include "model/Name.h"
+#include "base/Assert.h"
+#include "base/Name.h"
 #include "model/ShareMode.h"
+#include "model/SizeCounts.h"
 
 namespace zorbel {
 
@@ -64,24 +65,27 @@ class ZBMemoryRegion {
     [[nodiscard]] SegmentCode segment() const { return _segment; }
     void setSegment(SegmentCode segment) { _segment = segment; }
 
+    /// The five sizes below.
+    [[nodiscard]] const SizeCounts& sizes() const { return _sizes; }
+
     /// Resident dirty bytes charged to the region.
-    [[nodiscard]] std::uint64_t dirtySize() const { return _dirtySize; }
-    void setDirtySize(std::uint64_t size) { _dirtySize = size; }
+    [[nodiscard]] std::uint64_t dirtySize() const { return _sizes.dirty; }
+    void setDirtySize(std::uint64_t size) { _sizes.dirty = size; }
 
     /// Bytes that the system may take back without writing them anywhere.
-    [[nodiscard]] std::uint64_t reclaimableSize() const { return _reclaimableSize; }
-    void setReclaimableSize(std::uint64_t size) { _reclaimableSize = size; }
+    [[nodiscard]] std::uint64_t reclaimableSize() const { return _sizes.reclaimable; }
+    void setReclaimableSize(std::uint64_t size) { _sizes.reclaimable = size; }
 
     /// Bytes held compressed or swapped out.
-    [[nodiscard]] std::uint64_t swappedSize() const { return _swappedSize; }
-    void setSwappedSize(std::uint64_t size) { _swappedSize = size; }
+    [[nodiscard]] std::uint64_t swappedSize() const { return _sizes.swapped; }
+    void setSwappedSize(std::uint64_t size) { _sizes.swapped = size; }
 
     /// Resident clean bytes.
-    [[nodiscard]] std::uint64_t cleanNonSpecSize() const { return _cleanNonSpecSize; }
-    void setCleanNonSpecSize(std::uint64_t size) { _cleanNonSpecSize = size; }
+    [[nodiscard]] std::uint64_t cleanNonSpecSize() const { return _sizes.clean; }
+    void setCleanNonSpecSize(std::uint64_t size) { _sizes.clean = size; }
 
-    [[nodiscard]] std::uint64_t wiredSize() const { return _wiredSize; }
-    void setWiredSize(std::uint64_t size) { _wiredSize = size; }
+    [[nodiscard]] std::uint64_t wiredSize() const { return _sizes.wired; }
+    void setWiredSize(std::uint64_t size) { _sizes.wired = size; }
 
     /// Kind of memory, 0 to 255, or kTagAllOnes.
     [[nodiscard]] std::uint32_t user_tag() const { return _user_tag; }
@@ -120,11 +124,7 @@ class ZBMemoryRegion {
     std::uint64_t _offset = 0;
     std::uint64_t _start = 0;
     std::uint64_t _size = 0;
-    std::uint64_t _dirtySize = 0;
-    std::uint64_t _reclaimableSize = 0;
-    std::uint64_t _swappedSize = 0;
-    std::uint64_t _cleanNonSpecSize = 0;
-    std::uint64_t _wiredSize = 0;
+    SizeCounts _sizes;
     std::uint64_t _object_id = 0;
     std::uint32_t _user_tag = 0;
     SegmentCode _segment = SegmentCode::kUnspecified;

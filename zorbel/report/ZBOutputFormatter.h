@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "aggregate/SizeTotals.h"
 #include "aggregate/ZBZorbel.h"
 #include "inspect/ZBProcess.h"
 

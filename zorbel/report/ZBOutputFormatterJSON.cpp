@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <string_view>
 
 #include "inspect/BreakDownMode.h"
@@ -64,15 +63,10 @@ class ZBOutputFormatterJSON::Writer {
     [[nodiscard]] int error() const { return _error; }
 
   private:
-    void _sizes(const SizeTotals& sizes) {
-        // As in the tables: what was dirty stays so in swap.
-        const std::uint64_t dirty = sizes.totalDirtySize + sizes.totalSwappedSize;
-        const std::uint64_t figures[] = {dirty,
-                                         sizes.totalSwappedSize,
-                                         sizes.totalCleanSize,
-                                         sizes.totalReclaimableSize,
-                                         sizes.totalWiredSize,
-                                         sizes.totalRegions};
+    void _sizes(const SizeTotals& totals) {
+        const SizeCounts& sizes = totals.sizes;
+        const std::uint64_t figures[] = {sizes.charged(),   sizes.swapped, sizes.clean,
+                                         sizes.reclaimable, sizes.wired,   totals.totalRegions};
         auto member = _figures.begin();
         for (const std::uint64_t figure : figures) (member++)->value() = figure;
         _serializer.reset(&_figures);
@@ -97,7 +91,8 @@ class ZBOutputFormatterJSON::Writer {
                           {"reclaimable", 0}, {"wired", 0},   {"regions", 0}};
 };
 
-ZBOutputFormatterJSON::ZBOutputFormatterJSON(Platform& platform, std::string path) : _path(std::move(path)) {
+ZBOutputFormatterJSON::ZBOutputFormatterJSON(Platform& platform, std::string path)
+    : _diagnostics(platform.diagnostics()), _path(std::move(path)) {
     _data.emplace("total zorbel", std::uint64_t{0});
     _data.emplace("unit", "byte");
     _data.emplace("bytes per unit", 1);
@@ -109,7 +104,7 @@ ZBOutputFormatterJSON::CategoryTable ZBOutputFormatterJSON::_tableOf(const Categ
                                                                      const std::vector<Name>& sortedKeys) {
     CategoryTable table;
     table.reserve(sortedKeys.size() + 1);  // For the total of the summary.
-    for (const Name key : sortedKeys) table.emplace_back(key, totalsOf(*categories.at(key)));
+    for (const Name key : sortedKeys) table.emplace_back(key, categories.at(key)->totals());
     return table;
 }
 
@@ -158,16 +153,16 @@ void ZBOutputFormatterJSON::printSummaryCategories(const Categories& categories,
     _summary = _tableOf(categories, sortedKeys);
     std::erase_if(_summary, [&](const auto& row) { return row.first == kTotal; });
     _summary.emplace_back(kTotal, total);
-    _data.at("total zorbel") = total.totalDirtySize + total.totalSwappedSize;
+    _data.at("total zorbel") = total.sizes.charged();
 }
 
 void ZBOutputFormatterJSON::printGlobalAuxData(const ZBAuxDataDictionary* auxData) {
     setAuxiliary(_data, auxData);
 }
 
-int ZBOutputFormatterJSON::_write() const {
+Result<void> ZBOutputFormatterJSON::_write() const {
     std::FILE* file = std::fopen(_path.c_str(), "we");
-    if (file == nullptr) return errno;
+    if (file == nullptr) return Error::last();
     Writer writer(file);
     writer.openObject(_data);
     writer.text(R"(,"summary":)");
@@ -186,17 +181,18 @@ int ZBOutputFormatterJSON::_write() const {
     int error = writer.error();
     // What was buffered may fail to be written only here.
     if (std::fclose(file) != 0 && error == 0) error = errno;
-    return error;
+    if (error != 0) return Error::ofErrno(error);
+    return {};
 }
 
 void ZBOutputFormatterJSON::end() {
     // The reader of a pipe may have gone: that is an error like any other, and the other reports stand.
     const auto putBack = std::signal(SIGPIPE, SIG_IGN);
-    const int error = _write();
+    const auto written = _write();
     std::signal(SIGPIPE, putBack);
-    if (error != 0)
-        std::fprintf(stderr, "Unable to serialize/write JSON data due to error: %s: %s\n", _path.c_str(),
-                     std::strerror(error));
+    if (!written)
+        _diagnostics.report("Unable to serialize/write JSON data due to error: " +
+                            written.error().on(_path).description);
 }
 
 }  // namespace zorbel

@@ -29,7 +29,7 @@ class ZBOutputFormatterJSON final : public ZBOutputFormatter {
     void printSummaryCategories(const Categories& categories, const std::vector<Name>& sortedKeys,
                                 const SizeTotals& total, bool hadErrors) override;
     void printGlobalAuxData(const ZBAuxDataDictionary* auxData) override;
-    /// Replaces what the file held. Says on standard error when it can't be written.
+    /// Replaces what the file held. A message tells when it can't be written.
     void end() override;
 
   private:
@@ -44,9 +44,10 @@ class ZBOutputFormatterJSON final : public ZBOutputFormatter {
     class Writer;
 
     static CategoryTable _tableOf(const Categories& categories, const std::vector<Name>& sortedKeys);
-    /// Writes the document to the file. 0 or an errno.
-    [[nodiscard]] int _write() const;
+    /// Writes the document to the file.
+    [[nodiscard]] Result<void> _write() const;
 
+    Diagnostics& _diagnostics;
     std::string _path;
     bool _isPageSizeSet = false;
     boost::json::object _data;  ///< The document, all but the processes and the summary.

@@ -73,24 +73,23 @@ void ZBOutputFormatterText::_printDashes() {
     _printWordRow(kDashes, kDashes, kDashes, kDashes, kDashes, kDashes, kDashes);
 }
 
-void ZBOutputFormatterText::_printSizeRow(const SizeTotals& sizes, const char* category) {
+void ZBOutputFormatterText::_printSizeRow(const SizeTotals& totals, const char* category) {
+    const SizeCounts& sizes = totals.sizes;
     const auto textIfShown = [this](OutputOptions option, std::uint64_t size) {
         return _shows(option) ? formattedStringForSize(size) : std::string();
     };
-    // "Dirty" is all that the process is charged for: what was dirty stays so in swap.
-    _printWordRow(formattedStringForSize(sizes.totalDirtySize + sizes.totalSwappedSize).c_str(),
-                  textIfShown(kShowSwapped, sizes.totalSwappedSize).c_str(),
-                  formattedStringForSize(sizes.totalCleanSize).c_str(),
-                  formattedStringForSize(sizes.totalReclaimableSize).c_str(),
-                  textIfShown(kShowWired, sizes.totalWiredSize).c_str(),
-                  std::to_string(static_cast<std::int32_t>(sizes.totalRegions)).c_str(), category);
+    _printWordRow(
+        formattedStringForSize(sizes.charged()).c_str(), textIfShown(kShowSwapped, sizes.swapped).c_str(),
+        formattedStringForSize(sizes.clean).c_str(), formattedStringForSize(sizes.reclaimable).c_str(),
+        textIfShown(kShowWired, sizes.wired).c_str(),
+        std::to_string(static_cast<std::int32_t>(totals.totalRegions)).c_str(), category);
 }
 
 void ZBOutputFormatterText::_printTable(const Categories& categories, const std::vector<Name>& sortedKeys,
                                         const SizeTotals& total) {
     _printWordRow("Dirty", "(Swapped)", "Clean", "Reclaimable", "(Wired)", "Regions", "Category");
     _printDashes();
-    for (const Name key : sortedKeys) _printSizeRow(totalsOf(*categories.at(key)), key.c_str());
+    for (const Name key : sortedKeys) _printSizeRow(categories.at(key)->totals(), key.c_str());
     _printDashes();
     _printSizeRow(total, "TOTAL");
 }
@@ -132,7 +131,7 @@ void ZBOutputFormatterText::printSharedCategories(const Categories& categories,
     } else {
         const char* separator = "Shared with";
         for (const ZBProcess* member : sharedWith.members()) {
-            if (*member == process) continue;
+            if (member == &process) continue;
             std::fprintf(_output, "%s %s", separator, member->displayString().c_str());
             separator = ",";
         }
@@ -201,8 +200,7 @@ void ZBOutputFormatterText::printSummaryCategories(const Categories& categories,
     _printPhysZorbelBreakdownEnabled();
     if (_processCount == 1) return;
     _printSeparator("\n");
-    std::fprintf(_output, "Summary Zorbel: %s%s\n",
-                 formattedStringForSize(total.totalDirtySize + total.totalSwappedSize).c_str(),
+    std::fprintf(_output, "Summary Zorbel: %s%s\n", formattedStringForSize(total.sizes.charged()).c_str(),
                  hadErrors ? " (may be invalid due to errors)" : "");
     _printSeparator("\n\n");
     _printTable(categories, sortedKeys, total);

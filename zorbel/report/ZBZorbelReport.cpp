@@ -15,7 +15,7 @@ struct ZBZorbel::GroupSummary {
         : categories(_summarizedCategoriesForCategories(_categoriesForObjects(objects), summarize, total)),
           sortedKeys(_sortedKeysForCategories(categories)) {}
 
-    [[nodiscard]] std::uint64_t chargedSize() const { return total.totalDirtySize + total.totalSwappedSize; }
+    [[nodiscard]] std::uint64_t chargedSize() const { return total.sizes.charged(); }
 
     SizeTotals total;
     Categories categories;
@@ -35,10 +35,11 @@ class ZBZorbel::GroupSummaries {
             _summaries.try_emplace(&group, objects, summarize);
     }
 
-    /// The groups of a process: itself alone first, then by descending dirty + swapped size, then by pids.
-    [[nodiscard]] std::vector<Entry> groupsOfPid(std::int32_t pid) const {
+    /// The groups of a process: itself alone first, then by descending dirty + swapped size, then by their
+    /// members.
+    [[nodiscard]] std::vector<Entry> groupsOf(const ZBProcess& process) const {
         std::vector<Entry> entries;
-        const auto found = _sharing.processToProcessGroups().find(pid);
+        const auto found = _sharing.processToProcessGroups().find(process.ordinal());
         if (found == _sharing.processToProcessGroups().end()) return entries;
         for (const ProcessGroup* group : found->second) entries.push_back({group, &_summaries.at(group)});
         std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
@@ -60,11 +61,11 @@ class ZBZorbel::GroupSummaries {
 void ZBZorbel::_printProcess(const ZBProcess& process, const GroupSummaries& summaries) {
     for (const auto& formatter : _outputFormatters) {
         formatter->printProcessHeader(process);
-        if (process.errors().empty()) formatter->printProcessTotal(_zorbelOfPid(process.pid()), process);
+        if (process.errors().empty()) formatter->printProcessTotal(_zorbelOf(process), process);
         formatter->endProcessHeader(process);
     }
     if (!process.errors().empty()) return;
-    for (const auto& [group, summary] : summaries.groupsOfPid(process.pid()))
+    for (const auto& [group, summary] : summaries.groupsOf(process))
         for (const auto& formatter : _outputFormatters) {
             if (group->size() == 1)
                 formatter->printProcessCategories(summary->categories, summary->sortedKeys, summary->total);

@@ -1,0 +1,103 @@
+// Single pages of real processes.
+
+#include "linux/LinuxPlatform.h"
+
+#include <gmock/gmock.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <csignal>
+
+namespace zorbel::test {
+namespace {
+
+constexpr std::uint64_t kLargest = 1 << 28;  // Sanitizers reserve terabytes.
+
+/// A process with memory of several kinds, stopped.
+class LinuxPlatformTest : public testing::Test {
+  protected:
+    LinuxPlatformTest() : page(machine.vm_kernel_page_size()), child(fork()) {
+        if (child == 0) makeMemoryAndStop();
+        siginfo_t info{};
+        waitid(P_PID, static_cast<id_t>(child), &info, WSTOPPED | WEXITED);
+        isStopped = info.si_code == CLD_STOPPED;
+    }
+    ~LinuxPlatformTest() override { end(); }
+
+    void end() {
+        if (child == 0) return;
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        child = 0;
+    }
+
+    [[noreturn]] void makeMemoryAndStop() const {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const auto map = [this](int flags, int fd) {
+            void* start = mmap(nullptr, 2000 * page, PROT_READ | PROT_WRITE, flags, fd, 0);
+            return start == MAP_FAILED ? nullptr : static_cast<volatile char*>(start);
+        };
+        const int file = memfd_create("file", MFD_CLOEXEC);
+        if (ftruncate(file, static_cast<off_t>(2000 * page)) != 0) _exit(1);
+        for (volatile char* start : {map(MAP_PRIVATE | MAP_ANONYMOUS, -1), map(MAP_SHARED, file),
+                                     map(MAP_PRIVATE, file), map(MAP_SHARED | MAP_ANONYMOUS, -1)})
+            for (std::size_t i = 0; i < 2000; i += i % 7 + 1) start[i * page] = 1;
+        for (;;) kill(getpid(), SIGSTOP);
+    }
+
+    StreamDiagnostics diagnostics{stderr};
+    LinuxPlatform machine{diagnostics};
+    std::uint64_t page;
+    pid_t child;
+    bool isStopped = false;
+};
+
+TEST_F(LinuxPlatformTest, PageQueriesAgreeWithTheCountsOfRegions) {
+    ASSERT_TRUE(isStopped);
+    TaskName task = kTaskNull;
+    ASSERT_EQ(machine.task_for_pid(child, task), kKernSuccess);
+    machine.readTask(task);
+    std::uint64_t size = 0;
+    std::uint64_t pages = 0;
+    RegionInfoRecord record;
+    for (std::uint64_t address = 0;
+         machine.mach_vm_region_recurse(task, address, size, record) == kKernSuccess; address += size) {
+        if (size > kLargest || machine.proc_regionfilename(task, address).text().starts_with('[')) continue;
+        // From the middle of the first page on, and with more room than is wanted.
+        std::vector<std::int32_t> dispositions(size / page + 3, -1);
+        std::uint64_t count = dispositions.size();
+        ASSERT_EQ(machine.mach_vm_page_range_query(task, address + page / 2, size - page / 2 - 1,
+                                                   dispositions.data(), count),
+                  kKernSuccess);
+        ASSERT_EQ(count, size / page);
+        std::uint32_t present = 0;
+        for (const std::int32_t disposition : std::span(dispositions).first(count)) {
+            if ((disposition & kPageQueryPresent) != 0) ++present;
+            EXPECT_NE(disposition & (kPageQueryDirty | kPageQueryExternal),
+                      kPageQueryDirty | kPageQueryExternal);
+        }
+        EXPECT_EQ(dispositions[count], -1);
+        const Name path = machine.proc_regionfilename(task, address);
+        EXPECT_EQ(present, record.pages_resident) << path.text() << " at " << std::hex << address;
+        pages += present;
+    }
+    EXPECT_GT(pages, 2000U);
+}
+
+TEST_F(LinuxPlatformTest, PageQueriesReachOverGapsAndFailForTheDead) {
+    ASSERT_TRUE(isStopped);
+    TaskName task = kTaskNull;
+    ASSERT_EQ(machine.task_for_pid(child, task), kKernSuccess);
+    machine.readTask(task);
+    std::int32_t dispositions[3] = {-1, -1, -1};
+    std::uint64_t count = 2;
+    EXPECT_EQ(machine.mach_vm_page_range_query(task, 0, 3 * page, dispositions, count), kKernSuccess);
+    EXPECT_EQ(count, 2U);
+    EXPECT_THAT(dispositions, testing::ElementsAre(0, 0, -1));
+    end();
+    EXPECT_EQ(machine.mach_vm_page_range_query(task, 0, 3 * page, dispositions, count), kKernInvalidArgument);
+}
+
+}  // namespace
+}  // namespace zorbel::test

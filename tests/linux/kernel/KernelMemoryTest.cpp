@@ -1,0 +1,71 @@
+// The kernel's memory, as kernels of several versions tell it.
+
+#include "linux/kernel/KernelMemory.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <sstream>
+
+#include "support/TestData.h"
+
+namespace zorbel::test {
+namespace {
+
+/// All that comes of the texts in a directory: zones, other records, modules and sources.
+std::string accountOf(const std::string& directory) {
+    KernelTexts texts;
+    texts.slabinfo = testData(directory + "/slabinfo");
+    texts.vmallocinfo = testData(directory + "/vmallocinfo");
+    texts.allocinfo = testData(directory + "/allocinfo");
+    texts.modules = testData(directory + "/modules");
+    texts.meminfo = testData(directory + "/meminfo");
+    texts.zoneinfo = testData(directory + "/zoneinfo");
+    texts.zramStats = {testData(directory + "/mm_stat"), ""};
+    KernelMemory memory(texts, 4096);
+    const KernelMemoryAccount account = memory.account();
+    std::ostringstream text;
+    for (std::size_t i = 0; i < account.zones.size(); ++i) {
+        const ZoneInfoRecord& zone = account.zones[i];
+        text << account.zoneNames[i].mzn_name << ": " << zone.mzi_count << " of " << zone.mzi_elem_size
+             << " in " << zone.mzi_cur_size << ", " << zone.mzi_collectable << " free\n";
+    }
+    for (const MemoryInfoRecord& record : account.memory) {
+        text << std::hex << record.flags << " " << record.site << std::dec << ": " << record.size << "+"
+             << record.mapped << " " << record.name;
+        if (const auto symbol = memory.symbolOfSite(record.site); symbol && (record.flags & 0xFF) == 2)
+            text << *symbol;
+        if (const auto source = memory.sourceOfSite(record.site); source && (record.flags & 0xFF) == 2)
+            text << " " << source->path << ":" << source->line;
+        text << "\n";
+    }
+    for (const KernelModuleInfo& module : memory.modules())
+        text << *module.bundleIdentifier << " " << *module.loadTag << "\n";
+    EXPECT_EQ(memory.release(&text), false);
+    for (const void* array :
+         {static_cast<const void*>(account.zoneNames.data()), static_cast<const void*>(account.zones.data()),
+          static_cast<const void*>(account.memory.data())}) {
+        EXPECT_TRUE(memory.release(array));
+        EXPECT_FALSE(memory.release(array));
+    }
+    return text.str();
+}
+
+TEST(KernelMemoryTest, EveryVersionOfTheTextsIsUnderstood) {
+    for (const std::string directory : {"kernel-5.10", "kernel-6.1", "kernel-6.18"})
+        EXPECT_EQ(accountOf(directory), testData(directory + "/account.txt")) << directory;
+}
+
+TEST(KernelMemoryTest, NoModuleAndNoFunctionIsTakenForLockedMemory) {
+    KernelTexts texts;
+    for (int i = 0; i < 30; ++i) {
+        texts.modules += "module 4096 0 - Live 0x0\n";
+        texts.vmallocinfo += "0x1-0x2 8192 function" + std::to_string(i) + "+0x1/0x2 pages=1 vmalloc\n";
+    }
+    const KernelMemory memory(texts, 4096);
+    const auto isSite24 = [](const MemoryInfoRecord& record) { return record.site == 24; };
+    EXPECT_EQ(std::ranges::count_if(memory.account().memory, isSite24), 1);  // The locked memory itself.
+}
+
+}  // namespace
+}  // namespace zorbel::test

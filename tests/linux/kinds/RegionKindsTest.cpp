@@ -1,0 +1,212 @@
+// The kinds, objects and figures of regions, from smaps to snapshot.
+
+#include "linux/kinds/RegionKinds.h"
+
+#include <gmock/gmock.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <tuple>
+
+#include "base/Files.h"
+#include "linux/TaskSnapshot.h"
+
+namespace zorbel::test {
+namespace {
+
+using enum Tag;
+
+/// Devices that no machine has: ffe:1 is a tmpfs and ffe:2 a disk. On ffe:3 is what the kernel mounts
+/// nowhere.
+constexpr const char* kMounts =
+    "31 28 4094:1 / /srv/dev\\040x rw shared:1 master:2 - tmpfs none rw\n"
+    "32 28 4094:2 / / rw - ext4 /dev/vda rw\n";
+
+class RegionKindsTest : public testing::Test {
+  protected:
+    ~RegionKindsTest() override { std::filesystem::remove_all(_path); }
+
+    /// Every region of a process that is only text, in an IPC namespace of its own.
+    std::vector<SnapshotRegion> regionsOfText(const std::string& smaps) {
+        const std::string process = _path + "/" + std::to_string(++_processes);
+        std::filesystem::create_directories(process + "/ns");
+        std::ofstream(process + "/ns/ipc");
+        std::ofstream(process + "/mountinfo") << kMounts;
+        std::ofstream(process + "/smaps") << smaps;
+        const FileDescriptor directory = openForReading(process.c_str(), -1);
+        const TaskSnapshot snapshot(directory.get(), _fileSystems, _elfFiles, _objectIds);
+        EXPECT_EQ(snapshot.codeAtEnd(), kKernInvalidAddress);
+        std::vector<SnapshotRegion> regions;
+        for (std::uint64_t at = 0; const SnapshotRegion* next = snapshot.regionAtOrAfter(at); at = next->end)
+            regions.push_back(*next);
+        return regions;
+    }
+
+    /// The same of entries without addresses, which stand apart from each other.
+    std::vector<SnapshotRegion> regionsOf(const std::vector<std::string>& entries) {
+        std::string smaps;
+        for (int page = 1000; const std::string& entry : entries) {
+            const std::string start = "7f" + std::to_string(++page);
+            smaps += start + "0000-" + start + "8000 " + entry + '\n';
+        }
+        return regionsOfText(smaps);
+    }
+
+  private:
+    const std::string _path = mkdtemp(std::string("/tmp/zorbel-unit-XXXXXX").data());
+    int _processes = 0;
+    FileSystems _fileSystems;
+    ElfFiles _elfFiles;
+    ObjectIds _objectIds;
+};
+
+TEST_F(RegionKindsTest, PathsAndFlagsTell) {
+    const std::string own = "rw-p 0 00:00 0 ";
+    const std::string memory = "rw-s 0 ffe:1 7 ";
+    const std::string disk = "rw-s 0 ffe:2 7 ";
+    const std::string unmounted = "rw-s 0 ffe:3 7 ";
+    const struct {
+        Tag tag;
+        std::string mapping;
+        std::vector<std::string> paths;
+        std::string flags = "rd mr ";
+    } rows[] = {
+        {kSbrk, own, {"[heap]"}},
+        {kMallocSmall, own, {"[anon: glibc: malloc arena]", "[anon:scudo:primary]", "[anon:libc_malloc]"}},
+        {kMallocLarge, own, {"[anon: glibc: malloc]", "[anon:scudo:secondary]"}},
+        {kStack, own, {"[stack]", "[anon:stack_and_tls:4711]"}},
+        {kJitCode, "rwxp 0 00:00 0 ", {"[anon:v8]"}},
+        {kNamedAnonymous, own, {"[anon:v8]", "[anon:my own name]"}},
+        {kMemfd, unmounted, {"/memfd:big (deleted)"}},
+        {kPosixShared, memory, {"/dev/shm/sem.x (deleted)"}},
+        {kSysVShared, unmounted, {"/SYSV0000002a (deleted)"}},
+        {kSharedAnonymous, unmounted, {"/dev/zero (deleted)", "[anon_shmem:mine]"}},
+        {kTmpfs, memory, {"/run/state"}},
+        {kHugePages, unmounted, {"/memfd:big (deleted)", "/anon_hugepage (deleted)"}, "sh ms de ht "},
+        {kGpuBuffer, memory, {"/dev/dri/renderD128", "/dev/nvidiactl"}},
+        {kGpuBuffer, unmounted, {"/drm mm object (deleted)", "/i915 (deleted)"}},
+        {kDmaBuffer, unmounted, {"/dmabuf:"}},
+        {kIoUring, unmounted, {"anon_inode:[io_uring]"}},
+        {kAioRing, unmounted, {"/[aio] (deleted)"}},
+        {kPerfRing, unmounted, {"anon_inode:[perf_event]"}, "ms pf io dc de dd "},
+        {kBpfMap, unmounted, {"anon_inode:bpf-map"}},
+        {kPacketRing, unmounted, {"socket:[65759]"}},
+        {kDeviceMemory, memory, {"/dev/hpet"}},
+        {kDeviceMemory, unmounted, {"/sys/devices/pci0000:00/0000:00:02.0/resource0"}, "ms pf io "},
+        {kVdso, "r-xp 0 00:00 0 ", {"[vdso]"}},
+        {kVvar, "r--p 0 00:00 0 ", {"[vvar]", "[vvar_vclock]"}, "rd mr pf io de dd "},
+        {kUprobes, "--xp 0 00:00 0 ", {"[uprobes]"}},
+        {kVsyscall, "--xp 0 00:00 0 ", {"[vsyscall]"}},
+        // Anyone may choose such names for files on a disk.
+        {kNone, disk, {"/memfd:mine", "/SYSV00000000", "/usr/bin/cat"}},
+    };
+    for (const auto& [tag, mapping, paths, flags] : rows) {
+        for (const std::string& path : paths) {
+            const SnapshotRegion region = regionsOf({mapping + path + "\nVmFlags: " + flags}).at(0);
+            EXPECT_EQ(static_cast<Tag>(region.record.user_tag), tag) << path;
+            EXPECT_EQ(region.record.external_pager, mapping == disk ? 1 : 0) << path;
+        }
+    }
+}
+
+TEST_F(RegionKindsTest, NeighboursTellOfPlainAnonymousMemory) {
+    const std::pair<std::string, std::vector<Tag>> rows[] = {
+        {"400000 rwxp 402000", {kExecutableAnonymous}},
+        {"bffffff000 rw-p c000000000 rw-p c000400000 ---p c004000000", {kNone, kGoHeap, kReserved}},
+        // An arena, one that is all in use, one whose rest is as small as a guard, and two that are none.
+        {"7f0000000000 rw-p 7f0000021000 ---p 7f0004000000", {kMallocSmall, kReserved}},
+        {"7f0008000000 rw-p 7f000c000000", {kMallocSmall}},
+        {"7f0010000000 rw-p 7f0013fff000 ---p 7f0014000000", {kMallocSmall, kReserved}},
+        {"7f0018000000 rw-p 7f0018021000 ---p 7f001b000000", {kNone, kReserved}},
+        {"7f0020000000 r--p 7f0020021000 ---p 7f0024000000", {kNone, kReserved}},
+        // Thread stacks; what is too large for a guard.
+        {"7f0030000000 ---p 7f0030001000 rw-p 7f0030801000 ---p 7f0030901000", {kGuard, kStack, kGuard}},
+        {"7f0040000000 ---p 7f0040101000 rw-p 7f0040102000", {kReserved, kNone}},
+        // With 32-bit addresses.
+        {"f5a00000 rw-p f5a21000 ---p f5b00000 rw-p f5c00000", {kMallocSmall, kReserved, kMallocSmall}},
+        {"f5c01000 rw-p f5c22000 ---p f5d01000", {kNone, kGuard}},
+        {"f7000000 ---p f7001000 rw-p f7801000", {kGuard, kStack}},
+    };
+    for (const auto& [layout, expected] : rows) {
+        std::istringstream words(layout);
+        std::string start, permissions, end, smaps;
+        for (words >> start; words >> permissions >> end; start = end)
+            smaps += start + '-' + end + ' ' + permissions + " 0 00:00 0 \n";
+        std::vector<Tag> tags;
+        for (const SnapshotRegion& region : regionsOfText(smaps))
+            tags.push_back(static_cast<Tag>(region.record.user_tag));
+        EXPECT_EQ(tags, expected) << layout;
+    }
+    // Zeroed data of an executable image is no generated code.
+    const auto image = regionsOfText("1000-2000 rwxp 0 ffe:2 5 /usr/bin/old\n2000-3000 rwxp 0 00:00 0 \n");
+    EXPECT_EQ(static_cast<Tag>(image.at(1).record.user_tag), kNone);
+}
+
+TEST_F(RegionKindsTest, ObjectsAreTheSameExactlyWhenTheFilesAre) {
+    struct stat inode {};
+    ASSERT_EQ(fstat(FileDescriptor(eventfd(0, EFD_CLOEXEC)).get(), &inode), 0);
+    std::ostringstream bpfMap;  // One inode stands for all that there are.
+    bpfMap << std::hex << "rw-s 0 " << major(inode.st_dev) << ':' << minor(inode.st_dev) << ' ' << std::dec
+           << inode.st_ino << " anon_inode:bpf-map";
+    const std::string segment = "rw-s 0 ffe:3 32769 /SYSV00000000 (deleted)";  // Numbered on its own.
+    const std::string zeros = "rw-p 0 ffe:1 4 /dev/zero";  // Private, it is anonymous memory.
+    const auto mine =
+        regionsOf({"rw-s 0 ffe:3 32769 /memfd:a (deleted)", "r--p 0 ffe:2 32769 /lib/a",
+                   "rw-p 0 ffe:2 32769 /lib/a", segment, bpfMap.str(), bpfMap.str(), zeros, zeros});
+    const auto theirs =
+        regionsOf({"rw-s 0 ffe:3 32769 /memfd:b (deleted)", "r--p 0 ffe:2 32770 /lib/a", segment});
+    EXPECT_EQ(theirs.at(0).record.object_id, mine.at(0).record.object_id);
+    EXPECT_EQ(mine.at(1).record.object_id, mine.at(2).record.object_id);
+    std::set<std::uint32_t> different = {0};
+    for (const auto& regions : {mine, theirs})
+        for (const SnapshotRegion& region : regions) different.insert(region.record.object_id);
+    EXPECT_EQ(different.size(), 1 + mine.size() + theirs.size() - 2);
+}
+
+TEST_F(RegionKindsTest, PagesAreSharedOrNot) {
+    const std::string memory = "p 0 ffe:1 4 /run/x";
+    const std::tuple<std::string, std::uint8_t, std::uint32_t> rows[] = {
+        {"rw-p 0 00:00 0 \nRss: 0 kB", kShareModeEmpty, 0},
+        {"rw-p 0 00:00 0 \nSwap: 4 kB", kShareModePrivate, 0},
+        {"rw-s 0 ffe:3 3 /m\nShared_Hugetlb: 2048 kB\nPrivate_Hugetlb: 4096 kB", kShareModeShared, 6144},
+        // A private mapping of a file in memory is the file, until something may have been written.
+        {"rw-" + memory + "\nRss: 8 kB", kShareModeShared, 8},
+        {"rw-" + memory + "\nAnonymous: 4 kB", kShareModeCopyOnWrite, 0},
+        {"rw-" + memory + "\nSwap: 4 kB", kShareModeCopyOnWrite, 0},
+        {"r--" + memory + "\nSwap: 4 kB", kShareModeShared, 0},
+        {"r--p 0 ffe:2 4 /lib/x\nRss: 8 kB", kShareModeCopyOnWrite, 8},
+        {"r-xp 0 00:00 0 [vdso]\nRss: 8 kB", kShareModePrivate, 0},  // The same pages in every process.
+    };
+    for (const auto& [entry, shareMode, resident] : rows) {
+        const RegionInfoRecord record = regionsOf({entry}).at(0).record;
+        EXPECT_EQ(record.share_mode, shareMode) << entry;
+        EXPECT_EQ(record.pages_resident * sysconf(_SC_PAGESIZE), resident * 1024) << entry;
+    }
+}
+
+TEST(FileSystemsTest, OverlaysAreAsLocalAsTheirLayers) {
+    const auto kind = [](const std::string& options, bool areOurs = true) {
+        FileSystems fileSystems;
+        fileSystems.addMounts(
+            "1 0 4094:2 / / rw - ext4 /dev/vda rw\n2 0 4094:5 / /srv/far rw - nfs4 x:/ rw\n"
+            "3 0 4094:6 / /mnt rw shared:1 - overlay none rw," +
+                options + "\n",
+            areOurs);
+        return fileSystems.kindOf(makedev(4094, 6));
+    };
+    EXPECT_EQ(kind("lowerdir=/a:/srv/farther,upperdir=/c"), FileSystems::Kind::kLocal);
+    EXPECT_EQ(kind("lowerdir+=/a,lowerdir+=/b"), FileSystems::Kind::kLocal);
+    EXPECT_EQ(kind("lowerdir=/a,upperdir=/c", false), FileSystems::Kind::kRemote);
+    for (const char* options :
+         {"lowerdir=/a:/srv/far/b", "lowerdir=/a::/srv/far", "lowerdir=/a,upperdir=/srv/far", "lowerdir=a",
+          "lowerdir=/a\\:b", "lowerdir+=/srv/far/x", "index=off"})
+        EXPECT_EQ(kind(options), FileSystems::Kind::kRemote) << options;
+}
+
+}  // namespace
+}  // namespace zorbel::test

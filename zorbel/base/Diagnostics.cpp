@@ -1,0 +1,14 @@
+#include "base/Diagnostics.h"
+
+namespace zorbel {
+
+void StreamDiagnostics::report(std::string_view message) {
+    if (_stream == nullptr) return;
+    std::string text(message);
+    text += '\n';
+    const std::lock_guard lock(_mutex);
+    std::fwrite(text.data(), 1, text.size(), _stream);  // One write, also beside other processes.
+    std::fflush(_stream);
+}
+
+}  // namespace zorbel

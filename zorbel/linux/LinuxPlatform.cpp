@@ -1,0 +1,384 @@
+#include "linux/LinuxPlatform.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "base/Utf8.h"
+#include "linux/process/PageSize.h"
+#include "linux/process/ProcessDirectory.h"
+#include "linux/process/ProcessStat.h"
+#include "memgraph/MemoryGraph.h"
+
+namespace zorbel {
+
+namespace {
+
+constexpr KernReturn kErrnoBase = kernReturnFromErrno(0);
+
+/// Descriptors left free for standard streams and the like, and for each worker: it reads one file of a
+/// process at a time, or three, from a directory or two that it may have had to open.
+constexpr unsigned kSpareDescriptors = 32;
+constexpr unsigned kWorkerDescriptors = 6;
+
+constexpr const char* kSelfRegionZorbel = "vm.self_region_zorbel";
+
+FileDescriptor openProcessDirectory(const SystemRoot& root, std::int32_t pid) {
+    return openDirectory(root.ofProcess(pid).c_str(), AT_FDCWD);
+}
+
+bool saysGone(int error) { return error == ENOENT || error == ESRCH; }
+
+std::optional<ProcessStat> readStat(int processDirectory) {
+    const auto text = readWholeFile("stat", processDirectory);
+    return text ? parseProcessStat(*text) : std::nullopt;
+}
+
+/// Copies as much of a text as a field holds.
+template <std::size_t size>
+void copyText(char (&field)[size], const std::string& text) {
+    std::memcpy(field, text.data(), std::min(size, text.size()));
+}
+
+/// Whether the number belongs to a thread other than the first one of a process. Such a thread has a
+/// directory under /proc, too, but not in the list.
+bool isThread(std::int32_t pid) {
+    const FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    return !process.isOpen() && (errno == EINVAL || errno == ENOENT);
+}
+
+BsdInfoRecord recordOfKernel() {
+    BsdInfoRecord record;
+    record.pbi_flags = BsdInfoRecord::kFlagSystem | BsdInfoRecord::kFlag64Bit;
+    copyText(record.pbi_comm, "kernel");
+    copyText(record.pbi_name, "kernel");
+    return record;
+}
+
+/// A number in a variable of the environment, and nothing else; 0 where there is none.
+std::int32_t numberInEnvironment(const char* variable) {
+    const char* text = std::getenv(variable);
+    if (text == nullptr) return 0;
+    const char* end = text + std::strlen(text);
+    std::int32_t number = 0;
+    const auto [parsed, error] = std::from_chars(text, end, number);
+    return error == std::errc() && parsed == end ? number : 0;
+}
+
+/// Whether the descriptor is a directory on /proc/PID of a process that has not given its memory up.
+bool isProcessDirectory(int fd) {
+    struct statfs system {};
+    if (fstatfs(fd, &system) != 0 || system.f_type != PROC_SUPER_MAGIC) return false;
+    return anyTask(fd, [fd](const std::string& place) {
+        const auto text = readWholeFile((place + "stat").c_str(), fd);
+        const auto stat = text ? parseProcessStat(*text) : std::nullopt;
+        return stat && !stat->hasEnded() && (stat->flags & ProcessStat::kKernelThread) == 0;
+    });
+}
+
+/// Raises the soft limit; returns the number from which on descriptors are not to be kept.
+int raiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlim_t spare = kSpareDescriptors + kWorkerDescriptors * std::thread::hardware_concurrency();
+    return static_cast<int>(std::clamp<rlim_t>(limit.rlim_cur, spare, INT32_MAX) - spare);
+}
+
+/// An argument area without arguments: nobody asks for more than the path.
+std::string areaOf(const std::string& path) {
+    constexpr std::size_t kCountSize = 4;
+    return std::string(kCountSize, '\0') + printable(path) + '\0';
+}
+
+}  // namespace
+
+/// The /proc directory of a task, opened for as long as it is looked at where the task keeps none.
+class LinuxPlatform::TaskDirectory {
+  public:
+    TaskDirectory(const Task& task, const SystemRoot& root) : _fd(task.directory.get()) {
+        if (_fd >= 0) return;
+        _opened = openProcessDirectory(root, task.pid);
+        if (!_opened.isOpen()) return;
+        const auto stat = readStat(_opened.get());
+        if (stat && stat->startTime == task.startTime) _fd = _opened.get();
+    }
+
+    /// Never AT_FDCWD and never another process's; -1 when the process is gone.
+    [[nodiscard]] int get() const { return _fd; }
+
+  private:
+    FileDescriptor _opened;
+    int _fd;
+};
+
+LinuxPlatform::LinuxPlatform(Diagnostics& diagnostics, SystemRoot root)
+    : _diagnostics(diagnostics),
+      _root(std::move(root)),
+      _fileSystems(_root.proc),
+      _mostDescriptors(raiseDescriptorLimit()) {}
+LinuxPlatform::~LinuxPlatform() = default;
+
+std::uint32_t LinuxPlatform::vm_kernel_page_size() const {
+    return static_cast<std::uint32_t>(sysconf(_SC_PAGESIZE));
+}
+
+bool LinuxPlatform::proc_listallpids(std::vector<std::int32_t>& pids) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir(_root.proc.c_str()), &closedir);
+    if (!proc) return false;
+    pids = {0};
+    while (const dirent* entry = readdir(proc.get())) {
+        const char* end = entry->d_name + std::strlen(entry->d_name);
+        std::int32_t pid = 0;
+        const auto [parsed, error] = std::from_chars(entry->d_name, end, pid);
+        if (error == std::errc() && parsed == end) pids.push_back(pid);
+    }
+    std::sort(pids.begin(), pids.end());
+    return true;
+}
+
+bool LinuxPlatform::proc_pidinfo(std::int32_t pid, BsdInfoRecord& record) {
+    if (pid == 0) {
+        record = recordOfKernel();
+        return true;
+    }
+    if (isThread(pid)) return false;
+    const auto text = readWholeFile(_root.ofProcess(pid, "/stat").c_str(), AT_FDCWD);
+    const auto stat = text ? parseProcessStat(*text) : std::nullopt;
+    if (!stat || (stat->flags & ProcessStat::kKernelThread) != 0) return false;
+    record = {};
+    record.pbi_pid = static_cast<std::uint32_t>(pid);
+    record.pbi_ppid = static_cast<std::uint32_t>(stat->parentPid);
+    if (stat->is64bit()) record.pbi_flags |= BsdInfoRecord::kFlag64Bit;
+    if (stat->terminal != 0) record.pbi_flags |= BsdInfoRecord::kFlagControllingTerminal;
+    copyText(record.pbi_comm, printable(stat->command, sizeof record.pbi_comm));
+    copyText(record.pbi_name, printable(stat->command, sizeof record.pbi_name));
+    return true;
+}
+
+int LinuxPlatform::proc_pidinfo(TaskName task, BsdShortInfoRecord& record) {
+    const TaskDirectory directory(_taskNamed(task), _root);
+    if (directory.get() < 0) return ESRCH;
+    const auto text = readWholeFile("stat", directory.get());
+    if (!text) return saysGone(text.error().code) ? ESRCH : text.error().code;
+    const auto stat = parseProcessStat(*text);
+    if (!stat) return EIO;
+    // A process gives up its memory before it counts as a zombie, which takes a while where there is much of
+    // it.
+    const bool isEnding = stat->hasEnded() || (stat->flags & ProcessStat::kExiting) != 0;
+    record.pbsi_status = isEnding ? BsdShortInfoRecord::kStateZombie : BsdShortInfoRecord::kStateRunning;
+    return 0;
+}
+
+bool LinuxPlatform::sysctl_procargs(std::int32_t pid, std::string& area) {
+    const auto path = pathOfProgram(AT_FDCWD, _root.ofProcess(pid, "/"));
+    if (path) area = areaOf(*path);
+    return path.has_value();
+}
+
+bool LinuxPlatform::sysctl_procargs(TaskName task, std::string& area) {
+    const TaskDirectory directory(_taskNamed(task), _root);
+    if (directory.get() < 0) return false;
+    const auto path = pathOfProgram(directory.get());
+    if (path) area = areaOf(*path);
+    return path.has_value();
+}
+
+KernReturn LinuxPlatform::task_for_pid(std::int32_t pid, TaskName& task) {
+    task = kTaskNull;
+    Task opened;
+    opened.pid = pid;
+    opened.directory = openProcessDirectory(_root, pid);
+    if (opened.directory.isOpen()) {
+        const FileDescriptor maps = openForReading("maps", opened.directory.get());
+        if (!maps.isOpen() && !saysGone(errno)) return kernReturnFromErrno(errno);
+        if (opened.directory.get() >= _mostDescriptors) {
+            if (const auto stat = readStat(opened.directory.get())) opened.startTime = stat->startTime;
+            opened.directory = FileDescriptor();
+        }
+    } else if (!saysGone(errno)) {
+        return kernReturnFromErrno(errno);
+    }
+    _tasks.push_back(std::move(opened));
+    task = static_cast<TaskName>(_tasks.size());
+    return kKernSuccess;
+}
+
+KernReturn LinuxPlatform::mach_ports_lookup(std::vector<TaskName>& ports) {
+    constexpr int kFirstDescriptor = 3;
+    ports.clear();
+    if (numberInEnvironment("LISTEN_PID") != getpid() || numberInEnvironment("LISTEN_FDS") < 1)
+        return kernReturnFromErrno(ENOENT);
+    if (!isProcessDirectory(kFirstDescriptor)) return kKernInvalidArgument;
+    fcntl(kFirstDescriptor, F_SETFD, FD_CLOEXEC);
+    _tasks.emplace_back().directory = FileDescriptor(kFirstDescriptor);
+    ports.push_back(static_cast<TaskName>(_tasks.size()));
+    return kKernSuccess;
+}
+
+const ProcessStatus* LinuxPlatform::_statusOf(TaskName name) {
+    if (name == kTaskNull) return nullptr;
+    Task& task = _taskNamed(name);
+    if (task.status) return &*task.status;
+    const TaskDirectory directory(task, _root);
+    if (directory.get() < 0) return nullptr;
+    anyTask(directory.get(), [&](const std::string& place) {
+        const auto text = readWholeFile((place + "status").c_str(), directory.get());
+        if (text) task.status = parseProcessStatus(*text);
+        return task.status.has_value();
+    });
+    return task.status ? &*task.status : nullptr;
+}
+
+KernReturn LinuxPlatform::task_info(TaskName task, KernelMemoryRecord& record) {
+    const ProcessStatus* status = _statusOf(task);
+    if (status == nullptr) return kMachSendInvalidDest;
+    record = {};
+    record.total_palloc = status->pageTables + status->threads * kernelStackSize();
+    return kKernSuccess;
+}
+
+int LinuxPlatform::proc_pid_rusage(TaskName task, ResourceUsageRecord& record) {
+    const ProcessStatus* status = _statusOf(task);
+    if (status == nullptr) return ESRCH;
+    record.ri_phys_zorbel = status->charge();
+    record.ri_lifetime_max_phys_zorbel = std::max(status->charge(), status->residentPeak);
+    return 0;
+}
+
+int LinuxPlatform::proc_get_dirty(std::int32_t /*pid*/, std::uint32_t& flags) {
+    flags = 0;
+    return 0;
+}
+
+void LinuxPlatform::readTask(TaskName name) {
+    Task& task = _taskNamed(name);
+    const TaskDirectory directory(task, _root);
+    if (directory.get() < 0) return;
+    task.snapshot = std::make_unique<TaskSnapshot>(directory.get(), _fileSystems, _elfFiles, _objectIds);
+}
+
+void LinuxPlatform::forgetTask(TaskName task) { _taskNamed(task).snapshot.reset(); }
+
+KernReturn LinuxPlatform::mach_vm_region_recurse(TaskName task, std::uint64_t& address, std::uint64_t& size,
+                                                 RegionInfoRecord& record) {
+    const TaskSnapshot* snapshot = _taskNamed(task).snapshot.get();
+    if (snapshot == nullptr) return kMachSendInvalidDest;
+    const SnapshotRegion* region = snapshot->regionAtOrAfter(address);
+    if (region == nullptr) return snapshot->codeAtEnd();
+    address = region->start;
+    size = region->size();
+    record = region->record;
+    return kKernSuccess;
+}
+
+KernReturn LinuxPlatform::mach_vm_region(TaskName task, std::uint64_t& address, std::uint64_t& size,
+                                         BasicRegionInfoRecord& record) {
+    RegionInfoRecord leaf;
+    const KernReturn code = mach_vm_region_recurse(task, address, size, leaf);
+    record = {leaf.protection, leaf.max_protection, leaf.inheritance,
+              leaf.offset,     leaf.behavior,       leaf.user_wired_count};
+    return code;
+}
+
+KernReturn LinuxPlatform::mach_vm_page_range_query(TaskName task, std::uint64_t address, std::uint64_t size,
+                                                   std::int32_t* dispositions, std::uint64_t& count) {
+    const Task& opened = _taskNamed(task);
+    const TaskDirectory directory(opened, _root);
+    if (directory.get() < 0 || !opened.snapshot) return kKernInvalidArgument;
+    const std::uint64_t page = vm_kernel_page_size();
+    const std::uint64_t inPage = address % page;
+    count = std::min(count, (inPage + size + page - 1) / page);
+    return opened.snapshot->queryPages(directory.get(), address - inPage, count, dispositions);
+}
+
+void LinuxPlatform::forEachSymbolOwner(TaskName task,
+                                       const std::function<void(const SymbolOwner&)>& consume) {
+    if (const auto& snapshot = _taskNamed(task).snapshot) snapshot->images().forEachOwner(consume);
+}
+
+KernReturn LinuxPlatform::mach_vm_purgable_control(TaskName /*task*/, std::uint64_t /*address*/, int& state) {
+    state = kPurgeableDeny;
+    return kKernSuccess;
+}
+
+Name LinuxPlatform::proc_regionfilename(TaskName task, std::uint64_t address) {
+    const Task& opened = _taskNamed(task);
+    if (!opened.snapshot) return {};
+    const SnapshotRegion* region = opened.snapshot->regionAtOrAfter(address);
+    return region != nullptr && region->start <= address ? region->path : Name();
+}
+
+KernReturn LinuxPlatform::mach_memory_info(KernelMemoryAccount& account) {
+    const auto texts = readKernelTexts(_root);
+    if (!texts) return kernReturnFromErrno(texts.error().code);
+    _kernelMemory = std::make_unique<KernelMemory>(*texts, pageSize());
+    account = _kernelMemory->account();
+    return kKernSuccess;
+}
+
+KernReturn LinuxPlatform::vm_deallocate(const void* address, std::uint64_t size) {
+    const bool isKnown = size == 0 || (_kernelMemory && _kernelMemory->release(address));
+    return isKnown ? kKernSuccess : kKernInvalidAddress;
+}
+
+std::vector<KernelModuleInfo> LinuxPlatform::OSKextCopyLoadedKextInfo() {
+    return _kernelMemory ? _kernelMemory->modules() : std::vector<KernelModuleInfo>();
+}
+
+std::optional<std::string> LinuxPlatform::nameOfKernelSymbol(std::uint64_t address) {
+    return _kernelMemory ? _kernelMemory->symbolOfSite(address) : std::nullopt;
+}
+
+std::optional<SourceLocation> LinuxPlatform::sourceOfKernelAddress(std::uint64_t address) {
+    return _kernelMemory ? _kernelMemory->sourceOfSite(address) : std::nullopt;
+}
+
+Result<std::unique_ptr<MemoryGraphReader>> LinuxPlatform::openMemoryGraph(std::string_view contents) {
+    auto graph = parseMemoryGraph(contents);
+    if (!graph) return graph.error();
+    const Name capture(graph->capture);
+    for (GraphRegion& region : graph->regions)
+        if (region.object_id != 0) region.object_id = _objectIds.idOfSaved(capture, region.object_id);
+    return std::make_unique<LoadedMemoryGraph>(*std::move(graph));
+}
+
+int LinuxPlatform::sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) {
+    // The one setting there is; the kernel knows nothing of it.
+    if (std::strcmp(name, kSelfRegionZorbel) != 0) return ENOENT;
+    if (oldValue != nullptr) *oldValue = _selfRegionZorbel;
+    if (newValue != nullptr) _selfRegionZorbel = *newValue;
+    return 0;
+}
+
+std::string LinuxPlatform::mach_error_string(KernReturn code) const {
+    switch (code) {
+        case kKernSuccess:
+            return "Success";
+        case kKernInvalidAddress:
+            return "Invalid address";
+        case kMachSendInvalidDest:
+            return "Address space no longer exists";
+        default:
+            break;
+    }
+    if (code >= kErrnoBase && code < kMachSendInvalidDest) {
+        if (const char* text = strerrordesc_np(static_cast<int>(code - kErrnoBase))) return text;
+    }
+    return "Unknown error " + std::to_string(code);
+}
+
+}  // namespace zorbel

@@ -1,0 +1,93 @@
+#include "linux/images/ElfFile.h"
+
+#include <gelf.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+
+namespace zorbel {
+
+namespace {
+
+/// Linkers write a dozen or two.
+constexpr std::size_t kMostHeaders = 128;
+
+struct ElfEnd {
+    void operator()(Elf* elf) const { elf_end(elf); }
+};
+
+GElf_Phdr widened(const Elf32_Phdr& row) {
+    return {row.p_type,  row.p_flags,  row.p_offset, row.p_vaddr,
+            row.p_paddr, row.p_filesz, row.p_memsz,  row.p_align};
+}
+
+/// The table in the byte order of this machine.
+template <typename Row>
+std::vector<Row> translated(Elf* elf, std::vector<char>& table, unsigned char byteOrder) {
+    std::vector<Row> rows(table.size() / sizeof(Row));
+    Elf_Data from{};
+    from.d_buf = table.data();
+    from.d_type = ELF_T_PHDR;
+    from.d_size = table.size();
+    from.d_version = EV_CURRENT;
+    Elf_Data to = from;
+    to.d_buf = rows.data();
+    if (gelf_xlatetom(elf, &to, &from, byteOrder) == nullptr) rows.clear();
+    return rows;
+}
+
+/// The program headers. Only they and the file's header are read, and no more than a sane file has: what the
+/// file says of its sections or its size is a stranger's word.
+std::vector<GElf_Phdr> programHeaders(int fd) {
+    static const unsigned kVersion = elf_version(EV_CURRENT);
+    alignas(GElf_Ehdr) std::array<char, sizeof(GElf_Ehdr)> start{};
+    const ssize_t length = pread(fd, start.data(), start.size(), 0);
+    if (kVersion == EV_NONE || length <= 0) return {};
+    const std::unique_ptr<Elf, ElfEnd> elf(elf_memory(start.data(), static_cast<std::size_t>(length)));
+    GElf_Ehdr header{};
+    if (!elf || gelf_getehdr(elf.get(), &header) == nullptr) return {};
+    if ((header.e_type != ET_EXEC && header.e_type != ET_DYN) || header.e_phnum > kMostHeaders) return {};
+    const std::size_t size = gelf_fsize(elf.get(), ELF_T_PHDR, header.e_phnum, EV_CURRENT);
+    std::vector<char> table(size);
+    const ssize_t count = pread(fd, table.data(), size, static_cast<off_t>(header.e_phoff));
+    if (size == 0 || count != static_cast<ssize_t>(size)) return {};
+    const unsigned char byteOrder = header.e_ident[EI_DATA];
+    if (header.e_ident[EI_CLASS] == ELFCLASS64) return translated<GElf_Phdr>(elf.get(), table, byteOrder);
+    std::vector<GElf_Phdr> rows;
+    for (const Elf32_Phdr& row : translated<Elf32_Phdr>(elf.get(), table, byteOrder))
+        rows.push_back(widened(row));
+    return rows;
+}
+
+/// Whether segments follow each other and end where addresses do at the latest.
+bool isOrdered(const std::vector<ElfSegment>& segments) {
+    std::uint64_t end = 0;
+    for (const ElfSegment& segment : segments) {
+        if (segment.address < end || segment.end() <= segment.address) return false;
+        if (segment.offset + segment.fileSize < segment.offset || segment.fileSize > segment.memorySize)
+            return false;
+        end = segment.end();
+    }
+    return !segments.empty();
+}
+
+}  // namespace
+
+std::optional<ElfLayout> readElfLayout(int fd) {
+    ElfLayout layout;
+    for (const GElf_Phdr& row : programHeaders(fd)) {
+        if (row.p_type == PT_GNU_RELRO && row.p_vaddr + row.p_memsz > row.p_vaddr) {
+            layout.relroStart = row.p_vaddr;
+            layout.relroEnd = row.p_vaddr + row.p_memsz;
+        }
+        if (row.p_type != PT_LOAD || row.p_memsz == 0) continue;
+        layout.segments.push_back({row.p_offset, row.p_vaddr, row.p_filesz, row.p_memsz,
+                                   (row.p_flags & PF_W) != 0, (row.p_flags & PF_X) != 0});
+    }
+    if (!isOrdered(layout.segments)) return std::nullopt;
+    return layout;
+}
+
+}  // namespace zorbel

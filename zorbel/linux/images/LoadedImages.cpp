@@ -1,0 +1,180 @@
+#include "linux/images/LoadedImages.h"
+
+#include <algorithm>
+#include <optional>
+
+#include "linux/process/PageSize.h"
+
+namespace zorbel {
+
+namespace {
+
+constexpr std::int32_t kWrite = 2;
+constexpr std::int32_t kExecute = 4;
+
+struct SegmentNames {
+    Name text{"__TEXT"};
+    Name data{"__DATA"};
+    Name constantData{"__DATA_CONST"};
+    Name linkedit{"__LINKEDIT"};
+};
+
+const SegmentNames& names() {
+    static const SegmentNames kNames;
+    return kNames;
+}
+
+std::uint64_t pageStart(std::uint64_t address) { return address & ~(pageSize() - 1); }
+std::uint64_t pageEnd(std::uint64_t address) { return pageStart(address + pageSize() - 1); }
+
+bool isExecutable(const SnapshotRegion& region) { return (region.record.protection & kExecute) != 0; }
+
+/// Whether the region shows that its file is run, not only read. Programs map ELF files to read them, too.
+bool isLoaded(const SnapshotRegion& region) {
+    return region.fileUse != FileUse::kNone && region.isPrivate && (isExecutable(region) || region.isWritten);
+}
+
+/// Name of a file's region that is told by the region alone.
+Name nameByAccess(const SnapshotRegion& region) {
+    if (isExecutable(region)) return names().text;
+    if ((region.record.protection & kWrite) != 0) return names().data;
+    if (region.isWritten) return names().constantData;
+    return region.record.offset == 0 ? names().linkedit : names().text;
+}
+
+/// The segment that the region maps the first part of; null when the file is not loaded there as its headers
+/// say.
+const ElfSegment* segmentOf(const SnapshotRegion& region, const ElfLayout& layout) {
+    for (const ElfSegment& segment : layout.segments) {
+        const bool isAlike = isExecutable(region) ? segment.isExecutable : segment.isWritable;
+        const std::uint64_t offset = region.record.offset;
+        if (isAlike && pageStart(segment.offset) <= offset && offset < segment.offset + segment.fileSize)
+            return &segment;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+/// One search through the regions of a process.
+class LoadedImages::Finder {
+  public:
+    Finder(std::span<const SnapshotRegion> regions, LoadedImages& images)
+        : _regions(regions), _images(images) {}
+
+    void find(ElfFiles& files, int processDirectory) {
+        for (std::size_t i = 0; i < _regions.size(); ++i) {
+            const SnapshotRegion& region = _regions[i];
+            if (!isLoaded(region)) continue;
+            FoundFile& file = _found[region.fileId];
+            if (region.start < file.end) continue;
+            if (!file.answer) file.answer = files.answerFor(region, processDirectory);
+            if (file.answer->kind == ElfFiles::Kind::kElf)
+                file.end = std::max(file.end, _addByHeaders(region, *file.answer->layout, file.end));
+            if (file.answer->kind == ElfFiles::Kind::kUnreadable && isExecutable(region))
+                file.end = _addByRegions(i);
+        }
+    }
+
+  private:
+    struct FoundFile {
+        std::optional<ElfFiles::Answer> answer;
+        std::uint64_t end = 0;  ///< Of the file's image that was found last.
+    };
+
+    /// Adds the segments that are mapped as the headers say, behind what is known of the file. Returns the
+    /// end of the last one, 0 when there is none.
+    std::uint64_t _addByHeaders(const SnapshotRegion& region, const ElfLayout& layout,
+                                std::uint64_t knownEnd) {
+        const ElfSegment* anchor = segmentOf(region, layout);
+        if (anchor == nullptr) return 0;
+        const std::uint64_t slide =
+            region.start - pageStart(anchor->address) - (region.record.offset - pageStart(anchor->offset));
+        std::uint64_t end = 0;
+        for (const ElfSegment& segment : layout.segments) {
+            // A segment may begin in the page where the one before ends.
+            const std::uint64_t start = std::max(slide + pageStart(segment.address), end);
+            const std::uint64_t segmentEnd = slide + pageEnd(segment.end());
+            if (start < knownEnd || segmentEnd <= start) continue;
+            const bool isLastOfSeveral = &segment == &layout.segments.back() && end != 0;
+            if (!_isMapped(segment, slide + pageStart(segment.address), region.fileId, isLastOfSeveral))
+                continue;
+            _addSegment(segment, layout, slide, start, segmentEnd);
+            end = segmentEnd;
+        }
+        if (end != 0) _images._owners.push_back({region.path, _images._segments.size()});
+        return end;
+    }
+
+    /// Whether the segment's first page is where it should be. Zeroed data that the file holds nothing of may
+    /// be anyone's: it is believed as the last segment, behind another one.
+    bool _isMapped(const ElfSegment& segment, std::uint64_t address, std::uint32_t fileId,
+                   bool mayBeZeroed) const {
+        const auto found = std::upper_bound(
+            _regions.begin(), _regions.end(), address,
+            [](std::uint64_t value, const SnapshotRegion& region) { return value < region.end; });
+        if (found == _regions.end() || found->start > address) return false;
+        if (segment.fileSize == 0) return mayBeZeroed && found->isPrivate && !found->path.isPresent();
+        return found->fileId == fileId &&
+               found->record.offset + (address - found->start) == pageStart(segment.offset);
+    }
+
+    void _addSegment(const ElfSegment& segment, const ElfLayout& layout, std::uint64_t slide,
+                     std::uint64_t start, std::uint64_t end) {
+        const auto addUpTo = [&](std::uint64_t partEnd, Name name) {
+            if (partEnd > start) _images._segments.push_back({start, partEnd - start, name});
+            start = std::max(start, partEnd);
+        };
+        if (!segment.isWritable) {
+            const bool isLinkedit = segment.offset == 0 && !segment.isExecutable;
+            return addUpTo(end, isLinkedit ? names().linkedit : names().text);
+        }
+        // The loader protects whole pages only.
+        const std::uint64_t relroStart = slide + pageStart(layout.relroStart);
+        const std::uint64_t relroEnd = slide + pageStart(layout.relroEnd);
+        if (relroStart < end && relroEnd > start) {
+            addUpTo(relroStart, names().data);
+            addUpTo(std::min(relroEnd, end), names().constantData);
+        }
+        addUpTo(end, names().data);
+    }
+
+    /// Takes the neighbouring regions of the same file for its segments. Returns the end of the last one.
+    std::uint64_t _addByRegions(std::size_t executable) {
+        const std::uint32_t file = _regions[executable].fileId;
+        const auto isSameFile = [&](std::size_t i) {
+            return _regions[i].fileUse != FileUse::kNone && _regions[i].fileId == file;
+        };
+        std::size_t first = executable;
+        while (first > 0 && isSameFile(first - 1)) --first;
+        std::uint64_t end = 0;
+        for (std::size_t i = first; i < _regions.size() && isSameFile(i); ++i) {
+            end = _regions[i].end;
+            if (_regions[i].record.protection == 0) continue;
+            _images._segments.push_back({_regions[i].start, _regions[i].size(), nameByAccess(_regions[i])});
+        }
+        _images._owners.push_back({_regions[executable].path, _images._segments.size()});
+        return end;
+    }
+
+    std::span<const SnapshotRegion> _regions;
+    LoadedImages& _images;
+    boost::unordered_flat_map<std::uint32_t, FoundFile> _found;  ///< By file id.
+};
+
+LoadedImages LoadedImages::inRegions(std::span<const SnapshotRegion> regions, ElfFiles& files,
+                                     int processDirectory) {
+    LoadedImages images;
+    Finder(regions, images).find(files, processDirectory);
+    return images;
+}
+
+void LoadedImages::forEachOwner(const std::function<void(const SymbolOwner&)>& consume) const {
+    std::size_t first = 0;
+    for (const Owner& owner : _owners) {
+        consume({owner.path, std::span(_segments).subspan(first, owner.segmentsEnd - first)});
+        first = owner.segmentsEnd;
+    }
+}
+
+}  // namespace zorbel

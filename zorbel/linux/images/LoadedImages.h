@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <vector>
+
+#include "linux/images/ElfFiles.h"
+#include "linux/process/SnapshotRegion.h"
+#include "platform/Symbolicator.h"
+
+namespace zorbel {
+
+/// The programs and libraries that a process has loaded, with the segments of each.
+class LoadedImages {
+  public:
+    /// Finds them in the regions of the process whose /proc directory is given, in ascending order.
+    static LoadedImages inRegions(std::span<const SnapshotRegion> regions, ElfFiles& files,
+                                  int processDirectory);
+
+    /// All segments, those of one image behind each other and ascending.
+    [[nodiscard]] std::span<const SymbolSegment> segments() const { return _segments; }
+
+    void forEachOwner(const std::function<void(const SymbolOwner&)>& consume) const;
+
+  private:
+    struct Owner {
+        Name path;
+        std::size_t segmentsEnd = 0;
+    };
+    class Finder;
+
+    std::vector<SymbolSegment> _segments;
+    std::vector<Owner> _owners;
+};
+
+}  // namespace zorbel

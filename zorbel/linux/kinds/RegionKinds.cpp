@@ -1,0 +1,183 @@
+#include "linux/kinds/RegionKinds.h"
+
+#include <string_view>
+
+namespace zorbel {
+
+namespace {
+
+constexpr std::uint64_t kMiB = 0x100000;
+constexpr std::uint64_t kLargestGuard = kMiB;
+
+/// The C library aligns the arenas of threads to the size that they are reserved with.
+constexpr std::uint64_t kArenaSize64 = 64 * kMiB;
+constexpr std::uint64_t kArenaSize32 = kMiB;
+
+/// Where Go's runtime puts its heap on 64-bit machines.
+constexpr std::uint64_t kGoHeapStart = 0xC000000000;
+constexpr std::uint64_t kGoHeapEnd = 0x10000000000;
+
+constexpr std::uint64_t k32BitAddressSpace = 0x100000000;
+
+constexpr std::string_view kAnonPrefix = "[anon:";
+constexpr std::string_view kAnonShmemPrefix = "[anon_shmem:";
+constexpr std::string_view kPosixSharedPrefix = "/dev/shm/";
+
+struct PrefixTag {
+    std::string_view prefix;
+    Tag tag;
+};
+
+/// The tag of the first row whose prefix the text begins with.
+template <std::size_t count>
+Tag tagByPrefix(const PrefixTag (&rows)[count], std::string_view text) {
+    for (const PrefixTag& row : rows)
+        if (text.starts_with(row.prefix)) return row.tag;
+    return Tag::kNone;
+}
+
+/// Names that the kernel gives by itself.
+constexpr PrefixTag kKernelNames[] = {
+    {"[heap]", Tag::kSbrk}, {"[stack", Tag::kStack},        {"[vdso]", Tag::kVdso},
+    {"[vvar", Tag::kVvar},  {"[vsyscall]", Tag::kVsyscall}, {"[uprobes]", Tag::kUprobes},
+};
+
+/// Names that allocators and runtimes give with PR_SET_VMA_ANON_NAME, without the "[anon:" before.
+constexpr PrefixTag kAllocatorNames[] = {
+    {" glibc: malloc arena", Tag::kMallocSmall},
+    {" glibc: loader malloc", Tag::kMallocSmall},
+    {" glibc: malloc", Tag::kMallocLarge},
+    {" glibc: pthread", Tag::kStack},
+    {"scudo:secondary", Tag::kMallocLarge},
+    {"scudo:", Tag::kMallocSmall},
+    {"libc_malloc", Tag::kMallocSmall},
+    {"GWP-ASan", Tag::kMallocSmall},
+    {"jemalloc", Tag::kMallocSmall},
+    {"tcmalloc", Tag::kMallocSmall},
+    {"mimalloc", Tag::kMallocSmall},
+    {"partition_alloc", Tag::kMallocSmall},
+    {"stack_and_tls:", Tag::kStack},
+    {" Go: heap", Tag::kGoHeap},
+};
+
+/// Names of runtimes that make code, which is what an executable region of theirs holds.
+constexpr PrefixTag kJitNames[] = {
+    {"v8", Tag::kJitCode},   {"js-executable-memory", Tag::kJitCode},
+    {"JIT", Tag::kJitCode},  {"dalvik-jit", Tag::kJitCode},
+    {"wasm", Tag::kJitCode}, {"WebKit JIT", Tag::kJitCode},
+};
+
+constexpr PrefixTag kDeviceNames[] = {
+    {"/dev/dri/", Tag::kGpuBuffer},
+    {"/dev/nvidia", Tag::kGpuBuffer},
+    {"/dev/", Tag::kDeviceMemory},
+};
+
+/// Names of memory on file systems of the kernel's own, which are mounted nowhere.
+constexpr PrefixTag kUnmountedNames[] = {
+    {"/memfd:", Tag::kMemfd},
+    {"/SYSV", Tag::kSysVShared},
+    {"/dev/zero (deleted)", Tag::kSharedAnonymous},
+    {kAnonShmemPrefix, Tag::kSharedAnonymous},
+    {"/drm mm object", Tag::kGpuBuffer},
+    {"/i915", Tag::kGpuBuffer},
+    {"/dmabuf:", Tag::kDmaBuffer},
+    {"anon_inode:[io_uring]", Tag::kIoUring},
+    {"/[aio]", Tag::kAioRing},
+    {"anon_inode:[perf_event]", Tag::kPerfRing},
+    {"anon_inode:bpf-map", Tag::kBpfMap},
+    {"socket:[", Tag::kPacketRing},
+};
+
+Tag tagOfNamedAnonymous(const SmapsEntry& entry) {
+    if (!entry.path.starts_with(kAnonPrefix)) return tagByPrefix(kKernelNames, entry.path);
+    const std::string_view name = entry.path.substr(kAnonPrefix.size());
+    if ((entry.permissions & SmapsEntry::kExecute) != 0)
+        if (const Tag tag = tagByPrefix(kJitNames, name); tag != Tag::kNone) return tag;
+    const Tag tag = tagByPrefix(kAllocatorNames, name);
+    return tag != Tag::kNone ? tag : Tag::kNamedAnonymous;
+}
+
+bool isAccessible(const SnapshotRegion& region) { return region.record.protection != 0; }
+
+bool isReadWrite(const SnapshotRegion& region) {
+    return region.record.protection == (SmapsEntry::kRead | SmapsEntry::kWrite);
+}
+
+std::uint32_t number(Tag tag) { return static_cast<std::uint32_t>(tag); }
+
+/// Whether the region starts where an arena would and all behind it, up to where an arena would end, is
+/// reserved.
+bool isArena(const SnapshotRegion& region, const SnapshotRegion* next, std::uint64_t arenaSize) {
+    if (!isReadWrite(region) || region.start % arenaSize != 0 || region.size() > arenaSize) return false;
+    const std::uint64_t arenaEnd = region.start + arenaSize;
+    if (region.end == arenaEnd) return true;
+    return next != nullptr && next->isPlainAnonymous && !isAccessible(*next) && next->start == region.end &&
+           next->end >= arenaEnd;
+}
+
+/// Zeroed data of a program that runs with everything executable: it follows the file that it belongs to and
+/// may be accessed alike.
+bool continuesDataSegment(const SnapshotRegion& region, const SnapshotRegion* previous) {
+    return previous != nullptr && previous->end == region.start && previous->path.isPresent() &&
+           previous->record.share_mode == kShareModeCopyOnWrite &&
+           previous->record.protection == region.record.protection;
+}
+
+Tag tagOfPlainAnonymous(const SnapshotRegion& region, const SnapshotRegion* previous,
+                        const SnapshotRegion* next, bool is64bit) {
+    const bool followsDirectly = previous != nullptr && previous->end == region.start;
+    const Tag before = followsDirectly ? static_cast<Tag>(previous->record.user_tag) : Tag::kNone;
+    if (!isAccessible(region)) {
+        const bool isRestOfArena = before == Tag::kMallocSmall && previous->isPlainAnonymous;
+        return region.size() <= kLargestGuard && !isRestOfArena ? Tag::kGuard : Tag::kReserved;
+    }
+    if (is64bit && region.start >= kGoHeapStart && region.end <= kGoHeapEnd) return Tag::kGoHeap;
+    if ((region.record.protection & SmapsEntry::kExecute) != 0)
+        return continuesDataSegment(region, previous) ? Tag::kNone : Tag::kExecutableAnonymous;
+    if (isArena(region, next, is64bit ? kArenaSize64 : kArenaSize32)) return Tag::kMallocSmall;
+    if (isReadWrite(region) && before == Tag::kGuard) return Tag::kStack;
+    return Tag::kNone;
+}
+
+}  // namespace
+
+bool mapsFile(const SmapsEntry& entry) {
+    // The device is only another way to ask for anonymous memory.
+    if (!entry.isShared && entry.path == "/dev/zero") return false;
+    return !entry.path.empty() && (entry.path[0] != '[' || entry.path.starts_with(kAnonShmemPrefix));
+}
+
+RegionKind kindOfEntry(const SmapsEntry& entry, FileSystems::Kind fileSystem) {
+    if ((entry.flags & SmapsEntry::kHugePages) != 0) return {Tag::kHugePages, false};
+    if (!mapsFile(entry)) {
+        if (entry.path.empty()) return {};
+        return {tagOfNamedAnonymous(entry), false};
+    }
+    // Names of the kernel's own are not believed on a mounted file system, where anyone may choose names.
+    const bool isMounted =
+        fileSystem != FileSystems::Kind::kUnknown && fileSystem != FileSystems::Kind::kKernel;
+    if (!isMounted)
+        if (const Tag tag = tagByPrefix(kUnmountedNames, entry.path); tag != Tag::kNone) return {tag, false};
+    if (entry.path.starts_with(kPosixSharedPrefix))
+        return {Tag::kPosixShared, fileSystem != FileSystems::Kind::kMemory};
+    if (const Tag tag = tagByPrefix(kDeviceNames, entry.path); tag != Tag::kNone) return {tag, false};
+    if ((entry.flags & SmapsEntry::kDeviceMemory) != 0) return {Tag::kDeviceMemory, false};
+    const bool livesInMemory =
+        fileSystem == FileSystems::Kind::kMemory || fileSystem == FileSystems::Kind::kKernel;
+    if (livesInMemory) return {Tag::kTmpfs, false};
+    return {Tag::kNone, true};
+}
+
+void findAnonymousKinds(std::span<SnapshotRegion> regions) {
+    bool is64bit = false;
+    for (const SnapshotRegion& region : regions) is64bit = is64bit || region.end > k32BitAddressSpace;
+    for (std::size_t i = 0; i < regions.size(); ++i) {
+        if (!regions[i].isPlainAnonymous) continue;
+        const SnapshotRegion* previous = i > 0 ? &regions[i - 1] : nullptr;
+        const SnapshotRegion* next = i + 1 < regions.size() ? &regions[i + 1] : nullptr;
+        regions[i].record.user_tag = number(tagOfPlainAnonymous(regions[i], previous, next, is64bit));
+    }
+}
+
+}  // namespace zorbel

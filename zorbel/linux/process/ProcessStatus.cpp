@@ -1,0 +1,29 @@
+#include "linux/process/ProcessStatus.h"
+
+#include "base/TextCursor.h"
+
+namespace zorbel {
+
+std::optional<ProcessStatus> parseProcessStatus(std::string_view text) {
+    // A process can't forge a line: newlines in its name are escaped.
+    struct Field {
+        std::string_view label;
+        std::uint64_t ProcessStatus::*value;
+    };
+    constexpr Field kKibibyteFields[] = {
+        {"\nVmHWM:\t", &ProcessStatus::residentPeak},
+        {"\nRssAnon:\t", &ProcessStatus::residentAnonymous},
+        {"\nRssShmem:\t", &ProcessStatus::residentShared},
+        {"\nVmPTE:\t", &ProcessStatus::pageTables},
+        {"\nVmSwap:\t", &ProcessStatus::swapped},
+        {"\nHugetlbPages:\t", &ProcessStatus::hugePages},
+    };
+    ProcessStatus status;
+    if (!numberBehind(text, "\nRssAnon:\t")) return std::nullopt;
+    for (const Field& field : kKibibyteFields)
+        status.*field.value = numberBehind(text, field.label).value_or(0) * 1024;
+    status.threads = numberBehind(text, "\nThreads:\t").value_or(1);
+    return status;
+}
+
+}  // namespace zorbel

@@ -1,0 +1,388 @@
+#include <algorithm>
+#include <bit>
+#include <boost/json/basic_parser_impl.hpp>
+#include <new>
+#include <type_traits>
+#include <utility>
+
+#include "base/Utf8.h"
+#include "memgraph/Compression.h"
+#include "memgraph/Members.h"
+#include "memgraph/MemoryGraph.h"
+
+namespace json = boost::json;
+
+namespace zorbel {
+
+namespace {
+
+/// More than any machine allows for a path, in bytes.
+constexpr std::size_t kLongestText = 1024;
+
+Error errorOf(std::string description) { return {"MemoryGraphErrorDomain", 1, std::move(description)}; }
+
+/// Fills a field with a value of the document; returns what is wrong where it does not fit.
+template <typename Record, typename Value>
+std::string fill(Record& record, const Member<Record>& member, Value value) {
+    const auto fillField = [&](auto& target) -> std::string {
+        using Target = std::remove_reference_t<decltype(target)>;
+        if constexpr (std::is_same_v<Target, bool>) {
+            if constexpr (!std::is_same_v<Value, bool>)
+                return "must be true or false";
+            else
+                target = value;
+        } else if constexpr (std::is_arithmetic_v<Target>) {
+            if constexpr (std::is_same_v<Value, std::uint64_t>)
+                if (value <= member.most) {
+                    target = static_cast<Target>(value);
+                    return {};
+                }
+            return "must be a whole number from 0 to " + std::to_string(member.most);
+        } else {
+            if constexpr (!std::is_same_v<Value, std::string_view>)
+                return "must be a text";
+            else if (value.size() > kLongestText)
+                return "is longer than " + std::to_string(kLongestText) + " bytes";
+            else
+                target = Target(printable(value, kLongestText));
+        }
+        return {};
+    };
+    return std::visit([&](auto field) { return fillField(record.*field); }, member.field);
+}
+
+/// What stands in place of the value of a member, and is no value that any of them may have.
+struct NoSuchValue {};
+
+/// Which members of an object have been met, and which one comes next.
+class MemberCursor {
+  public:
+    static constexpr std::size_t kUnknown = SIZE_MAX;
+
+    void reset() {
+        _seen = 0;
+        _current = kUnknown;
+    }
+
+    /// Moves to the member with that name. Members mostly come in our order.
+    template <typename Members>
+    void moveTo(const Members& members, std::string_view name) {
+        const std::size_t next = _current + 1;
+        if (next < members.size() && members[next].name == name) {
+            _current = next;
+            return;
+        }
+        const auto found =
+            std::find_if(members.begin(), members.end(), [&](const auto& m) { return m.name == name; });
+        _current = found == members.end() ? kUnknown : static_cast<std::size_t>(found - members.begin());
+    }
+
+    [[nodiscard]] std::size_t current() const { return _current; }
+    void setCurrent(std::size_t index) { _current = index; }
+
+    /// Takes note of the current member; false when it was there before.
+    bool markSeen() {
+        const std::uint32_t bit = std::uint32_t{1} << _current;
+        const bool isNew = (_seen & bit) == 0;
+        _seen |= bit;
+        return isNew;
+    }
+
+    /// Of so many members the first that was not met; that number when none is missing.
+    [[nodiscard]] std::size_t firstMissing(std::size_t count) const {
+        return std::min<std::size_t>(static_cast<std::size_t>(std::countr_one(_seen)), count);
+    }
+
+  private:
+    std::uint32_t _seen = 0;
+    std::size_t _current = kUnknown;
+};
+
+/// Takes the parser's events, and fills a graph with them. Members that are not known are passed over.
+class Handler {
+  public:
+    // What the parser asks for: it sets no bounds, since what is passed over takes no memory.
+    static constexpr std::size_t max_object_size = SIZE_MAX;
+    static constexpr std::size_t max_array_size = SIZE_MAX;
+    static constexpr std::size_t max_key_size = SIZE_MAX;
+    static constexpr std::size_t max_string_size = SIZE_MAX;
+
+    bool on_document_begin(json::error_code& /*ec*/) { return true; }
+    bool on_document_end(json::error_code& /*ec*/) { return true; }
+
+    bool on_object_begin(json::error_code& ec) {
+        if (_isPassedOver()) return _passOver();
+        if (_place == Place::kDocument || _place == Place::kRegion) return _take(NoSuchValue(), ec);
+        if (_place == Place::kStart) {
+            _place = Place::kDocument;
+            _members.reset();
+            return true;
+        }
+        _place = Place::kRegion;
+        _graph.regions.emplace_back();
+        _regionMembers.reset();
+        return true;
+    }
+
+    bool on_object_end(std::size_t /*count*/, json::error_code& ec) {
+        if (_passedOver > 0) return _leave();
+        if (_place == Place::kRegion) {
+            const std::size_t missing = _regionMembers.firstMissing(kRegionMembers.size());
+            if (missing < kRegionMembers.size()) return _failMissing(kRegionMembers[missing].name, ec);
+            if (!_checkRegion(ec)) return false;
+            _place = Place::kRegions;
+            return true;
+        }
+        const std::size_t missing = _members.firstMissing(kGraphMembers.size() + 1);
+        if (missing < kGraphMembers.size()) return _failMissing(kGraphMembers[missing].name, ec);
+        if (missing == kGraphMembers.size()) return _failMissing(kRegionsMember, ec);
+        _place = Place::kStart;
+        return true;
+    }
+
+    bool on_array_begin(json::error_code& ec) {
+        if (_isPassedOver()) return _passOver();
+        if (_place != Place::kDocument || _members.current() != kRegionsIndex)
+            return _take(NoSuchValue(), ec);
+        if (!_members.markSeen()) return _fail("appears twice", ec);
+        _place = Place::kRegions;
+        return true;
+    }
+
+    bool on_array_end(std::size_t /*count*/, json::error_code& /*ec*/) {
+        if (_passedOver > 0) return _leave();
+        _place = Place::kDocument;
+        return true;
+    }
+
+    bool on_key_part(json::string_view part, std::size_t /*size*/, json::error_code& /*ec*/) {
+        _keep(part);
+        return true;
+    }
+
+    bool on_key(json::string_view rest, std::size_t /*size*/, json::error_code& /*ec*/) {
+        _keep(rest);
+        if (_passedOver > 0) {
+            // Whatever it is, it stands in something that is not known.
+        } else if (_place == Place::kRegion) {
+            _regionMembers.moveTo(kRegionMembers, _text);
+        } else {
+            _members.moveTo(kGraphMembers, _text);
+            if (_text == kRegionsMember) _members.setCurrent(kRegionsIndex);
+        }
+        _text.clear();
+        return true;
+    }
+
+    bool on_string_part(json::string_view part, std::size_t /*size*/, json::error_code& /*ec*/) {
+        _keep(part);
+        return true;
+    }
+
+    bool on_string(json::string_view rest, std::size_t /*size*/, json::error_code& ec) {
+        _keep(rest);
+        const bool isTaken = _take(std::string_view(_text), ec);
+        _text.clear();
+        return isTaken;
+    }
+
+    bool on_number_part(json::string_view /*part*/, json::error_code& /*ec*/) { return true; }
+    bool on_int64(std::int64_t number, json::string_view /*text*/, json::error_code& ec) {
+        return number < 0 ? _take(NoSuchValue(), ec) : _take(static_cast<std::uint64_t>(number), ec);
+    }
+    bool on_uint64(std::uint64_t number, json::string_view /*text*/, json::error_code& ec) {
+        return _take(number, ec);
+    }
+    bool on_double(double /*number*/, json::string_view /*text*/, json::error_code& ec) {
+        return _take(NoSuchValue(), ec);
+    }
+    bool on_bool(bool value, json::error_code& ec) { return _take(value, ec); }
+    bool on_null(json::error_code& ec) { return _take(NoSuchValue(), ec); }
+    bool on_comment_part(json::string_view /*part*/, json::error_code& /*ec*/) { return true; }
+    bool on_comment(json::string_view /*rest*/, json::error_code& /*ec*/) { return true; }
+
+    /// What is wrong with the graph; empty as long as nothing is.
+    [[nodiscard]] const std::string& problem() const { return _problem; }
+    /// The same for what the parser does not bear with.
+    [[nodiscard]] std::string problemOfDepth() const { return _path() + " is nested too deep"; }
+    [[nodiscard]] MemoryGraph& graph() { return _graph; }
+
+  private:
+    /// Where the next event belongs.
+    enum class Place { kStart, kDocument, kRegions, kRegion };
+
+    static constexpr std::size_t kRegionsIndex = kGraphMembers.size();
+
+    [[nodiscard]] bool _isPassedOver() const {
+        return _passedOver > 0 ||
+               (_place == Place::kDocument && _members.current() == MemberCursor::kUnknown) ||
+               (_place == Place::kRegion && _regionMembers.current() == MemberCursor::kUnknown);
+    }
+    bool _passOver() {
+        ++_passedOver;
+        return true;
+    }
+    bool _leave() {
+        --_passedOver;
+        return true;
+    }
+
+    /// Keeps as much of a text that comes in parts as is needed to see that it is too long.
+    void _keep(std::string_view part) { _text += part.substr(0, kLongestText + 1 - _text.size()); }
+
+    template <typename Value>
+    bool _take(Value value, json::error_code& ec) {
+        if (_isPassedOver()) return true;
+        switch (_place) {
+            case Place::kStart:
+            case Place::kRegions:
+                return _fail("must be an object", ec);
+            case Place::kRegion:
+                return _fillMember(_graph.regions.back(), kRegionMembers, _regionMembers, value, ec);
+            case Place::kDocument:
+                break;
+        }
+        if (_members.current() == kRegionsIndex) return _fail("must be an array", ec);
+        return _fillMember(static_cast<MemoryGraph&>(_graph), kGraphMembers, _members, value, ec) &&
+               _checkMember(ec);
+    }
+
+    template <typename Record, typename Members, typename Value>
+    bool _fillMember(Record& record, const Members& members, MemberCursor& cursor, Value value,
+                     json::error_code& ec) {
+        const std::string problem = fill(record, members[cursor.current()], value);
+        if (!problem.empty()) return _fail(problem, ec);
+        return cursor.markSeen() || _fail("appears twice", ec);
+    }
+
+    /// Whether the member of the document that was filled last is one that can be worked with.
+    bool _checkMember(json::error_code& ec) {
+        const std::string_view name = kGraphMembers[_members.current()].name;
+        const MemoryGraph known;
+        if (name == "format" && _graph.format != known.format)
+            return _fail("is not \"" + known.format + "\"", ec);
+        if (name == "version" && _graph.version != known.version)
+            return _fail("is " + std::to_string(_graph.version) + ", and only " +
+                             std::to_string(known.version) + " can be read",
+                         ec);
+        if (name == "vmPageSize" &&
+            (_graph.vmPageSize < kLeastPageSize || !std::has_single_bit(_graph.vmPageSize)))
+            return _fail("must be a power of two from " + std::to_string(kLeastPageSize) + " to " +
+                             std::to_string(kMostPageSize),
+                         ec);
+        return true;
+    }
+
+    /// Whether the last region is one that an address space may have, behind those before.
+    bool _checkRegion(json::error_code& ec) {
+        const GraphRegion& region = _graph.regions.back();
+        _regionMembers.reset();  // What is wrong is wrong with the whole region.
+        if (region.length == 0) return _fail("has no length", ec);
+        if (region.address + region.length < region.address)
+            return _fail("reaches beyond the last address", ec);
+        if (region.address < _end) return _fail("begins before the end of the one before", ec);
+        if (region.dirty_size > region.resident_size) return _fail("has more dirty than resident bytes", ec);
+        _end = region.address + region.length;
+        return true;
+    }
+
+    bool _failMissing(std::string_view member, json::error_code& ec) {
+        _regionMembers.reset();
+        _members.reset();
+        return _fail("\"" + std::string(member) + "\" is missing", ec);
+    }
+
+    bool _fail(const std::string& what, json::error_code& ec) {
+        _problem = _path() + " " + what;
+        ec = boost::system::errc::make_error_code(boost::system::errc::invalid_argument);
+        return false;
+    }
+
+    /// What the next event belongs to, as one would write it in a program.
+    [[nodiscard]] std::string _path() const {
+        const auto nameIn = [](const auto& members, const MemberCursor& cursor) {
+            return cursor.current() < members.size() ? std::string(members[cursor.current()].name)
+                                                     : std::string();
+        };
+        const auto element = [](std::size_t index) {
+            return std::string(kRegionsMember) + "[" + std::to_string(index) + "]";
+        };
+        switch (_place) {
+            case Place::kRegions:
+                return element(_graph.regions.size());
+            case Place::kRegion: {
+                const std::string name = nameIn(kRegionMembers, _regionMembers);
+                return element(_graph.regions.size() - 1) + (name.empty() ? "" : ".") + name;
+            }
+            case Place::kDocument: {
+                if (_members.current() == kRegionsIndex) return std::string(kRegionsMember);
+                const std::string name = nameIn(kGraphMembers, _members);
+                return name.empty() ? "the document" : name;
+            }
+            case Place::kStart:
+                break;
+        }
+        return "the document";
+    }
+
+    MemoryGraph _graph;
+    Place _place = Place::kStart;
+    MemberCursor _members;
+    MemberCursor _regionMembers;
+    std::size_t _passedOver = 0;  ///< How many objects and arrays deep in what is not known.
+    std::string _text;            ///< What came so far of a text that comes in parts.
+    std::uint64_t _end = 0;       ///< Of the last region.
+    std::string _problem;
+};
+
+/// Where in a text one is.
+class Position {
+  public:
+    void moveOver(std::string_view text) {
+        _line += static_cast<std::size_t>(std::ranges::count(text, '\n'));
+        const std::size_t last = text.rfind('\n');
+        _column = last == std::string_view::npos ? _column + text.size() : text.size() - last;
+    }
+    [[nodiscard]] std::string text() const {
+        return " (line " + std::to_string(_line) + ", column " + std::to_string(_column) + ")";
+    }
+
+  private:
+    std::size_t _line = 1;
+    std::size_t _column = 1;
+};
+
+/// What is wrong, for the user.
+std::string problemOf(const Handler& handler, json::error_code ec, const Position& position) {
+    if (!handler.problem().empty()) return handler.problem() + position.text();
+    if (ec == json::error::too_deep) return handler.problemOfDepth() + position.text();
+    return "not JSON: " + ec.message() + position.text();
+}
+
+Result<MemoryGraph> parse(std::string_view contents) {
+    json::basic_parser<Handler> parser{json::parse_options()};
+    Position position;
+    json::error_code ec;
+    const auto damage = forEachPiece(contents, [&](std::string_view piece) {
+        const std::size_t parsed = parser.write_some(true, piece.data(), piece.size(), ec);
+        position.moveOver(piece.substr(0, parsed));
+        if (!ec && parsed < piece.size()) ec = json::error::extra_data;
+        return !ec;
+    });
+    if (damage && !ec) return errorOf(*damage);
+    if (!ec) parser.write_some(false, "", 0, ec);
+    if (ec) return errorOf(problemOf(parser.handler(), ec, position));
+    return std::move(parser.handler().graph());
+}
+
+}  // namespace
+
+Result<MemoryGraph> parseMemoryGraph(std::string_view contents) {
+    try {
+        return parse(contents);
+    } catch (const std::bad_alloc&) {
+        return errorOf("takes more memory than there is");
+    }
+}
+
+}  // namespace zorbel

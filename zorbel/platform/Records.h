@@ -1,0 +1,121 @@
+#pragma once
+
+#include <cstdint>
+
+#include "model/ShareMode.h"
+
+namespace zorbel {
+
+/// What the system knows of one process, in the BSD process layer's terms.
+struct BsdInfoRecord {
+    static constexpr std::uint32_t kFlagSystem = 0x1;                ///< The kernel itself.
+    static constexpr std::uint32_t kFlag64Bit = 0x10;                ///< Runs with 64-bit addresses.
+    static constexpr std::uint32_t kFlagControllingTerminal = 0x80;  ///< Has a controlling terminal.
+    static constexpr std::uint32_t kFlagThreadDirectory = 0x100;  ///< A thread has its own working directory.
+    static constexpr std::uint32_t kFlagChangedPrivileges = 0x2000;  ///< Since its last exec.
+    static constexpr std::uint32_t kFlagExec = 0x4000;               ///< Has called exec.
+
+    std::uint32_t pbi_flags = 0;
+    std::uint32_t pbi_pid = 0;
+    std::uint32_t pbi_ppid = 0;
+    char pbi_comm[16] = {};  ///< Command name; without terminator when all bytes are used.
+    char pbi_name[32] = {};  ///< Long name, likewise.
+};
+
+/// Flags of a process as whoever hands over a corpse knows them.
+struct CorpseFlags {
+    static constexpr std::uint32_t kControllingTerminal = 0x2;
+    static constexpr std::uint32_t k64Bit = 0x4;
+    static constexpr std::uint32_t kChangedPrivileges = 0x100;
+    static constexpr std::uint32_t kSystem = 0x200;
+    static constexpr std::uint32_t kExec = 0x4000;
+    static constexpr std::uint32_t kThreadDirectory = 0x1000000;
+};
+
+/// The short form: whether a process still runs.
+struct BsdShortInfoRecord {
+    static constexpr std::uint32_t kStateRunning = 2;
+    static constexpr std::uint32_t kStateZombie = 5;
+
+    std::uint32_t pbsi_status = 0;
+};
+
+/// Memory of the kernel on behalf of a task, in bytes: allocated for it alone or for several to share, and
+/// how much of that was freed again.
+struct KernelMemoryRecord {
+    std::uint64_t total_palloc = 0;
+    std::uint64_t total_pfree = 0;
+    std::uint64_t total_salloc = 0;
+    std::uint64_t total_sfree = 0;
+};
+
+/// What the system itself charges a process for, in bytes.
+struct ResourceUsageRecord {
+    std::uint64_t ri_phys_zorbel = 0;
+    std::uint64_t ri_lifetime_max_phys_zorbel = 0;
+};
+
+/// How the system may end an idle process, as a sum of bits.
+inline constexpr std::uint32_t kProcDirtyTracked = 0x1;
+inline constexpr std::uint32_t kProcDirtyAllowsIdleExit = 0x2;
+inline constexpr std::uint32_t kProcDirtyIsDirty = 0x4;
+
+/// One region of an address space as a leaf look-up returns it. Page counts are in pages of the kernel's page
+/// size.
+struct RegionInfoRecord {
+    std::int32_t protection = 0;      ///< Read 1, write 2, execute 4.
+    std::int32_t max_protection = 0;  ///< What the protection may be raised to.
+    std::uint32_t inheritance = 0;
+    std::int32_t behavior = 0;
+    std::uint64_t offset = 0;  ///< Bytes into the object.
+    std::uint32_t user_tag = 0;
+    std::uint32_t pages_resident = 0;
+    std::uint32_t pages_shared_now_private = 0;
+    std::uint32_t pages_swapped_out = 0;
+    std::uint32_t pages_dirtied = 0;
+    std::uint32_t pages_reusable = 0;  ///< Resident, and free to be dropped by the system.
+    std::uint32_t ref_count = 0;
+    /// Wired pages. Wider than a kernel's own field, for locked regions of many GiB.
+    std::uint32_t user_wired_count = 0;
+    std::uint32_t object_id =
+        0;  ///< Equal for two regions exactly when they map the same memory; 0 for none.
+    std::uint16_t shadow_depth = 0;
+    std::uint8_t external_pager = 0;  ///< Non-zero when clean pages can be read again from a file.
+    std::uint8_t share_mode = 0;      ///< One of the kShareMode constants.
+    bool is_submap = false;
+};
+
+/// One entry of an address space seen from the top: a region, or a whole map nested into it.
+struct BasicRegionInfoRecord {
+    std::int32_t protection = 0;
+    std::int32_t max_protection = 0;
+    std::uint32_t inheritance = 0;
+    std::uint64_t offset = 0;  ///< Bytes into the object.
+    std::int32_t behavior = 0;
+    std::uint32_t user_wired_count = 0;  ///< Pages.
+};
+
+/// What a page query tells of a page, as a sum of bits.
+inline constexpr std::int32_t kPageQueryPresent = 0x1;
+inline constexpr std::int32_t kPageQueryDirty = 0x8;
+inline constexpr std::int32_t kPageQueryPagedOut = 0x10;
+inline constexpr std::int32_t kPageQueryExternal = 0x80;  ///< Of a file that it can be read again from.
+
+/// The kinds of machine that targets run on, which differ in where the shared library cache lies.
+enum class ZBPlatform : std::uint8_t {
+    kX86 = 0,
+    kX86_64 = 1,
+    kARM = 2,
+    kARM64 = 3,
+    kARM64_32 = 4,
+    kUnknown = 5,
+    kLinux = 6,  ///< Has no such cache.
+};
+
+/// Purgeable states, numbered as the kernel does.
+inline constexpr int kPurgeableNonVolatile = 0;
+inline constexpr int kPurgeableVolatile = 1;
+inline constexpr int kPurgeableEmpty = 2;
+inline constexpr int kPurgeableDeny = 3;  ///< Not purgeable, or not known.
+
+}  // namespace zorbel

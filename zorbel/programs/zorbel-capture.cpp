@@ -1,0 +1,10 @@
+#include <cstdio>
+
+#include "cli/CaptureDriver.h"
+#include "linux/LinuxPlatform.h"
+
+int main(int argc, char* argv[]) {
+    zorbel::StreamDiagnostics diagnostics(stderr);
+    zorbel::LinuxPlatform platform(diagnostics);
+    return zorbel::capture(argc, argv, platform);
+}
