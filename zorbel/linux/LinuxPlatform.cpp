@@ -27,8 +27,8 @@ namespace {
 
 constexpr KernReturn kErrnoBase = kernReturnFromErrno(0);
 
-/// Descriptors left free for standard streams and the like, and for each worker: it reads one file of a
-/// process at a time, or three, from a directory or two that it may have had to open.
+/// Descriptors to leave free: some for standard streams and the like, and some for each worker. A worker has
+/// at most three files of a process open, and one or two directories.
 constexpr unsigned kSpareDescriptors = 32;
 constexpr unsigned kWorkerDescriptors = 6;
 
@@ -45,14 +45,13 @@ std::optional<ProcessStat> readStat(int processDirectory) {
     return text ? parseProcessStat(*text) : std::nullopt;
 }
 
-/// Copies as much of a text as a field holds.
 template <std::size_t size>
 void copyText(char (&field)[size], const std::string& text) {
     std::memcpy(field, text.data(), std::min(size, text.size()));
 }
 
-/// Whether the number belongs to a thread other than the first one of a process. Such a thread has a
-/// directory under /proc, too, but not in the list.
+/// Whether the number is the id of a thread other than the first one of its process. /proc has a directory
+/// for such a thread, but does not list it.
 bool isThread(std::int32_t pid) {
     const FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     return !process.isOpen() && (errno == EINVAL || errno == ENOENT);
@@ -66,7 +65,7 @@ BsdInfoRecord recordOfKernel() {
     return record;
 }
 
-/// A number in a variable of the environment, and nothing else; 0 where there is none.
+/// The number in an environment variable; 0 if it is not set or is not a number.
 std::int32_t numberInEnvironment(const char* variable) {
     const char* text = std::getenv(variable);
     if (text == nullptr) return 0;
@@ -76,7 +75,7 @@ std::int32_t numberInEnvironment(const char* variable) {
     return error == std::errc() && parsed == end ? number : 0;
 }
 
-/// Whether the descriptor is a directory on /proc/PID of a process that has not given its memory up.
+/// Whether the descriptor is a directory /proc/PID of a process that still has memory.
 bool isProcessDirectory(int fd) {
     struct statfs system {};
     if (fstatfs(fd, &system) != 0 || system.f_type != PROC_SUPER_MAGIC) return false;
@@ -87,7 +86,7 @@ bool isProcessDirectory(int fd) {
     });
 }
 
-/// Raises the soft limit; returns the number from which on descriptors are not to be kept.
+/// Raises the soft limit. Tasks keep only descriptors below the returned number.
 int raiseDescriptorLimit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
@@ -98,7 +97,7 @@ int raiseDescriptorLimit() {
     return static_cast<int>(std::clamp<rlim_t>(limit.rlim_cur, spare, INT32_MAX) - spare);
 }
 
-/// An argument area without arguments: nobody asks for more than the path.
+/// An argument area with the path only: no caller needs the arguments.
 std::string areaOf(const std::string& path) {
     constexpr std::size_t kCountSize = 4;
     return std::string(kCountSize, '\0') + printable(path) + '\0';
@@ -106,7 +105,7 @@ std::string areaOf(const std::string& path) {
 
 }  // namespace
 
-/// The /proc directory of a task, opened for as long as it is looked at where the task keeps none.
+/// The /proc directory of a task. If the task keeps none, opens it for the lifetime of this object.
 class LinuxPlatform::TaskDirectory {
   public:
     TaskDirectory(const Task& task, const SystemRoot& root) : _fd(task.directory.get()) {
@@ -117,7 +116,7 @@ class LinuxPlatform::TaskDirectory {
         if (stat && stat->startTime == task.startTime) _fd = _opened.get();
     }
 
-    /// Never AT_FDCWD and never another process's; -1 when the process is gone.
+    /// -1 if the process is gone; never AT_FDCWD or the directory of another process.
     [[nodiscard]] int get() const { return _fd; }
 
   private:
@@ -176,8 +175,7 @@ int LinuxPlatform::proc_pidinfo(TaskName task, BsdShortInfoRecord& record) {
     if (!text) return saysGone(text.error().code) ? ESRCH : text.error().code;
     const auto stat = parseProcessStat(*text);
     if (!stat) return EIO;
-    // A process gives up its memory before it counts as a zombie, which takes a while where there is much of
-    // it.
+    // A process frees its memory before it becomes a zombie. With much memory, that takes a while.
     const bool isEnding = stat->hasEnded() || (stat->flags & ProcessStat::kExiting) != 0;
     record.pbsi_status = isEnding ? BsdShortInfoRecord::kStateZombie : BsdShortInfoRecord::kStateRunning;
     return 0;
@@ -357,7 +355,7 @@ Result<std::unique_ptr<MemoryGraphReader>> LinuxPlatform::openMemoryGraph(std::s
 }
 
 int LinuxPlatform::sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) {
-    // The one setting there is; the kernel knows nothing of it.
+    // The only setting. It is our own, not the kernel's.
     if (std::strcmp(name, kSelfRegionZorbel) != 0) return ENOENT;
     if (oldValue != nullptr) *oldValue = _selfRegionZorbel;
     if (newValue != nullptr) _selfRegionZorbel = *newValue;

@@ -19,11 +19,11 @@
 
 namespace zorbel {
 
-/// The machine we run on, as /proc shows it.
+/// The machine that zorbel runs on, read from /proc.
 class LinuxPlatform : public Platform, private Symbolicator {
   public:
-    /// Raises the soft limit of open files to the hard one: every target holds a descriptor. The diagnostics
-    /// are lent.
+    /// Raises the soft limit of open files to the hard limit, since every target holds a descriptor. The
+    /// diagnostics must outlive this object.
     explicit LinuxPlatform(Diagnostics& diagnostics, SystemRoot root = {});
     ~LinuxPlatform() override;
 
@@ -36,8 +36,8 @@ class LinuxPlatform : public Platform, private Symbolicator {
     }
     Symbolicator& symbolicator() override { return *this; }
 
-    /// Pid 0, which stands for the kernel, and the entries of /proc in ascending order. Kernel threads are
-    /// among them but have no record.
+    /// Pid 0, which stands for the kernel, and then the entries of /proc in ascending order. Includes kernel
+    /// threads, but proc_pidinfo fails for them.
     bool proc_listallpids(std::vector<std::int32_t>& pids) override;
     /// From /proc/PID/stat.
     bool proc_pidinfo(std::int32_t pid, BsdInfoRecord& record) override;
@@ -47,33 +47,33 @@ class LinuxPlatform : public Platform, private Symbolicator {
     bool sysctl_procargs(std::int32_t pid, std::string& area) override;
     bool sysctl_procargs(TaskName task, std::string& area) override;
 
-    /// Succeeds when the process's maps can be opened, and for a process that has just exited too: its walk
-    /// will say so. Otherwise an errno's code.
+    /// Succeeds if the process's maps can be opened, and also if the process has just exited: its walk
+    /// reports that. Otherwise returns the errno as a code.
     KernReturn task_for_pid(std::int32_t pid, TaskName& task) override;
 
-    /// The first descriptor that is handed over as service managers do it (LISTEN_FDS, LISTEN_PID), where it
-    /// is a directory on /proc/PID of a process that has memory.
+    /// The first descriptor passed in the way of service managers (LISTEN_FDS, LISTEN_PID). It must be a
+    /// directory /proc/PID of a process that still has memory.
     KernReturn mach_ports_lookup(std::vector<TaskName>& ports) override;
 
-    /// From /proc/PID/status, read once for both: the page tables and the stacks that threads have in the
-    /// kernel; nothing of that counts as freed, nor as shared.
+    /// From /proc/PID/status, read once for this and proc_pid_rusage. Allocated memory is page tables and the
+    /// kernel stacks of threads; none of it is reported as freed or shared.
     KernReturn task_info(TaskName task, KernelMemoryRecord& record) override;
-    /// Anonymous and shared memory that is resident, anonymous memory in swap, and huge pages. The kernel
-    /// keeps no peak of that: the most that was resident stands for it.
+    /// From /proc/PID/status: resident anonymous and shared memory, swapped anonymous memory, and huge pages.
+    /// The kernel keeps no peak of this sum, so the peak resident size is used, or the sum if larger.
     int proc_pid_rusage(TaskName task, ResourceUsageRecord& record) override;
-    /// Linux ends no idle processes.
+    /// Linux does not end idle processes.
     int proc_get_dirty(std::int32_t pid, std::uint32_t& flags) override;
 
-    /// Takes a snapshot of /proc/PID/smaps, and finds the images in it.
+    /// Takes a snapshot of /proc/PID/smaps and finds the images in it.
     void readTask(TaskName task) override;
-    /// Nothing yet depends on several tasks.
+    /// Does nothing: so far nothing depends on several tasks.
     void settleTasks() override {}
     void forgetTask(TaskName task) override;
 
     /// From the snapshot.
     KernReturn mach_vm_region_recurse(TaskName task, std::uint64_t& address, std::uint64_t& size,
                                       RegionInfoRecord& record) override;
-    /// No map is nested into another: the leaf region.
+    /// Same as the leaf region: Linux has no nested maps.
     KernReturn mach_vm_region(TaskName task, std::uint64_t& address, std::uint64_t& size,
                               BasicRegionInfoRecord& record) override;
     /// From /proc/PID/pagemap.
@@ -85,25 +85,25 @@ class LinuxPlatform : public Platform, private Symbolicator {
     KernReturn mach_vm_purgable_control(TaskName task, std::uint64_t address, int& state) override;
     Name proc_regionfilename(TaskName task, std::uint64_t address) override;
 
-    /// From slabinfo, vmallocinfo, allocinfo, modules, meminfo and zoneinfo under /proc, and the statistics
-    /// of zram.
+    /// From slabinfo, vmallocinfo, allocinfo, modules, meminfo and zoneinfo in /proc, and mm_stat of zram
+    /// devices.
     KernReturn mach_memory_info(KernelMemoryAccount& account) override;
     KernReturn vm_deallocate(const void* address, std::uint64_t size) override;
-    /// From /proc/modules, as the account was made.
+    /// From /proc/modules, as read by mach_memory_info; empty before.
     std::vector<KernelModuleInfo> OSKextCopyLoadedKextInfo() override;
     std::optional<std::string> nameOfKernelSymbol(std::uint64_t address) override;
     /// From /proc/allocinfo, which few kernels have.
     std::optional<SourceLocation> sourceOfKernelAddress(std::uint64_t address) override;
 
-    /// Files of zorbel-capture.
+    /// Reads files that zorbel-capture has written.
     Result<std::unique_ptr<MemoryGraphReader>> openMemoryGraph(std::string_view contents) override;
 
     int sysctlbyname(const char* name, std::int32_t* oldValue, const std::int32_t* newValue) override;
     [[nodiscard]] std::string mach_error_string(KernReturn code) const override;
 
   private:
-    /// An opened process. Where descriptors are short it has none of its own: its start time tells then
-    /// whether the process with its pid is still the same.
+    /// An opened process. If descriptors are short, it holds none. Its start time then shows whether its pid
+    /// still belongs to the same process.
     struct Task {
         std::int32_t pid = 0;
         std::uint64_t startTime = 0;
@@ -114,7 +114,7 @@ class LinuxPlatform : public Platform, private Symbolicator {
     class TaskDirectory;
 
     Task& _taskNamed(TaskName task) { return _tasks[task - 1]; }
-    /// Null when the process has no memory any more, and for kTaskNull.
+    /// Null if the process no longer has memory, and for kTaskNull.
     const ProcessStatus* _statusOf(TaskName name);
 
     Diagnostics& _diagnostics;
@@ -122,10 +122,10 @@ class LinuxPlatform : public Platform, private Symbolicator {
     FileSystems _fileSystems;
     ElfFiles _elfFiles;
     ObjectIds _objectIds;
-    std::unique_ptr<KernelMemory> _kernelMemory;  ///< Once the kernel has been asked.
-    /// Grows only while processes are opened, before any of them is gathered.
+    std::unique_ptr<KernelMemory> _kernelMemory;  ///< Null until mach_memory_info is called.
+    /// Grows only while processes are opened, before any of them is read.
     std::deque<Task> _tasks;
-    /// Descriptors from this number on are not kept.
+    /// Tasks keep only descriptors below this number.
     int _mostDescriptors = 0;
     std::int32_t _selfRegionZorbel = 0;
 };

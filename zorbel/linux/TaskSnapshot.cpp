@@ -19,38 +19,38 @@ namespace zorbel {
 
 namespace {
 
-/// Room for many entries, and for the longest: about 1 KiB of fields and a path of 4 KiB, escaped.
+/// Fits many entries. The longest one has about 1 KiB of fields and an escaped path of 4 KiB.
 constexpr std::size_t kBufferSize = 65536;
 
-/// What a program with some libraries has.
+/// Enough for a program with some libraries.
 constexpr std::size_t kUsualRegions = 256;
 
-/// Longer paths are cut off, in bytes: a process may have very many, and they are kept until the end of the
-/// run.
+/// In bytes; longer paths are cut off. A process may have very many paths, and all are kept until the run
+/// ends.
 constexpr std::size_t kLongestPath = 1024;
 
-/// A process that execs again and again is given up as exited.
+/// A process that calls exec during each of these readings is reported as exited.
 constexpr int kMostReadings = 3;
 
 std::uint32_t pagesOf(std::uint64_t kibibytes) {
     return static_cast<std::uint32_t>(kibibytes * 1024 / pageSize());
 }
 
-/// Whether the address space that an smaps was opened for is still there: afterwards it reads as nothing.
+/// Whether the address space that the smaps was opened for still exists. If not, reading returns nothing.
 bool isAlive(int smaps) {
     char byte = 0;
     return pread(smaps, &byte, 1, 0) == 1;
 }
 
-/// Whether a file's region may have pages that are no longer the file's. Pages in swap are the file's too
-/// where none can have been written.
+/// Whether a region of a file may have pages that are no longer the file's. Swapped pages of a mapping that
+/// is not writable are still the file's.
 bool hasOwnPages(const SmapsEntry& entry) {
     return !entry.isShared && (entry.anonymous != 0 || entry.hugetlb() != 0 ||
                                (entry.swap != 0 && (entry.permissions & SmapsEntry::kWrite) != 0));
 }
 
-/// The mode in which an entry shares its pages. Memory of a file that lives in memory only is all charged, so
-/// a private mapping of it that has no page of its own must not stand apart from the file's other mappings.
+/// The share mode of an entry. All pages of a file that lives in memory only are charged. So a private
+/// mapping of it without own pages counts as shared, like the file's other mappings.
 std::uint8_t shareModeOf(const SmapsEntry& entry, bool hasStorage) {
     if (entry.isShared) return kShareModeShared;
     if (!mapsFile(entry))
@@ -58,11 +58,11 @@ std::uint8_t shareModeOf(const SmapsEntry& entry, bool hasStorage) {
     return !hasStorage && !hasOwnPages(entry) ? kShareModeShared : kShareModeCopyOnWrite;
 }
 
-/// Resident KiB that the process is to answer for. The pages of vdso and vvar are the kernel's, the same ones
-/// in every process, and a process has some of its own there only once a debugger has written to them.
+/// Resident KiB charged to the process. The pages of vdso and vvar belong to the kernel and are the same in
+/// every process. A process has own pages there only if a debugger has written to them.
 std::uint64_t residentOf(const SmapsEntry& entry, const RegionKind& kind) {
     const bool isKernels = kind.tag == Tag::kVdso || kind.tag == Tag::kVvar || kind.tag == Tag::kVsyscall;
-    // Huge pages are counted apart from all others.
+    // "Rss" does not include huge pages.
     return isKernels ? entry.anonymous : entry.resident + entry.hugetlb();
 }
 
@@ -100,7 +100,7 @@ TaskSnapshot::TaskSnapshot(int processDirectory, FileSystems& fileSystems, ElfFi
     : _fileSystems(fileSystems), _objectIds(objectIds) {
     _readRegions(processDirectory);
     _findImages(elfFiles, processDirectory);
-    // Kept until all tasks are read, so what is not needed goes now.
+    // The snapshot is kept until all tasks are read, so free what is no longer needed.
     _regions.shrink_to_fit();
     _thread = FileDescriptor();
 }
@@ -117,7 +117,7 @@ void TaskSnapshot::_readRegions(int processDirectory) {
             return true;
         });
         if (_codeAtEnd != kMachSendInvalidDest) break;
-        if (_regions.empty()) {  // Gone for good: what was read before it went is all there is.
+        if (_regions.empty()) {  // The process has exited: keep what the last reading found.
             _regions = std::move(before);
             break;
         }
@@ -129,7 +129,7 @@ KernReturn TaskSnapshot::_read(int processDirectory, const char* path) {
     const FileDescriptor smaps = openForReading(path, processDirectory);
     if (!smaps.isOpen())
         return errno == ENOENT || errno == ESRCH ? kMachSendInvalidDest : kernReturnFromErrno(errno);
-    // One for each worker, for all the processes that it gathers.
+    // One for each worker thread, reused for all its processes.
     thread_local const auto buffer = std::make_unique_for_overwrite<char[]>(kBufferSize);
     const auto addEntry = [&](const SmapsEntry& entry) { _addEntry(entry, processDirectory); };
     std::size_t filled = 0;
@@ -138,20 +138,20 @@ KernReturn TaskSnapshot::_read(int processDirectory, const char* path) {
         if (count < 0 && errno != ESRCH) return kernReturnFromErrno(errno);
         const bool atEnd = count <= 0;
         if (!atEnd) filled += static_cast<std::size_t>(count);
-        // The kernel hands out less than a page at a time, which is too little to be parsed one by one.
+        // The kernel returns less than a page for each read. Collect more before parsing.
         if (!atEnd && filled < kBufferSize / 2) continue;
         const std::size_t consumed = parseSmaps({buffer.get(), filled}, atEnd, addEntry);
         if (atEnd) break;
         std::memmove(buffer.get(), buffer.get() + consumed, filled - consumed);
         filled -= consumed;
-        if (filled == kBufferSize) filled = 0;  // An entry that large does not exist.
+        if (filled == kBufferSize) filled = 0;  // No entry is that large.
     }
     return isAlive(smaps.get()) ? kKernInvalidAddress : kMachSendInvalidDest;
 }
 
 void TaskSnapshot::_addEntry(const SmapsEntry& entry, int processDirectory) {
-    // The kernel prints a few entries at a time. One that has meanwhile grown or merged with those that were
-    // read before holds their pages too.
+    // The kernel prints a few entries at a time. If an entry has meanwhile grown or merged with entries read
+    // before, it includes their pages.
     while (!_regions.empty() && _regions.back().end > entry.start) _regions.pop_back();
 
     const bool isFile = mapsFile(entry);
@@ -162,7 +162,7 @@ void TaskSnapshot::_addEntry(const SmapsEntry& entry, int processDirectory) {
     region.end = entry.end;
     region.record = recordOf(entry, kind);
     region.fileId = isFile && _objectIds.tellsFile(_file.identity) ? _file.objectId : 0;
-    // Pages that were copied for this region alone are no longer the file's.
+    // Pages that were copied for this region are no longer the file's.
     const bool isFileItself = region.fileId != 0 && !hasOwnPages(entry);
     region.record.object_id = isFileItself ? region.fileId : _objectIds.newId();
     region.isPlainAnonymous = entry.path.empty() && !entry.isShared && kind.tag == Tag::kNone;
@@ -177,7 +177,6 @@ void TaskSnapshot::_addEntry(const SmapsEntry& entry, int processDirectory) {
     if (region.fileId != 0) region.fileUse = fileUseOf(kind, _file.fileSystem);
 }
 
-/// Finds out about the file that the entry maps.
 void TaskSnapshot::_lookAtFile(const SmapsEntry& entry, int processDirectory) {
     FileIdentity identity = {entry.device, entry.inode, 0};
     if (entry.path.starts_with("/SYSV")) {
@@ -195,7 +194,7 @@ void TaskSnapshot::_lookAtFile(const SmapsEntry& entry, int processDirectory) {
     }
 }
 
-/// A file system that our own namespace does not mount is looked for among the mounts of the process, once.
+/// If our own namespace does not mount the file system, looks at the mounts of the process, once.
 FileSystems::Kind TaskSnapshot::_kindOfFileSystem(const SmapsEntry& entry, int processDirectory) {
     const FileSystems::Kind kind = _fileSystems.kindOf(entry.device);
     if (kind != FileSystems::Kind::kUnknown || entry.path[0] != '/' || _knowsMounts) return kind;
@@ -205,7 +204,7 @@ FileSystems::Kind TaskSnapshot::_kindOfFileSystem(const SmapsEntry& entry, int p
 }
 
 const SnapshotRegion* TaskSnapshot::regionAtOrAfter(std::uint64_t address) const {
-    // Walks go upwards: mostly it is the region found last or the one behind it.
+    // Walks go upwards, so it is usually the region found last or the next one.
     const auto endsAbove = [&](std::size_t i) { return i < _regions.size() && _regions[i].end > address; };
     const auto isFirst = [&](std::size_t i) {
         return endsAbove(i) && (i == 0 || _regions[i - 1].end <= address);

@@ -16,29 +16,29 @@
 
 namespace zorbel {
 
-/// The regions and images of a process as one reading of its smaps shows them. The regions are in ascending
-/// order and disjoint.
+/// The regions and images of a process, from one reading of its smaps. Regions are disjoint and in ascending
+/// order.
 ///
-/// The kernel merges neighbours, such as a library's zeroed data and a heap above it: regions are split where
-/// the segment of an image begins or ends.
+/// The kernel merges neighbours, such as a library's zeroed data and a heap above it. So regions are split
+/// where a segment of an image begins or ends.
 class TaskSnapshot {
   public:
-    /// Reads the process whose /proc directory is given. An address space that goes away meanwhile is read
-    /// again, since the process may have replaced it by exec.
+    /// Reads a process, given its /proc directory. If the address space disappears meanwhile, reads again:
+    /// the process may have called exec.
     TaskSnapshot(int processDirectory, FileSystems& fileSystems, ElfFiles& elfFiles, ObjectIds& objectIds);
 
     /// The first region that ends above the address, or null.
     [[nodiscard]] const SnapshotRegion* regionAtOrAfter(std::uint64_t address) const;
 
-    /// What a look-up behind the last region answers: kKernInvalidAddress when all regions were read,
-    /// kMachSendInvalidDest when the process exited before, an errno's code when it could not be read.
+    /// What a look-up after the last region returns: kKernInvalidAddress if all regions were read,
+    /// kMachSendInvalidDest if the process exited before that, an errno's code if reading failed.
     [[nodiscard]] KernReturn codeAtEnd() const { return _codeAtEnd; }
 
     /// The programs and libraries that the process has loaded.
     [[nodiscard]] const LoadedImages& images() const { return _images; }
 
-    /// The dispositions of count pages from a page's start on, as Platform::mach_vm_page_range_query wants
-    /// them.
+    /// Writes the dispositions of count pages, as Platform::mach_vm_page_range_query describes. The address
+    /// must be the start of a page.
     KernReturn queryPages(int processDirectory, std::uint64_t address, std::uint64_t count,
                           std::int32_t* dispositions) const;
 
@@ -51,22 +51,23 @@ class TaskSnapshot {
     void _lookAtFile(const SmapsEntry& entry, int processDirectory);
     [[nodiscard]] FileSystems::Kind _kindOfFileSystem(const SmapsEntry& entry, int processDirectory);
 
-    /// The directory with the files about the address space.
+    /// The directory whose files show the address space.
     [[nodiscard]] int _directoryOfMemory(int processDirectory) const {
         return _thread.isOpen() ? _thread.get() : processDirectory;
     }
 
     FileSystems& _fileSystems;
     ObjectIds& _objectIds;
-    FileDescriptor _thread;  ///< The /proc directory of a thread, where only threads show the memory.
+    FileDescriptor _thread;  ///< The /proc directory of a thread; open if the process's own files do not show
+                             ///< its memory.
     std::vector<SnapshotRegion> _regions;
     LoadedImages _images;
     KernReturn _codeAtEnd = kKernInvalidAddress;
     mutable std::size_t _lastFound = 0;
     bool _knowsMounts = false;
 
-    /// What was found out about the file of the last entry that has one. A file's regions follow each other,
-    /// so mostly it is the file of the next one too.
+    /// The file of the last entry that maps one. Regions of one file follow each other, so the next entry
+    /// usually maps the same file.
     struct {
         FileIdentity identity;
         FileSystems::Kind fileSystem = FileSystems::Kind::kUnknown;

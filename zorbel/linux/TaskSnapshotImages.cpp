@@ -1,4 +1,4 @@
-// What is found out about a snapshot's regions beyond its smaps: images, and single pages.
+// What a snapshot finds out beyond smaps: images, and single pages.
 
 #include <fcntl.h>
 
@@ -15,15 +15,17 @@ namespace zorbel {
 
 namespace {
 
-/// Moves pages from one count to another, as far as they are there: it was read a moment before.
+/// Moves pages from one record's count to the other's, but not more than there are: the counts were read
+/// earlier.
 void move(std::uint32_t RegionInfoRecord::*count, std::uint32_t pages, RegionInfoRecord& from,
           RegionInfoRecord& to) {
     to.*count = std::min(pages, from.*count);
     from.*count -= to.*count;
 }
 
-/// Divides the pages of a region, which each part's record tells at first, among its parts. The largest part
-/// gets what is left by the others, so that no page is lost and no more entries than needed are read.
+/// Divides the pages of a region among its parts. Before the call, every part's record has the counts of the
+/// whole region. The largest part gets what the others leave: so no page is lost and the fewest entries are
+/// read.
 void sizeParts(std::span<SnapshotRegion> parts, Pagemap& pagemap) {
     if (parts.size() < 2) return;
     SnapshotRegion& largest = *std::max_element(
@@ -38,7 +40,7 @@ void sizeParts(std::span<SnapshotRegion> parts, Pagemap& pagemap) {
         move(&RegionInfoRecord::pages_resident, counts.resident, rest, part.record);
         move(&RegionInfoRecord::pages_dirtied, counts.own, rest, part.record);
         move(&RegionInfoRecord::pages_swapped_out, counts.swapped, rest, part.record);
-        // Which pages are lazily freed is not told. Heaps free like that, and are large.
+        // Pagemap does not show lazily freed pages. They are usually a heap's, which is the large part.
         part.record.pages_reusable = 0;
     }
     rest.pages_reusable = std::min(rest.pages_reusable, rest.pages_resident);
@@ -62,7 +64,7 @@ void TaskSnapshot::_findImages(ElfFiles& files, int processDirectory) {
         if (isInside && region->isPrivate && !region->isHuge) cuts.push_back(address);
     };
     const auto segments = _images.segments();
-    /// Whether nothing changes where the segment ends and the next one begins.
+    /// Whether the next segment begins where this one ends, with the same name.
     const auto isContinued = [&](std::size_t i) {
         return i + 1 < segments.size() &&
                segments[i].location + segments[i].length == segments[i + 1].location &&
@@ -114,7 +116,7 @@ KernReturn TaskSnapshot::queryPages(int processDirectory, std::uint64_t address,
         const std::uint64_t start = std::max(region->start, at);
         const std::uint64_t stop = std::min(region->end, end);
         at = stop;
-        // Above what belongs to processes, where there are no entries.
+        // [vsyscall] is above the addresses of processes and has no entries in pagemap.
         if (region->record.user_tag == static_cast<std::uint32_t>(Tag::kVsyscall)) continue;
         const int error = pagemap.read(start, (stop - start) / pageSize(), region->record.external_pager != 0,
                                        dispositions + (start - address) / pageSize());

@@ -11,7 +11,7 @@ namespace zorbel {
 
 namespace {
 
-/// Linkers write a dozen or two.
+/// Linkers write about 10 to 25.
 constexpr std::size_t kMostHeaders = 128;
 
 struct ElfEnd {
@@ -23,7 +23,7 @@ GElf_Phdr widened(const Elf32_Phdr& row) {
             row.p_paddr, row.p_filesz, row.p_memsz,  row.p_align};
 }
 
-/// The table in the byte order of this machine.
+/// Converts the table to the byte order of this machine.
 template <typename Row>
 std::vector<Row> translated(Elf* elf, std::vector<char>& table, unsigned char byteOrder) {
     std::vector<Row> rows(table.size() / sizeof(Row));
@@ -38,8 +38,8 @@ std::vector<Row> translated(Elf* elf, std::vector<char>& table, unsigned char by
     return rows;
 }
 
-/// The program headers. Only they and the file's header are read, and no more than a sane file has: what the
-/// file says of its sections or its size is a stranger's word.
+/// The program headers; empty on any error. Reads only the file header and the program headers, and rejects
+/// more than kMostHeaders: the file is untrusted input.
 std::vector<GElf_Phdr> programHeaders(int fd) {
     static const unsigned kVersion = elf_version(EV_CURRENT);
     alignas(GElf_Ehdr) std::array<char, sizeof(GElf_Ehdr)> start{};
@@ -61,7 +61,7 @@ std::vector<GElf_Phdr> programHeaders(int fd) {
     return rows;
 }
 
-/// Whether segments follow each other and end where addresses do at the latest.
+/// Whether the segments are in ascending order, disjoint and without overflow.
 bool isOrdered(const std::vector<ElfSegment>& segments) {
     std::uint64_t end = 0;
     for (const ElfSegment& segment : segments) {

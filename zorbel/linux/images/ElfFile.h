@@ -6,12 +6,12 @@
 
 namespace zorbel {
 
-/// A part of an ELF file that is loaded, in bytes. Addresses count from the image's load address.
+/// A loaded segment of an ELF file, in bytes. Addresses are relative to the image's load address.
 struct ElfSegment {
     std::uint64_t offset = 0;  ///< In the file.
     std::uint64_t address = 0;
     std::uint64_t fileSize = 0;
-    std::uint64_t memorySize = 0;  ///< With the zeroed data behind what the file holds.
+    std::uint64_t memorySize = 0;  ///< Including zeroed data, which is not in the file.
     bool isWritable = false;
     bool isExecutable = false;
 
@@ -21,13 +21,13 @@ struct ElfSegment {
 /// How an ELF program or library is laid out in memory.
 struct ElfLayout {
     std::vector<ElfSegment> segments;  ///< In ascending order and disjoint; none is empty.
-    /// What is made read-only once it is relocated; empty where there is no such part.
+    /// The part that becomes read-only after relocation; empty if there is none.
     std::uint64_t relroStart = 0;
     std::uint64_t relroEnd = 0;
 };
 
-/// Reads the program headers of an ELF file of either word size and byte order. Nothing when the file is
-/// none, is no program or library, or contradicts itself.
+/// Reads the program headers of an ELF file of any word size and byte order. Nothing if it is no ELF program
+/// or library, or if its headers are inconsistent.
 std::optional<ElfLayout> readElfLayout(int fd);
 
 }  // namespace zorbel

@@ -16,11 +16,11 @@ namespace zorbel {
 namespace {
 
 #ifndef RESOLVE_CACHED
-constexpr std::uint64_t RESOLVE_CACHED = 0x20;  // From Linux 5.12 on.
+constexpr std::uint64_t RESOLVE_CACHED = 0x20;  // Since Linux 5.12.
 #endif
 
-/// The file behind a region, whatever became of its name and in whatever mount namespace it is. Needs
-/// privileges over the whole system.
+/// Refers to the file that a region maps, even if it is renamed or deleted or in another mount namespace.
+/// Needs privileges over the whole system.
 FileDescriptor referToMappedFile(const SnapshotRegion& region, int processDirectory) {
     char path[64];
     std::snprintf(path, sizeof path, "map_files/%llx-%llx", static_cast<unsigned long long>(region.start),
@@ -28,8 +28,8 @@ FileDescriptor referToMappedFile(const SnapshotRegion& region, int processDirect
     return FileDescriptor(openat(processDirectory, path, O_PATH | O_CLOEXEC));
 }
 
-/// The file of that name as the process sees it. A mapped file has its name and all directories above it in
-/// the kernel's cache, and no more is looked at: a directory on the way may be on a file system that hangs.
+/// Refers to the file with this name, as the process sees it. Only names in the kernel's cache are looked up,
+/// which has those of all mapped files: any other directory may be on a file system that hangs.
 FileDescriptor referToNamedFile(const SnapshotRegion& region, int processDirectory) {
     const FileDescriptor root(openat(processDirectory, "root", O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!root.isOpen()) return FileDescriptor();
@@ -40,19 +40,19 @@ FileDescriptor referToNamedFile(const SnapshotRegion& region, int processDirecto
         static_cast<int>(syscall(SYS_openat2, root.get(), region.path.c_str(), &how, sizeof how)));
 }
 
-/// Opens the region's file, which was only referred to before: to open anything but a regular file may do
-/// things. Another file may bear the name by now, even one on a file system that hangs, and where the process
-/// has run another program meanwhile, be mapped at the place.
+/// Opens the region's file for reading, given a descriptor that only refers to it. First checks that it is a
+/// regular file, since opening others may have side effects, and that it is the mapped file: the name may now
+/// belong to another file, even on a file system that hangs, and the process may have called exec.
 FileDescriptor openFileOf(const SnapshotRegion& region, const FileDescriptor& reference, bool isNamed) {
     struct statx status {};
-    // From the cache: what another file's file system is, is not known.
+    // DONT_SYNC: this may be another file, on a file system that hangs.
     if (!reference.isOpen() ||
         statx(reference.get(), "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_TYPE | STATX_INO, &status) != 0)
         return FileDescriptor();
     const bool isDevice = makedev(status.stx_dev_major, status.stx_dev_minor) == region.device;
     if (!S_ISREG(status.stx_mode) || status.stx_ino != region.inode || (isNamed && !isDevice))
         return FileDescriptor();
-    // Whoever owns the file may hold a lease on it, for the end of which others wait.
+    // NONBLOCK: the file's owner may hold a lease on it, and open would wait for its end.
     return FileDescriptor(open(("/proc/self/fd/" + std::to_string(reference.get())).c_str(),
                                O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
 }

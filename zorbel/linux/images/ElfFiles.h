@@ -11,34 +11,34 @@
 
 namespace zorbel {
 
-/// The layouts of the programs and libraries that processes map, each read once however many map it. Shared
-/// by the workers.
+/// The layouts of mapped programs and libraries. Each file is read once, even if many processes map it.
+/// Shared by the workers.
 class ElfFiles {
   public:
     enum class Kind {
         kElf,
         kOther,
-        kUnreadable,  ///< May not or can't be read; another process's mapping of the file might do.
+        kUnreadable,  ///< Not readable so far; may be through another process's mapping.
     };
     struct Answer {
         Kind kind = Kind::kUnreadable;
-        const ElfLayout* layout = nullptr;  ///< Of an ELF file; good for the whole run.
+        const ElfLayout* layout = nullptr;  ///< Of an ELF file; valid for the whole run.
     };
 
-    /// What is known of the file that a region of the process maps whose /proc directory is given. Opens the
-    /// file only where its file system is one that answers, and if it is a regular file.
+    /// What is known about the file that a region of a process maps. Opens only a regular file on a file
+    /// system that always answers.
     Answer answerFor(const SnapshotRegion& region, int processDirectory);
 
   private:
     struct File {
-        std::mutex mutex;  ///< Held while the file is read.
+        std::mutex mutex;  ///< Locked while the file is read.
         Kind kind = Kind::kUnreadable;
-        ElfLayout layout;  ///< Never changes once it is read.
+        ElfLayout layout;  ///< Never changes after it is read.
     };
 
     std::mutex _mutex;
-    /// By the id that stands for a file's device and inode. A mapped file keeps its inode, so for as
-    /// long as a run lasts that is identity enough.
+    /// By object id, which stands for device and inode. A mapped file keeps its inode, so the id identifies
+    /// the file for a whole run.
     boost::unordered_flat_map<std::uint32_t, File*> _fileOfId;
     std::deque<File> _files;
 };

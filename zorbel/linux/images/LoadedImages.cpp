@@ -29,12 +29,12 @@ std::uint64_t pageEnd(std::uint64_t address) { return pageStart(address + pageSi
 
 bool isExecutable(const SnapshotRegion& region) { return (region.record.protection & kExecute) != 0; }
 
-/// Whether the region shows that its file is run, not only read. Programs map ELF files to read them, too.
+/// Whether the region shows that its file is loaded as code. Some programs map ELF files only to read them.
 bool isLoaded(const SnapshotRegion& region) {
     return region.fileUse != FileUse::kNone && region.isPrivate && (isExecutable(region) || region.isWritten);
 }
 
-/// Name of a file's region that is told by the region alone.
+/// Segment name of a file's region, by its protection and offset alone.
 Name nameByAccess(const SnapshotRegion& region) {
     if (isExecutable(region)) return names().text;
     if ((region.record.protection & kWrite) != 0) return names().data;
@@ -42,8 +42,7 @@ Name nameByAccess(const SnapshotRegion& region) {
     return region.record.offset == 0 ? names().linkedit : names().text;
 }
 
-/// The segment that the region maps the first part of; null when the file is not loaded there as its headers
-/// say.
+/// The segment that contains the region's first byte; null if the headers do not match the mapping.
 const ElfSegment* segmentOf(const SnapshotRegion& region, const ElfLayout& layout) {
     for (const ElfSegment& segment : layout.segments) {
         const bool isAlike = isExecutable(region) ? segment.isExecutable : segment.isWritable;
@@ -56,7 +55,6 @@ const ElfSegment* segmentOf(const SnapshotRegion& region, const ElfLayout& layou
 
 }  // namespace
 
-/// One search through the regions of a process.
 class LoadedImages::Finder {
   public:
     Finder(std::span<const SnapshotRegion> regions, LoadedImages& images)
@@ -79,11 +77,11 @@ class LoadedImages::Finder {
   private:
     struct FoundFile {
         std::optional<ElfFiles::Answer> answer;
-        std::uint64_t end = 0;  ///< Of the file's image that was found last.
+        std::uint64_t end = 0;  ///< End of the image of this file that was found last.
     };
 
-    /// Adds the segments that are mapped as the headers say, behind what is known of the file. Returns the
-    /// end of the last one, 0 when there is none.
+    /// Adds the segments that are mapped as the headers say, and that lie above knownEnd. Returns the end of
+    /// the last one, 0 if there is none.
     std::uint64_t _addByHeaders(const SnapshotRegion& region, const ElfLayout& layout,
                                 std::uint64_t knownEnd) {
         const ElfSegment* anchor = segmentOf(region, layout);
@@ -92,7 +90,7 @@ class LoadedImages::Finder {
             region.start - pageStart(anchor->address) - (region.record.offset - pageStart(anchor->offset));
         std::uint64_t end = 0;
         for (const ElfSegment& segment : layout.segments) {
-            // A segment may begin in the page where the one before ends.
+            // A segment may start in the page where the previous one ends.
             const std::uint64_t start = std::max(slide + pageStart(segment.address), end);
             const std::uint64_t segmentEnd = slide + pageEnd(segment.end());
             if (start < knownEnd || segmentEnd <= start) continue;
@@ -106,8 +104,8 @@ class LoadedImages::Finder {
         return end;
     }
 
-    /// Whether the segment's first page is where it should be. Zeroed data that the file holds nothing of may
-    /// be anyone's: it is believed as the last segment, behind another one.
+    /// Whether the segment's first page is mapped where the headers say. A segment of zeroed data only maps
+    /// no file, so its memory may have another use. It is accepted only as the last one of several segments.
     bool _isMapped(const ElfSegment& segment, std::uint64_t address, std::uint32_t fileId,
                    bool mayBeZeroed) const {
         const auto found = std::upper_bound(
@@ -129,7 +127,7 @@ class LoadedImages::Finder {
             const bool isLinkedit = segment.offset == 0 && !segment.isExecutable;
             return addUpTo(end, isLinkedit ? names().linkedit : names().text);
         }
-        // The loader protects whole pages only.
+        // The loader can only protect whole pages.
         const std::uint64_t relroStart = slide + pageStart(layout.relroStart);
         const std::uint64_t relroEnd = slide + pageStart(layout.relroEnd);
         if (relroStart < end && relroEnd > start) {
@@ -139,7 +137,7 @@ class LoadedImages::Finder {
         addUpTo(end, names().data);
     }
 
-    /// Takes the neighbouring regions of the same file for its segments. Returns the end of the last one.
+    /// Takes the neighbouring regions of the same file as segments. Returns the end of the last one.
     std::uint64_t _addByRegions(std::size_t executable) {
         const std::uint32_t file = _regions[executable].fileId;
         const auto isSameFile = [&](std::size_t i) {

@@ -12,14 +12,14 @@
 
 namespace zorbel {
 
-/// The programs and libraries that a process has loaded, with the segments of each.
+/// The programs and libraries that a process has loaded, with their segments.
 class LoadedImages {
   public:
-    /// Finds them in the regions of the process whose /proc directory is given, in ascending order.
+    /// Finds the images in the regions of a process, which are in ascending order.
     static LoadedImages inRegions(std::span<const SnapshotRegion> regions, ElfFiles& files,
                                   int processDirectory);
 
-    /// All segments, those of one image behind each other and ascending.
+    /// All segments, image by image, in ascending order within each image.
     [[nodiscard]] std::span<const SymbolSegment> segments() const { return _segments; }
 
     void forEachOwner(const std::function<void(const SymbolOwner&)>& consume) const;

@@ -27,12 +27,12 @@ using Record = MemoryInfoRecord;
 constexpr std::uint64_t number(KernelTag tag) { return static_cast<std::uint64_t>(tag); }
 constexpr std::uint64_t number(KernelCounter counter) { return static_cast<std::uint64_t>(counter); }
 
-/// Modules and functions are numbered by us, from these numbers on: the number of locked memory means
-/// that for all sites, and no function is to be taken for one that the kernel shows as an address.
+/// We number modules and functions ourselves, from these numbers on. Module numbers start above kMlock, which
+/// means locked memory in every kind of site. Function numbers never equal a kernel address.
 constexpr std::uint64_t kFirstModule = number(KernelTag::kMlock) + 1;
 constexpr std::uint64_t kFirstFunction = std::uint64_t{1} << 40;
 
-/// Who allocates the stacks of threads, in one version of the kernel or another.
+/// Functions that allocate thread stacks, in any kernel version.
 bool allocatesStacks(std::string_view function) {
     constexpr std::string_view kNames[] = {"_do_fork",         "alloc_thread_stack_node", "copy_process",
                                            "create_io_thread", "dup_task_struct",         "fork_idle",
@@ -41,7 +41,7 @@ bool allocatesStacks(std::string_view function) {
     return std::find(std::begin(kNames), std::end(kNames), function) != std::end(kNames);
 }
 
-/// Who allocates the memory of modules, and in part of other code that is made while the kernel runs.
+/// Functions that allocate memory for modules. Some of it is for other code that the kernel generates.
 bool allocatesModules(std::string_view function) {
     constexpr std::string_view kNames[] = {"layout_and_allocate", "load_module", "module_alloc",
                                            "module_memory_alloc", "move_module"};
@@ -55,7 +55,7 @@ void copyText(char (&field)[size], std::string_view text) {
     std::memcpy(field, shown.data(), shown.size());
 }
 
-/// The sum of the figures behind a word that begins lines; 0 where none begins so.
+/// Adds up the first number of each line that starts with the word; 0 if there is no such line.
 std::uint64_t sumBehind(std::string_view text, std::string_view word) {
     std::uint64_t sum = 0;
     while (!text.empty()) {
@@ -65,7 +65,7 @@ std::uint64_t sumBehind(std::string_view text, std::string_view word) {
     return sum;
 }
 
-/// Bytes of an item of meminfo, which counts KiB.
+/// Bytes of an item of meminfo, which shows KiB.
 std::uint64_t sizeIn(std::string_view meminfo, const std::string& item) {
     return sumBehind(meminfo, item + ":") * 1024;
 }
@@ -90,8 +90,8 @@ MemoryInfoRecord& KernelMemory::_add(std::uint64_t flags, std::uint64_t site, st
     return record;
 }
 
-/// "name active total size each pages : tunables ... : slabdata active slabs ...": objects, bytes of one,
-/// objects and pages of a slab.
+/// Line format: "name active total size each pages : tunables ... : slabdata active slabs ...". "size" is the
+/// bytes of one object; "each" and "pages" are the objects and pages of one slab.
 void KernelMemory::_addZones(std::string_view slabinfo, std::uint64_t pageSize) {
     constexpr std::string_view kSlabs = ": slabdata";
     while (!slabinfo.empty()) {
@@ -119,7 +119,7 @@ void KernelMemory::_addZones(std::string_view slabinfo, std::uint64_t pageSize) 
     }
 }
 
-/// "name size users ...", a module to a line; its place in the list stands for a load tag.
+/// Line format: "name size users ...". The load tag is the module's position in the list.
 void KernelMemory::_addModules(std::string_view modules) {
     while (!modules.empty()) {
         std::string_view line = takeLine(modules);
@@ -132,8 +132,8 @@ void KernelMemory::_addModules(std::string_view modules) {
     }
 }
 
-/// "start-end size function+offset/length [module] pages=n ...", an area to a line; areas without pages only
-/// map what is told elsewhere.
+/// Line format: "start-end size function+offset/length [module] pages=n ...". An area without pages only maps
+/// memory that is counted elsewhere.
 void KernelMemory::_addFunctions(std::string_view vmallocinfo, std::uint64_t pageSize) {
     std::map<std::string_view, std::uint64_t> sizes;
     while (!vmallocinfo.empty()) {
@@ -144,13 +144,13 @@ void KernelMemory::_addFunctions(std::string_view vmallocinfo, std::uint64_t pag
         const std::string_view caller = takeWord(line);
         const bool isAddress = caller.starts_with("0x");
         if (size == 0 || (!isAddress && caller.find('+') == std::string_view::npos)) continue;
-        // Compilers add ".isra.0" and their like to names.
+        // Compilers append suffixes such as ".isra.0".
         const std::string_view function = caller.substr(0, caller.find_first_of("+."));
-        // A kernel without symbols tells addresses; of its areas, those of that size are stacks.
+        // A kernel without symbols shows addresses. Its areas of exactly the stack size are stacks.
         const bool isStack = isAddress ? size == kernelStackSize() : allocatesStacks(function);
         if (!isStack) sizes[function] += size;
     }
-    std::uint64_t modules = _wiredSize;  // Have told of themselves, and nobody else has yet.
+    std::uint64_t modules = _wiredSize;  // Only modules have been added so far.
     for (auto& [function, size] : sizes) {
         if (!allocatesModules(function)) continue;
         const std::uint64_t told = std::min(size, modules);
@@ -171,8 +171,8 @@ void KernelMemory::_addFunctions(std::string_view vmallocinfo, std::uint64_t pag
     }
 }
 
-/// "size calls path:line [module] func:function", a place in the source to a line. Of a function, the place
-/// that has allocated most is kept.
+/// Line format: "size calls path:line [module] func:function". For each function, keeps the source line that
+/// holds the most memory.
 void KernelMemory::_findSources(std::string_view allocinfo) {
     constexpr std::string_view kFunction = " func:";
     struct Place {
@@ -210,7 +210,7 @@ void KernelMemory::_addTags(const KernelTexts& texts) {
         {KernelTag::kStack, sizeIn(texts.meminfo, "KernelStack")},
         {KernelTag::kCpu, sizeIn(texts.meminfo, "Percpu")},
         {KernelTag::kPte, sizeIn(texts.meminfo, "PageTables") + sizeIn(texts.meminfo, "SecPageTables")},
-        // Objects too large for any zone are slab memory as well.
+        // Slab memory outside of any zone: objects too large for a zone.
         {KernelTag::kKalloc, slabs - std::min(slabs, _zonesSize)},
         {KernelTag::kCompressor, compressed},
         {KernelTag::kMlock, sizeIn(texts.meminfo, "Mlocked")},
@@ -224,9 +224,9 @@ void KernelMemory::_addCounters(const KernelTexts& texts, std::uint64_t pageSize
     const std::uint64_t managed = sumBehind(texts.zoneinfo, "managed") * pageSize;
     const std::uint64_t present = sumBehind(texts.zoneinfo, "present") * pageSize;
     const std::uint64_t wired = _wiredSize + _zonesSize;
-    // What is left when everything known is taken away: pages that a driver holds, for instance. Processors
-    // keep some free pages at hand. Of the pages that are in swap as well, processes map most: those are in
-    // AnonPages too.
+    // The rest, such as pages that a driver holds: used memory minus all known memory. Each CPU keeps some
+    // free pages ("count:" in zoneinfo). SwapCached is not subtracted: processes map most of those pages, so
+    // AnonPages includes them.
     const std::uint64_t atHand = sumBehind(texts.zoneinfo, "count:") * pageSize;
     const std::uint64_t used = size("MemTotal") - std::min(size("MemFree"), size("MemTotal"));
     const std::uint64_t known = size("Buffers") + size("Cached") + size("AnonPages") + size("Hugetlb") +

@@ -14,8 +14,8 @@
 
 namespace zorbel {
 
-/// The texts that tell of the kernel's memory, empty where the system has none: files of /proc, and the
-/// mm_stat of each /sys/block/zram*.
+/// The texts that describe the kernel's memory: files of /proc, and mm_stat of each /sys/block/zram*. A text
+/// is empty where the system has no such file.
 struct KernelTexts {
     std::string slabinfo;
     std::string vmallocinfo;
@@ -26,24 +26,25 @@ struct KernelTexts {
     std::vector<std::string> zramStats;
 };
 
-/// Reads them all; the error of the first one that may not be read. slabinfo and vmallocinfo take root.
+/// Reads all texts. Fails with the first errno other than ENOENT from a file of /proc. slabinfo and
+/// vmallocinfo need root.
 Result<KernelTexts> readKernelTexts(const SystemRoot& root);
 
-/// The kernel's memory as those texts tell it.
+/// The kernel's memory, as those texts show it.
 ///
-/// No byte is told twice: thread stacks and modules are in vmallocinfo too, where they are left out; what the
-/// slab allocator has is in the zones, and its total is hidden.
+/// Each byte is counted once. vmallocinfo also lists thread stacks and modules: they are left out there. The
+/// zones include all memory of the slab allocator, so its total is hidden.
 class KernelMemory {
   public:
     KernelMemory(const KernelTexts& texts, std::uint64_t pageSize);
 
     [[nodiscard]] KernelMemoryAccount account() const { return {_zoneNames, _zones, _records}; }
-    /// Gives up the array of the account that begins there. False when there is none.
+    /// Frees the array of the account that begins at this address. False if there is none.
     bool release(const void* array);
 
     [[nodiscard]] const std::vector<KernelModuleInfo>& modules() const { return _modules; }
-    /// What is known of the sites of the account, by number. The kernel tells the names of functions in place
-    /// of their addresses, so the numbers are ours.
+    /// Function name and source of a site of the account; nothing if unknown. A site's number is our own: the
+    /// kernel shows function names instead of addresses.
     [[nodiscard]] std::optional<std::string> symbolOfSite(std::uint64_t site) const;
     [[nodiscard]] std::optional<SourceLocation> sourceOfSite(std::uint64_t site) const;
 
@@ -68,7 +69,7 @@ class KernelMemory {
     std::vector<KernelModuleInfo> _modules;
     std::vector<Function> _functions;  ///< In the order of their sites.
     std::uint64_t _zonesSize = 0;
-    std::uint64_t _wiredSize = 0;  ///< Of all records that are not hidden.
+    std::uint64_t _wiredSize = 0;  ///< Bytes of all wired records that are not hidden.
 };
 
 }  // namespace zorbel

@@ -35,10 +35,10 @@ struct Mount {
     std::uint64_t device = 0;
     std::string_view point;
     std::string_view type;
-    std::string_view options;  ///< Of the file system.
+    std::string_view options;  ///< Of the file system, not of the mount.
 };
 
-/// A line is "id parent major:minor root mount-point options [optional fields] - type source options".
+/// Line format: "id parent major:minor root mount-point options [optional fields] - type source options".
 std::optional<Mount> parseMount(std::string_view line) {
     const std::size_t separator = line.find(" - ");
     if (separator == std::string_view::npos) return std::nullopt;
@@ -60,7 +60,7 @@ std::optional<Mount> parseMount(std::string_view line) {
     return mount;
 }
 
-/// The mount that a path leads to, as far as its text tells; null when it tells nothing.
+/// The mount that a path is on, judging by its text alone; null if the text does not show it.
 const Mount* mountOf(std::string_view path, const std::vector<Mount>& mounts) {
     if (!path.starts_with('/') || path.find('\\') != std::string_view::npos) return nullptr;
     const Mount* found = nullptr;
@@ -68,13 +68,13 @@ const Mount* mountOf(std::string_view path, const std::vector<Mount>& mounts) {
         const bool leadsThere = path.starts_with(mount.point) &&
                                 (mount.point.ends_with('/') || path.size() == mount.point.size() ||
                                  path[mount.point.size()] == '/');
-        // Of two at one point, the later one hides the other.
+        // If two mounts have the same point, the later one hides the other.
         if (leadsThere && (found == nullptr || mount.point.size() >= found->point.size())) found = &mount;
     }
     return found;
 }
 
-/// Whether all layers of an overlay are on file systems that answer.
+/// Whether all layers of an overlay are on file systems that always answer.
 bool hasLocalLayers(const Mount& overlay, const std::vector<Mount>& mounts) {
     bool hasLayers = false;
     for (std::string_view options = overlay.options; !options.empty();) {
@@ -83,7 +83,7 @@ bool hasLocalLayers(const Mount& overlay, const std::vector<Mount>& mounts) {
         if (!name.starts_with("lowerdir") && !name.starts_with("datadir") && name != "upperdir") continue;
         while (!paths.empty()) {
             const std::string_view path = takeUpTo(paths, ':');
-            if (path.empty()) continue;  // Two colons stand before layers of data only.
+            if (path.empty()) continue;  // "::" precedes data-only layers.
             const Mount* mount = mountOf(path, mounts);
             if (mount == nullptr || kindOfType(mount->type) == FileSystems::Kind::kRemote) return false;
             hasLayers = true;
@@ -119,7 +119,7 @@ void FileSystems::addMounts(std::string_view mountinfo, bool areOurs) {
     for (const Mount& mount : mounts) {
         const bool isLocalOverlay = areOurs && mount.type == "overlay" && hasLocalLayers(mount, mounts);
         const Kind kind = isLocalOverlay ? Kind::kLocal : kindOfType(mount.type);
-        // What is known of our own mounts is not undone by what others tell of them.
+        // Mounts that others list do not override our own.
         if (areOurs)
             _kinds[mount.device] = kind;
         else

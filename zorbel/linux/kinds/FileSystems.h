@@ -8,30 +8,30 @@
 
 namespace zorbel {
 
-/// Tells by device number what kind of file system a mapped file is on, without touching the file: a file
-/// system that is served by a process or a dead server might never answer. Shared by the workers.
+/// The kind of file system that a mapped file is on, found by device number. The file is not touched: a file
+/// system served by a process or a dead server might never answer. Shared by the workers.
 class FileSystems {
   public:
     enum class Kind {
-        kUnknown,  ///< Nowhere mounted that we can see.
-        kMemory,   ///< Lives in memory only: pages have no file to be read from again.
-        kKernel,   ///< The kernel's own mount behind memfd, SysV and shared anonymous memory, in no list.
-        kLocal,    ///< On storage of this machine, which answers without anyone's help.
-        kRemote,   ///< On storage that a process or another machine serves, or that we don't know.
+        kUnknown,  ///< No mount that we can see has this device.
+        kMemory,   ///< In memory only: pages can't be read from storage again.
+        kKernel,   ///< The kernel's unlisted mount for memfd, SysV and shared anonymous memory.
+        kLocal,    ///< On this machine's storage, so it always answers.
+        kRemote,   ///< Served by a process or another machine, or of an unknown type.
     };
 
-    /// Reads the mounts of our own namespace from the /proc that is given.
+    /// Reads the mounts of our own namespace from proc/self/mountinfo.
     explicit FileSystems(const std::string& proc = "/proc");
 
-    /// The kind of the file system with the device number, as far as the mounts tell that are known by now.
+    /// The kind of the file system with this device number; kUnknown if no mount read so far has it.
     Kind kindOf(std::uint64_t device);
 
-    /// Adds the mounts that the process sees whose /proc directory is given.
+    /// Adds the mounts that a process sees, given its /proc directory.
     void addMountsOf(int processDirectory);
 
-    /// Adds the mounts that the text of a mountinfo lists. An overlay is as local as its layers, which it
-    /// names by paths of whoever mounted it: those are believed in our own mounts only, where nobody but root
-    /// mounts anything, and an overlay that others list is remote.
+    /// Adds the mounts in the text of a mountinfo. An overlay is local if all its layers are. Layers are
+    /// paths chosen by the one who mounted it, so they are used only for our own mounts, which only root can
+    /// make. Any other overlay is remote.
     void addMounts(std::string_view mountinfo, bool areOurs);
 
   private:

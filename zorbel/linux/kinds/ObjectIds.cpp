@@ -18,7 +18,7 @@ std::size_t hash_value(const FileIdentity& file) {
 }
 
 ObjectIds::ObjectIds() {
-    const FileDescriptor probe(eventfd(0, EFD_CLOEXEC));  // Hangs on that inode too.
+    const FileDescriptor probe(eventfd(0, EFD_CLOEXEC));  // Uses that inode too.
     struct stat status {};
     if (probe.isOpen() && fstat(probe.get(), &status) == 0)
         _anonymousInode = {status.st_dev, status.st_ino, 0};

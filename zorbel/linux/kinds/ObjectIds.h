@@ -10,31 +10,32 @@
 
 namespace zorbel {
 
-/// What tells one mapped file from another.
+/// Identifies a mapped file.
 struct FileIdentity {
     std::uint64_t device = 0;
     std::uint64_t inode = 0;
-    /// SysV segments bear their identifier as inode number, beside other memory files on the same device, and
-    /// each IPC namespace counts its own: that namespace, or 0 for anything else.
+    /// The IPC namespace of a SysV segment, 0 for anything else. The inode number of a segment is its
+    /// identifier. Another namespace, or another memory file on the same device, may have the same number.
     std::uint64_t ipcNamespace = 0;
 
     friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
     friend std::size_t hash_value(const FileIdentity& file);
 };
 
-/// Gives out object ids: one for each file, whoever maps it, one for each object of saved memory graphs, and
-/// a new one for whatever is mapped only once. Never 0, never the same id for two objects. Shared by the
-/// workers.
+/// Assigns object ids: one for each file (the same for all processes), one for each object of a saved memory
+/// graph, and a new one for each mapping that is not shared. An id is never 0 and never used for two objects.
+/// Shared by the workers.
 class ObjectIds {
   public:
     ObjectIds();
 
-    /// Whether the identity stands for one file. The kernel hangs BPF maps, perf rings and their like all on
-    /// one inode, which tells nothing of what is mapped.
+    /// Whether the identity belongs to a single file. The kernel uses one inode for all BPF maps, perf rings
+    /// and the like, so it does not show what is mapped.
     [[nodiscard]] bool tellsFile(const FileIdentity& file) const { return file != _anonymousInode; }
     std::uint32_t idOfFile(const FileIdentity& file);
     std::uint32_t newId() { return ++_last; }
-    /// For an object of saved memory graphs: those of one capture tell it by the same number.
+    /// The id for an object of a saved memory graph. Graphs of one capture use the same number for the same
+    /// object.
     std::uint32_t idOfSaved(Name capture, std::uint32_t number);
 
   private:

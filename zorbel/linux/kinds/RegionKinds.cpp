@@ -9,11 +9,11 @@ namespace {
 constexpr std::uint64_t kMiB = 0x100000;
 constexpr std::uint64_t kLargestGuard = kMiB;
 
-/// The C library aligns the arenas of threads to the size that they are reserved with.
+/// The C library aligns the arena of a thread to the size that it reserves for it.
 constexpr std::uint64_t kArenaSize64 = 64 * kMiB;
 constexpr std::uint64_t kArenaSize32 = kMiB;
 
-/// Where Go's runtime puts its heap on 64-bit machines.
+/// Where Go's runtime places its heap on 64-bit machines.
 constexpr std::uint64_t kGoHeapStart = 0xC000000000;
 constexpr std::uint64_t kGoHeapEnd = 0x10000000000;
 
@@ -28,7 +28,7 @@ struct PrefixTag {
     Tag tag;
 };
 
-/// The tag of the first row whose prefix the text begins with.
+/// The tag of the first row whose prefix the text starts with; kNone if there is none.
 template <std::size_t count>
 Tag tagByPrefix(const PrefixTag (&rows)[count], std::string_view text) {
     for (const PrefixTag& row : rows)
@@ -36,13 +36,13 @@ Tag tagByPrefix(const PrefixTag (&rows)[count], std::string_view text) {
     return Tag::kNone;
 }
 
-/// Names that the kernel gives by itself.
+/// Names that the kernel itself gives.
 constexpr PrefixTag kKernelNames[] = {
     {"[heap]", Tag::kSbrk}, {"[stack", Tag::kStack},        {"[vdso]", Tag::kVdso},
     {"[vvar", Tag::kVvar},  {"[vsyscall]", Tag::kVsyscall}, {"[uprobes]", Tag::kUprobes},
 };
 
-/// Names that allocators and runtimes give with PR_SET_VMA_ANON_NAME, without the "[anon:" before.
+/// Names that allocators and runtimes set with PR_SET_VMA_ANON_NAME, without the leading "[anon:".
 constexpr PrefixTag kAllocatorNames[] = {
     {" glibc: malloc arena", Tag::kMallocSmall},
     {" glibc: loader malloc", Tag::kMallocSmall},
@@ -60,7 +60,7 @@ constexpr PrefixTag kAllocatorNames[] = {
     {" Go: heap", Tag::kGoHeap},
 };
 
-/// Names of runtimes that make code, which is what an executable region of theirs holds.
+/// Names set by runtimes that generate code. An executable region with such a name contains code.
 constexpr PrefixTag kJitNames[] = {
     {"v8", Tag::kJitCode},   {"js-executable-memory", Tag::kJitCode},
     {"JIT", Tag::kJitCode},  {"dalvik-jit", Tag::kJitCode},
@@ -73,7 +73,7 @@ constexpr PrefixTag kDeviceNames[] = {
     {"/dev/", Tag::kDeviceMemory},
 };
 
-/// Names of memory on file systems of the kernel's own, which are mounted nowhere.
+/// Names of memory on the kernel's own file systems, which are not mounted anywhere.
 constexpr PrefixTag kUnmountedNames[] = {
     {"/memfd:", Tag::kMemfd},
     {"/SYSV", Tag::kSysVShared},
@@ -106,8 +106,7 @@ bool isReadWrite(const SnapshotRegion& region) {
 
 std::uint32_t number(Tag tag) { return static_cast<std::uint32_t>(tag); }
 
-/// Whether the region starts where an arena would and all behind it, up to where an arena would end, is
-/// reserved.
+/// Whether the region starts at the alignment of an arena, and the rest of that arena is reserved.
 bool isArena(const SnapshotRegion& region, const SnapshotRegion* next, std::uint64_t arenaSize) {
     if (!isReadWrite(region) || region.start % arenaSize != 0 || region.size() > arenaSize) return false;
     const std::uint64_t arenaEnd = region.start + arenaSize;
@@ -116,8 +115,8 @@ bool isArena(const SnapshotRegion& region, const SnapshotRegion* next, std::uint
            next->end >= arenaEnd;
 }
 
-/// Zeroed data of a program that runs with everything executable: it follows the file that it belongs to and
-/// may be accessed alike.
+/// Whether the region is the zeroed data of a program in which everything is executable: it follows a region
+/// of the file, with the same protection.
 bool continuesDataSegment(const SnapshotRegion& region, const SnapshotRegion* previous) {
     return previous != nullptr && previous->end == region.start && previous->path.isPresent() &&
            previous->record.share_mode == kShareModeCopyOnWrite &&
@@ -143,7 +142,7 @@ Tag tagOfPlainAnonymous(const SnapshotRegion& region, const SnapshotRegion* prev
 }  // namespace
 
 bool mapsFile(const SmapsEntry& entry) {
-    // The device is only another way to ask for anonymous memory.
+    // A private mapping of /dev/zero is plain anonymous memory.
     if (!entry.isShared && entry.path == "/dev/zero") return false;
     return !entry.path.empty() && (entry.path[0] != '[' || entry.path.starts_with(kAnonShmemPrefix));
 }
@@ -154,7 +153,7 @@ RegionKind kindOfEntry(const SmapsEntry& entry, FileSystems::Kind fileSystem) {
         if (entry.path.empty()) return {};
         return {tagOfNamedAnonymous(entry), false};
     }
-    // Names of the kernel's own are not believed on a mounted file system, where anyone may choose names.
+    // On a mounted file system, any user could name a file like this, so such a name is not trusted there.
     const bool isMounted =
         fileSystem != FileSystems::Kind::kUnknown && fileSystem != FileSystems::Kind::kKernel;
     if (!isMounted)

@@ -10,22 +10,22 @@
 
 namespace zorbel {
 
-/// What an entry tells of its own kind.
+/// What an smaps entry alone shows about its kind.
 struct RegionKind {
     Tag tag = Tag::kNone;
-    /// Whether clean pages can be read again from a file.
+    /// Whether clean pages can be read again from storage.
     bool hasStorage = false;
 };
 
-/// Kind of an entry by its path and flags. The file system is that of its device, and matters only for an
-/// entry that maps a file.
+/// The kind of an entry, from its path and flags. The file system is the one of its device; it is used only
+/// if the entry maps a file.
 RegionKind kindOfEntry(const SmapsEntry& entry, FileSystems::Kind fileSystem);
 
-/// Whether the entry's memory is a file's, be it one that lives in memory only.
+/// Whether the entry maps a file, including a file that is in memory only.
 bool mapsFile(const SmapsEntry& entry);
 
-/// Finds the kinds of the plain anonymous regions of one address space, given in ascending order: their place
-/// and their neighbours tell what no name does.
+/// Sets the kinds of plain anonymous regions, which have no name, by their addresses and neighbours. The
+/// regions are those of one address space, in ascending order.
 void findAnonymousKinds(std::span<SnapshotRegion> regions);
 
 }  // namespace zorbel

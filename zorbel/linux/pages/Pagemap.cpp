@@ -16,16 +16,16 @@ namespace zorbel {
 
 namespace {
 
-// Of an entry, as the kernel's admin-guide/mm/pagemap documents it.
+// Bits of an entry; see admin-guide/mm/pagemap in the kernel's documentation.
 constexpr std::uint64_t kPresent = 1ULL << 63;
 constexpr std::uint64_t kSwapped = 1ULL << 62;
 constexpr std::uint64_t kFileOrShared = 1ULL << 61;
 constexpr std::uint64_t kExclusive = 1ULL << 56;
 
-/// Entries that are read at once: 2 MiB of memory on small pages.
+/// Entries to read at once: 2 MiB of memory with 4 KiB pages.
 constexpr std::uint64_t kMostEntries = 512;
 
-/// Arguments and results of the PAGEMAP_SCAN call, from Linux 6.7 on.
+/// Arguments and results of PAGEMAP_SCAN, since Linux 6.7.
 struct PageRange {
     std::uint64_t start;
     std::uint64_t end;
@@ -51,8 +51,8 @@ constexpr std::uint64_t kIsPresent = 1U << 3;
 constexpr std::uint64_t kIsSwapped = 1U << 4;
 constexpr std::uint64_t kIsZeroPage = 1U << 5;
 
-/// Scans for ranges of pages that have any of the categories, which are told for each. Moves the start behind
-/// what was scanned. The number of ranges, or -1.
+/// Finds ranges of pages with any of the anyOf categories; each range has its categories among told. Moves
+/// start to the end of what was scanned. Returns the number of ranges, or -1.
 template <std::size_t size>
 int scan(int pagemap, std::uint64_t& start, std::uint64_t end, std::uint64_t anyOf, std::uint64_t told,
          std::array<PageRange, size>& ranges) {
@@ -69,13 +69,13 @@ int scan(int pagemap, std::uint64_t& start, std::uint64_t end, std::uint64_t any
     return count;
 }
 
-/// A file's page that the process has not copied is dirty only where it has no storage behind it.
+/// A page of a file, not copied by the process, is dirty only if the file has no storage.
 std::int32_t dispositionOf(bool isPresent, bool isSwapped, bool isExternal) {
     if (!isPresent) return isSwapped ? kPageQueryPagedOut : 0;
     return kPageQueryPresent | (isExternal ? kPageQueryExternal : kPageQueryDirty);
 }
 
-/// Whether the page may be one that shows only zeros: it is no file's and not the process's alone.
+/// Whether this may be the kernel's page of zeros: it belongs to no file and is mapped more than once.
 bool mayBeZeroPage(std::uint64_t entry) {
     return (entry & (kPresent | kFileOrShared | kExclusive)) == kPresent;
 }
@@ -119,7 +119,7 @@ int Pagemap::_readSome(std::uint64_t address, std::uint64_t pages, bool isExtern
     return 0;
 }
 
-/// Older kernels can't tell; there such pages count as present.
+/// Kernels before 6.7 can't find such pages, so there they count as present.
 void Pagemap::_forgetZeroPages(std::uint64_t address, std::uint64_t pages, std::int32_t* dispositions) const {
     std::array<PageRange, kMostEntries> ranges;
     std::uint64_t next = address;

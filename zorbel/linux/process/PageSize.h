@@ -13,8 +13,8 @@ inline std::uint64_t pageSize() {
     return kPageSize;
 }
 
-/// Bytes of the stack that a thread has in the kernel: THREAD_SIZE of the architectures in use, 8 KiB where
-/// words have 32 bits, else 16 KiB or one page.
+/// Bytes of a thread's stack in the kernel: THREAD_SIZE of the architectures in use. That is 8 KiB on 32-bit
+/// machines and 16 KiB on others, but at least one page.
 inline std::uint64_t kernelStackSize() {
     constexpr std::uint64_t kStackSize = sizeof(void*) == 8 ? 16384 : 8192;
     return std::max(kStackSize, pageSize());

@@ -11,7 +11,7 @@ bool anyTask(int processDirectory, const std::function<bool(const std::string& p
     FileDescriptor threads = openDirectory("task", processDirectory);
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(fdopendir(threads.get()), &closedir);
     if (!directory) return false;
-    threads.release();  // Closed with the stream from now on.
+    threads.release();  // closedir() closes it.
     while (const dirent* thread = readdir(directory.get()))
         if (thread->d_name[0] != '.' && visit(std::string("task/") + thread->d_name + "/")) return true;
     return false;

@@ -7,18 +7,19 @@
 
 namespace zorbel {
 
-/// Calls with the place of the files of a process, relative to its /proc directory, and then with those of
-/// its threads, until a call returns true; returns whether one has. A place is "" or "task/TID/".
+/// Calls visit with the place of the process's own files, then with that of each thread's, until it returns
+/// true. Returns whether it has. A place is "" or "task/TID/", relative to the /proc directory of the
+/// process.
 ///
-/// The first thread of a process may end before the others. The files of the process then show a zombie
-/// without memory, and those of another thread show everything.
+/// The first thread of a process may end before the others. Then the process's own files show a zombie
+/// without memory, and the files of another thread show everything.
 bool anyTask(int processDirectory, const std::function<bool(const std::string& place)>& visit);
 
-/// A path without the mark that the kernel puts behind the name of a deleted file.
+/// Removes the " (deleted)" that the kernel appends to the path of a deleted file.
 std::string withoutDeletedMark(std::string path);
 
-/// Path of the program that a process runs, from its link "exe"; an error where that can't be read, as for a
-/// kernel thread or without the right to. A first thread that has ended has none.
+/// Path of the program that a process runs, from its link "exe". An error if that can't be read: for a kernel
+/// thread, without permission, or if the first thread has ended.
 Result<std::string> pathOfProgram(int processDirectory, const std::string& place = "");
 
 }  // namespace zorbel

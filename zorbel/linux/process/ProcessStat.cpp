@@ -8,7 +8,7 @@ namespace zorbel {
 
 namespace {
 
-// Fields are numbered as in proc(5), which counts the pid as 1.
+// Field numbers as in proc(5): the pid is field 1.
 constexpr int kFirstNumberField = 4;
 constexpr int kParentField = 4;
 constexpr int kTerminalField = 7;
@@ -19,7 +19,7 @@ constexpr int kStackStartField = 28;
 }  // namespace
 
 std::optional<ProcessStat> parseProcessStat(std::string_view text) {
-    // The command may hold parentheses and blanks itself.
+    // The command may contain parentheses and blanks.
     const std::size_t open = text.find('(');
     const std::size_t close = text.rfind(')');
     if (open == std::string_view::npos || close == std::string_view::npos || close < open)
@@ -35,7 +35,7 @@ std::optional<ProcessStat> parseProcessStat(std::string_view text) {
     std::array<std::uint64_t, kStackStartField + 1> fields{};
     for (int field = kFirstNumberField; field <= kStackStartField; ++field) {
         while (!rest.empty() && rest.front() == ' ') rest.remove_prefix(1);
-        if (!rest.empty() && rest.front() == '-') rest.remove_prefix(1);  // None of those that count.
+        if (!rest.empty() && rest.front() == '-') rest.remove_prefix(1);  // No field that we use is negative.
         const auto value = takeNumber(rest);
         if (!value) return std::nullopt;
         fields[static_cast<std::size_t>(field)] = *value;

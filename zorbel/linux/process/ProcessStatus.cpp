@@ -5,7 +5,7 @@
 namespace zorbel {
 
 std::optional<ProcessStatus> parseProcessStatus(std::string_view text) {
-    // A process can't forge a line: newlines in its name are escaped.
+    // A process can't fake a line: the kernel escapes newlines in its name.
     struct Field {
         std::string_view label;
         std::uint64_t ProcessStatus::*value;

@@ -13,12 +13,12 @@ namespace zorbel {
 
 namespace {
 
-/// An entry begins with its addresses in lower-case hexadecimal; its fields begin with a capital.
+/// An entry starts with a lower-case hexadecimal address; a field starts with a capital letter.
 bool isHeader(std::string_view line) {
     return !line.empty() && ((line[0] >= '0' && line[0] <= '9') || (line[0] >= 'a' && line[0] <= 'f'));
 }
 
-/// "start-end perms offset major:minor inode   path", all but the inode in hexadecimal.
+/// Line format: "start-end perms offset major:minor inode path". All numbers but the inode are hexadecimal.
 bool parseHeader(std::string_view line, SmapsEntry& entry) {
     constexpr std::size_t kPermissionsSize = 4;
     entry = {};
@@ -65,7 +65,7 @@ std::uint32_t parseFlags(std::string_view words) {
 }
 
 struct Field {
-    std::string_view label;  // From the newline before it.
+    std::string_view label;  // Including the newline before it.
     std::uint64_t SmapsEntry::*value;
 };
 
@@ -81,12 +81,12 @@ constexpr Field kFields[] = {
 };
 constexpr std::string_view kFlagsLabel = "\nVmFlags: ";
 
-/// Where the fields of an entry stand. The kernel pads its numbers, so the fields of one entry stand where
-/// those of another do, as long as no number outgrows its column: then they need not be searched for. All
-/// places are counted from the end of the header line.
+/// The positions of an entry's fields, counted from the end of the header line. The kernel pads numbers, so
+/// fields are at the same positions in every entry unless a number is wider than its column. So most entries
+/// need no search.
 class FieldLayout {
   public:
-    /// Learns from an entry whose fields are complete.
+    /// Learns the positions from an entry with all its fields.
     void learn(std::string_view fields) {
         _isKnown = false;
         for (std::size_t i = 0; i < std::size(kFields); ++i) {
@@ -95,12 +95,11 @@ class FieldLayout {
         }
         _flags = fields.find(kFlagsLabel);
         if (_flags == std::string_view::npos) return;
-        _isKnown =
-            fields.find('\n', _flags + 1) == fields.size() - 1;  // Nothing must stand behind the flags.
+        _isKnown = fields.find('\n', _flags + 1) == fields.size() - 1;  // The flags must be the last line.
     }
 
-    /// Reads an entry's fields from the text behind its header line. Returns their length up to the last
-    /// newline, 0 when they do not all stand where they are expected.
+    /// Reads an entry's fields from the text after its header line. Returns their length up to the last
+    /// newline, or 0 if any field is not at the expected position.
     std::size_t read(std::string_view text, SmapsEntry& entry) const {
         if (!_isKnown || !stands(text, kFlagsLabel, _flags)) return 0;
         for (std::size_t i = 0; i < std::size(kFields); ++i)
@@ -129,10 +128,10 @@ class FieldLayout {
     bool _isKnown = false;
 };
 
-/// Reads an entry's fields line by line from the text behind its header line, wherever they stand. Returns
-/// their length up to the last newline; nothing when the text may end before the entry does.
+/// Reads an entry's fields from the text after its header line, line by line, at any position. Returns their
+/// length up to the last newline; nothing if the entry may continue after the text.
 std::optional<std::size_t> searchFields(std::string_view text, bool atEnd, SmapsEntry& entry) {
-    std::size_t newline = 0;  // The one before the line.
+    std::size_t newline = 0;  // The one before the current line.
     for (;;) {
         const std::size_t next = text.find('\n', newline + 1);
         if (next == std::string_view::npos && !atEnd) return std::nullopt;
@@ -161,7 +160,7 @@ std::size_t parseSmaps(std::string_view text, bool atEnd,
         if (headerEnd == std::string_view::npos) break;
         const std::string_view header = text.substr(entryStart, headerEnd - entryStart);
         const bool isEntry = isHeader(header) && parseHeader(header, entry);
-        // Fields are read with the newline before each, the first of which ends the header line.
+        // The fields' text starts with the newline that ends the header line.
         const std::string_view fields = text.substr(headerEnd);
         std::size_t length = isEntry ? layout.read(fields, entry) : 0;
         if (length == 0 && isEntry) {

@@ -7,29 +7,29 @@
 
 namespace zorbel {
 
-/// What may be done with the file that a region maps.
+/// What zorbel may do with the file that a region maps.
 enum class FileUse : std::uint8_t {
-    kNone,      ///< There is none, or none that could be a program or library.
-    kLookOnly,  ///< Not to be opened: its file system might never answer.
+    kNone,      ///< No file, or one that can't be a program or library.
+    kLookOnly,  ///< Must not be opened: its file system might never answer.
     kMayBeRead,
 };
 
-/// One region of a snapshot, ready to answer look-ups.
+/// One region of a snapshot.
 struct SnapshotRegion {
     std::uint64_t start = 0;
     std::uint64_t end = 0;
     RegionInfoRecord record;
-    Name path;                 ///< Of the mapped file, fit to be printed; absent for anonymous memory.
-    std::uint64_t device = 0;  ///< Of the mapped file, as makedev() makes it.
+    Name path;                 ///< Of the mapped file, printable; absent for anonymous memory.
+    std::uint64_t device = 0;  ///< Of the mapped file, as returned by makedev().
     std::uint64_t inode = 0;   ///< Of the mapped file.
-    std::uint32_t fileId = 0;  ///< The object id of the mapped file; 0 when there is none.
+    std::uint32_t fileId = 0;  ///< Object id of the mapped file; 0 if there is none.
     FileUse fileUse = FileUse::kNone;
     bool isPrivate = false;
-    bool isPlainAnonymous = false;  ///< Private, no file, no name.
-    bool isHuge = false;            ///< Of hugetlbfs.
-    bool isWritten = false;         ///< Private and writable, be it in the past.
+    bool isPlainAnonymous = false;  ///< Private, without file or name.
+    bool isHuge = false;            ///< In hugetlbfs.
+    bool isWritten = false;         ///< Private, and writable now or in the past.
 
-    /// Whether its memory is its own, and the parts of it are each an object of their own.
+    /// Whether its object is not the mapped file. Then each part of it is a separate object too.
     [[nodiscard]] bool hasOwnObject() const { return record.object_id != fileId; }
 
     [[nodiscard]] std::uint64_t size() const { return end - start; }
