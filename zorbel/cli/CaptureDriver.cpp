@@ -73,9 +73,9 @@ int refuse(Diagnostics& diagnostics, const std::string& text) {
     return kFailure;
 }
 
-/// Returns the exit status where the command line ends the run.
+/// Returns the exit status if the arguments end the run.
 std::optional<int> parse(int argc, char* const argv[], Diagnostics& diagnostics, CaptureSettings& settings) {
-    optind = 0;  // Starts the parser anew.
+    optind = 0;  // Restarts getopt_long.
     int code = 0;
     while ((code = getopt_long(argc, argv, "ahto:", kLongOptions, nullptr)) != -1) {
         switch (code) {
@@ -98,7 +98,7 @@ std::optional<int> parse(int argc, char* const argv[], Diagnostics& diagnostics,
                 std::fputs(kUsage, stdout);
                 return kSuccess;
             default:
-                diagnostics.report(kHint);  // Behind what getopt_long has reported.
+                diagnostics.report(kHint);  // After getopt_long's own message.
                 return kFailure;
         }
     }
@@ -111,7 +111,7 @@ std::optional<int> parse(int argc, char* const argv[], Diagnostics& diagnostics,
     return std::nullopt;
 }
 
-/// The processes that are asked for, in ascending order, and whether all of them were found.
+/// The requested processes in ascending order, and whether all were found.
 struct SelectedPids {
     std::vector<std::int32_t> pids;
     bool isComplete = true;
@@ -141,8 +141,7 @@ bool isDirectory(const std::string& path) {
     return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-/// Name of a process's file in a directory: of a length that any file system takes, and neither hidden nor
-/// like an option.
+/// File name for a process: short enough for any file system, not hidden, and without a leading "-".
 std::string fileNameOf(const ZBProcess& process) {
     constexpr std::size_t kLongestName = 200;
     std::string name = printable(process.name(), kLongestName);
@@ -151,7 +150,7 @@ std::string fileNameOf(const ZBProcess& process) {
     return name + "-" + std::to_string(process.pid()) + ".memgraph";
 }
 
-/// A text that no other run has.
+/// A name that no other run uses.
 std::string newCaptureName() {
     std::random_device random;
     std::string name;
@@ -163,15 +162,15 @@ std::string newCaptureName() {
     return name;
 }
 
-/// Such as "Linux 6.1.0 x86_64".
+/// For example "Linux 6.1.0 x86_64".
 std::string machineDescription() {
     utsname machine{};
     uname(&machine);
     return std::string(machine.sysname) + " " + machine.release + " " + machine.machine;
 }
 
-/// The processes, gathered as for a report. What could not be opened or read as a whole is left out, and
-/// said.
+/// The processes, gathered as for a report. Processes that could not be opened or fully read are left out and
+/// reported.
 class Capture {
   public:
     Capture(Platform& platform, Diagnostics& diagnostics, const std::vector<std::int32_t>& pids) {
@@ -203,11 +202,11 @@ class Capture {
     std::vector<ZBCapturedProcess*> _captured;
 };
 
-/// Saves one graph where it belongs. False, with a message, when that failed.
+/// Saves one graph to a file or to standard output. False, with a message, if that fails.
 bool save(const MemoryGraph& graph, const std::string& path, bool force, Diagnostics& diagnostics) {
     if (path == "-") {
         writeMemoryGraph(stdout, graph);
-        return true;  // What goes wrong there shows at the end.
+        return true;  // Errors show when stdout is flushed at the end.
     }
     const auto saved = saveGraph(graph, path, force);
     if (saved) return true;
@@ -247,7 +246,7 @@ int capture(int argc, char* const argv[], Platform& platform) {
         ++saved;
         if (hasDirectory) std::printf("%s\n", path.c_str());
     }
-    // Of all processes of a machine, those that can't be opened don't matter; those that can't be saved do.
+    // With --all, processes that can't be opened do not count as missing; those that can't be saved do.
     const std::size_t expected = settings.targetAll ? captured.processes().size() : count;
     bool isComplete = selected.isComplete && saved == expected;
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {

@@ -4,8 +4,8 @@ namespace zorbel {
 
 class Platform;
 
-/// One run of zorbel-capture on a machine: parse, select, gather, save. Returns the exit status: 0 when all
-/// was saved that was asked for, 1 otherwise. Of all processes of a machine it takes those that it can.
+/// One run of zorbel-capture: parse, select, gather, save. Returns 0 if all requested processes were saved,
+/// else 1. With --all, processes that can't be opened do not count.
 int capture(int argc, char* const argv[], Platform& platform);
 
 }  // namespace zorbel

@@ -22,7 +22,7 @@ enum LongOnlyOption : int {
     kPidOption,
 };
 
-/// The "-" keeps positional arguments in their place among the options.
+/// The leading "-" makes getopt_long return positional arguments in order, among the options.
 constexpr const char* kShortOptions = "-aj:htp:x:svf:yw";
 
 constexpr option kLongOptions[] = {
@@ -64,8 +64,7 @@ constexpr const char* kUsage =
     "\t--swapped\t\t\t\tshow swapped/compressed column\n"
     "\t--wired\t\t\t\t\tshow wired column\n";
 
-/// Whether a text is a number as other languages than ours write it, such as 0x10: its first digits alone
-/// would name another process.
+/// Whether the text is a hexadecimal number such as 0x10. Read as decimal, it would mean process 0.
 bool isHexadecimal(std::string_view text) {
     return text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X') &&
            std::isxdigit(static_cast<unsigned char>(text[2])) != 0;
@@ -104,13 +103,13 @@ bool setFormat(std::string_view word, Diagnostics& diagnostics, SummaryFormat& f
     return true;
 }
 
-/// A pid; -1, which no process has, for what does not fit.
+/// Parses a pid; -1, which no process has, if it is out of range.
 std::int32_t corpsePidFrom(const char* text) {
     const long number = std::strtol(text, nullptr, 10);
     return number == static_cast<std::int32_t>(number) ? static_cast<std::int32_t>(number) : -1;
 }
 
-/// Applies one of the options that describe a corpse; false for any other option.
+/// Applies an option that describes a corpse; false for any other option.
 bool applyCorpseOption(int code, const char* argument, RunSettings& settings) {
     switch (code) {
         case kCorpsePidOption:
@@ -132,7 +131,7 @@ bool applyCorpseOption(int code, const char* argument, RunSettings& settings) {
     return true;
 }
 
-/// Applies one option; returns the exit status where it ends the run.
+/// Applies one option; returns the exit status if it ends the run.
 std::optional<int> applyOption(int code, Diagnostics& diagnostics, CommandLine& commandLine) {
     RunSettings& settings = commandLine.settings;
     switch (code) {
@@ -183,7 +182,7 @@ std::optional<int> applyOption(int code, Diagnostics& diagnostics, CommandLine& 
             break;
         default:
             if (applyCorpseOption(code, optarg, settings)) break;
-            printUsage();  // getopt_long has said what is wrong.
+            printUsage();  // getopt_long has reported the error.
             return 1;
     }
     return std::nullopt;
@@ -195,18 +194,18 @@ void printUsage() { std::fputs(kUsage, stdout); }
 
 std::optional<int> parseCommandLine(int argc, char* const argv[], Diagnostics& diagnostics,
                                     CommandLine& commandLine) {
-    constexpr int kPositional = 1;  // What getopt_long returns for one, as the options begin with "-".
+    constexpr int kPositional = 1;  // getopt_long returns this for a positional argument.
     const auto addPositional = [&](const char* text) {
         commandLine.targets.push_back({TargetArgument::Kind::kFileOrDescription, text});
     };
-    optind = 0;  // Starts the parser anew.
+    optind = 0;  // Restarts getopt_long.
     int code = 0;
     while ((code = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1)
         if (code == kPositional)
             addPositional(optarg);
         else if (const auto status = applyOption(code, diagnostics, commandLine))
             return status;
-    for (int index = optind; index < argc; ++index) addPositional(argv[index]);  // Behind "--".
+    for (int index = optind; index < argc; ++index) addPositional(argv[index]);  // After "--".
     return std::nullopt;
 }
 

@@ -11,7 +11,7 @@
 
 namespace zorbel {
 
-/// What the options ask for.
+/// The values of the options.
 struct RunSettings {
     bool targetAll = false;
     std::optional<std::string> jsonPath;
@@ -22,7 +22,7 @@ struct RunSettings {
     bool summarize = false;
     OutputOptions outputOptions = 0;
     bool breakDownMode = false;
-    bool breakDownModeFixed = false;  ///< Whether every memory graph must agree with that mode.
+    bool breakDownModeFixed = false;  ///< Whether all memory graphs must have that mode.
     bool corpseMode = false;
     std::int32_t corpsePid = -1;
     std::optional<std::string> corpseName;
@@ -30,19 +30,19 @@ struct RunSettings {
     std::uint32_t corpseProcFlags = 0;
 };
 
-/// The command line, taken apart.
+/// The parsed command line.
 struct CommandLine {
     RunSettings settings;
     std::vector<TargetArgument> targets;           ///< In the order of the command line.
-    std::vector<std::string> excludeDescriptions;  ///< Names and numbers of processes.
+    std::vector<std::string> excludeDescriptions;  ///< Names or pids.
 };
 
-/// Parses in the order of the arguments. Returns the exit status where parsing ends the run: 0 when help was
-/// asked for, 1 for an error, which has been reported by then. Uses getopt_long, so one call at a time.
+/// Parses the arguments in order. Returns the exit status if the run ends here: 0 after --help, 1 after an
+/// error, which has been reported. Not thread-safe, because of getopt_long.
 std::optional<int> parseCommandLine(int argc, char* const argv[], Diagnostics& diagnostics,
                                     CommandLine& commandLine);
 
-/// Prints the usage text on standard output.
+/// Prints the usage to standard output.
 void printUsage();
 
 }  // namespace zorbel

@@ -31,17 +31,17 @@ constexpr const char* kCorpseUsage =
     "\t--corpseDirtyFlags dirtyFlags \t\t\tdirty flags of the corpse passed to zorbel in hex\n"
     "\t--corpseProcFlags procFlags \t\t\tproc flags of the corpse passed to zorbel in hex\n";
 
-/// A target that is open, and what tells its place among the others of the same pid.
+/// An open target, and its position among targets with the same pid.
 struct OpenTarget {
     std::unique_ptr<ZBProcess> process;
     std::size_t position = 0;  ///< Of its argument on the command line.
 };
 
-/// Opens the memory graphs among the arguments; the other texts become descriptions of processes. False, with
-/// a message, where a file ends the run.
+/// Opens the memory graphs among the arguments; all other texts become descriptions of processes. False, with
+/// a message, if a file ends the run.
 ///
-/// The first graph decides on the breakdown mode unless that is fixed already, and all others must agree. A
-/// path that is given twice is one target.
+/// The first graph sets the breakdown mode unless it is already fixed. All other graphs must have the same
+/// mode. The same path given twice is one target.
 bool openGraphs(Platform& platform, CommandLine& commandLine, std::vector<OpenTarget>& targets) {
     std::set<std::string> opened;
     RunSettings& settings = commandLine.settings;
@@ -55,7 +55,7 @@ bool openGraphs(Platform& platform, CommandLine& commandLine, std::vector<OpenTa
         }
         auto graph = ZBMemgraphProcess::processWithMemgraph(platform, argument.text);
         if (!graph) {
-            // The file may have the name of a process.
+            // A file may have the same name as a process.
             const auto found = ZBProcess::pidsForStringDescriptions(platform, {argument.text}, nullptr);
             if (!found || found->empty()) {
                 platform.diagnostics().report("Error opening memgraph " + argument.text + ": " +
@@ -95,7 +95,7 @@ bool checkTargets(Diagnostics& diagnostics, const CommandLine& commandLine) {
     return true;
 }
 
-/// The task of the corpse that the options describe; kTaskNull, with a message, where there is none.
+/// The task of the corpse that the options describe; kTaskNull, with a message, if there is none.
 TaskName takeCorpse(Platform& platform, const RunSettings& settings) {
     std::vector<TaskName> ports;
     const char* problem = nullptr;
@@ -116,7 +116,7 @@ void reportUnopenable(Diagnostics& diagnostics, std::int32_t pid, const std::opt
                             : "Unable to analyze process with pid " + number + " (try as root?)");
 }
 
-/// Opens the live processes that the arguments select, beside the targets that are open.
+/// Opens the live processes that the arguments select and adds them to the targets.
 void openProcesses(Platform& platform, const CommandLine& commandLine, const std::set<std::int32_t>& excluded,
                    std::vector<OpenTarget>& targets) {
     std::vector<std::string> errors;
@@ -137,8 +137,7 @@ std::unique_ptr<ZBProcess> openCorpse(Platform& platform, TaskName corpse, const
                                               settings.corpseDirtyFlags, settings.corpseProcFlags);
 }
 
-/// Opens all targets and puts them in order: by pid, and where pids are equal in the order of the command
-/// line.
+/// Opens all targets and sorts them by pid; targets with the same pid keep the order of the command line.
 Targets openTargets(Platform& platform, const CommandLine& commandLine, TaskName corpse,
                     std::vector<OpenTarget> targets) {
     const RunSettings& settings = commandLine.settings;
@@ -162,8 +161,7 @@ Targets openTargets(Platform& platform, const CommandLine& commandLine, TaskName
     return ordered;
 }
 
-/// The phases from reading to attribution, which an interrupt cuts short where output does not go to a
-/// terminal.
+/// Runs all phases from reading to attribution. SIGINT ends them early if output does not go to a terminal.
 void gatherCancellably(Platform& platform, ZBZorbel& zorbel) {
     const auto cancelHandler = ZBZorbel::installCancelHandler([&] {
         zorbel.cancel();
@@ -182,10 +180,9 @@ void report(Platform& platform, const RunSettings& settings, ZBZorbel& zorbel) {
 
 }  // namespace
 
-// A run, phase by phase: select, open, read, settle, attribute, report.
+// The phases of a run: select, open, read, settle, walk, attribute, report.
 int run(int argc, char* const argv[], Platform& platform) {
-    // Select: which targets are meant. Files are opened on the way, since only their contents show what they
-    // are.
+    // Select the targets. This opens files: only the contents show whether they are memory graphs.
     CommandLine commandLine;
     if (const auto status = parseCommandLine(argc, argv, platform.diagnostics(), commandLine)) return *status;
     std::vector<OpenTarget> graphs;
@@ -195,10 +192,10 @@ int run(int argc, char* const argv[], Platform& platform) {
     const TaskName corpse = settings.corpseMode ? takeCorpse(platform, settings) : kTaskNull;
     if (settings.corpseMode && corpse == kTaskNull) return kFailure;
 
-    // Open. Processes take the breakdown mode over when they are opened.
+    // Open. A process takes the breakdown mode when it is opened.
     if (settings.breakDownMode) {
         setBreakDownPhysZorbel(platform, true);
-        breakDownPhysZorbel(platform);  // Reports now what would fail for every process.
+        breakDownPhysZorbel(platform);  // Reports an error now that every process would have.
     }
     Targets targets = openTargets(platform, commandLine, corpse, std::move(graphs));
     if (targets.empty()) {
@@ -208,7 +205,7 @@ int run(int argc, char* const argv[], Platform& platform) {
     }
     if (settings.skipIdleExitClean) targets = ZBProcess::removeIdleExitCleanProcessesFrom(std::move(targets));
 
-    // Read (in parallel), settle, walk (in parallel) and attribute: ZBZorbel::gatherData.
+    // Read (in parallel), settle, walk (in parallel) and attribute: see ZBZorbel::gatherData.
     ZBZorbel zorbel(platform, std::move(targets));
     gatherCancellably(platform, zorbel);
 

@@ -8,7 +8,7 @@ namespace zorbel {
 
 namespace {
 
-/// Descriptions, each once, and the positions of the arguments that they come from.
+/// Distinct descriptions, and the position of each one's first argument.
 struct Descriptions {
     std::vector<std::string> texts;
     std::vector<std::size_t> positions;
@@ -58,7 +58,7 @@ SelectedProcesses selectProcesses(Platform& platform, std::span<const TargetArgu
     }
     std::erase_if(selected, [&](const auto& process) { return excludedPids.contains(process.first); });
     if (withDescendants) addDescendants(platform, selected);
-    selected.erase(getpid());  // Perhaps a child of the shell that was asked for, but never a target.
+    selected.erase(getpid());  // The tool may be a descendant of a selected shell, but is never a target.
     return selected;
 }
 

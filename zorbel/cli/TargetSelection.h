@@ -13,11 +13,11 @@
 
 namespace zorbel {
 
-/// An argument that names targets.
+/// An argument that selects targets.
 struct TargetArgument {
     enum class Kind {
-        kFileOrDescription,  ///< A memory graph, where there is a file of that name; otherwise as the next.
-        kDescription,        ///< Name or number of a process.
+        kFileOrDescription,  ///< A memory graph if a file has this name, else a description.
+        kDescription,        ///< Name or pid of a process.
         kPid,
     };
 
@@ -26,23 +26,23 @@ struct TargetArgument {
     std::int32_t pid = 0;
 };
 
-/// A process that arguments have selected.
+/// A process that the arguments select.
 struct SelectedProcess {
-    std::optional<std::string> name;  ///< By which it was selected; nothing where that was a number.
-    std::size_t position = 0;         ///< Of the first such argument on the command line.
+    std::optional<std::string> name;  ///< The matching name; nothing if selected by pid, or with descendants.
+    std::size_t position = 0;         ///< Of the first argument that selects it.
 };
 
-/// The selected live processes by their pids. A pid means one process, however often it is named.
+/// The selected live processes by pid. A process is selected once, however often it is named.
 using SelectedProcesses = std::map<std::int32_t, SelectedProcess>;
 
-/// Resolves arguments to pids; files are passed over. With their descendants, where that is asked for, which
-/// are known by number only. Neither an excluded pid nor the tool itself is selected; a descendant may be
-/// excluded and is selected all the same. What matches nothing adds a text to the errors.
+/// Finds the pids that the arguments select; arguments that are files are skipped. Adds all descendants if
+/// withDescendants is set. Excluded pids are left out, except for descendants. The tool itself is always left
+/// out. A description without a match adds a message to the errors.
 SelectedProcesses selectProcesses(Platform& platform, std::span<const TargetArgument> arguments,
                                   const std::set<std::int32_t>& excludedPids, bool withDescendants,
                                   std::vector<std::string>& errors);
 
-/// The pids that names and numbers exclude; those that match nothing don't matter.
+/// The pids that these names and pids exclude, and the tool's own. A description without a match is ignored.
 std::set<std::int32_t> excludedPids(Platform& platform, const std::vector<std::string>& descriptions);
 
 }  // namespace zorbel

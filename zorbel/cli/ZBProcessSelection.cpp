@@ -1,4 +1,4 @@
-// How ZBProcess turns what the user typed into pids and processes.
+// The part of ZBProcess that turns the user's input into pids and processes.
 
 #include <algorithm>
 #include <cstdlib>
@@ -14,7 +14,7 @@ namespace {
 std::int32_t pidOf(const BsdInfoRecord& record) { return static_cast<std::int32_t>(record.pbi_pid); }
 std::int32_t parentOf(const BsdInfoRecord& record) { return static_cast<std::int32_t>(record.pbi_ppid); }
 
-/// The integer that a text begins with, after white space; what follows the digits does not matter.
+/// The integer at the start of the text, after white space; the rest is ignored.
 std::optional<long> leadingInteger(const std::string& text) {
     char* end = nullptr;
     const long value = std::strtol(text.c_str(), &end, 10);
@@ -22,9 +22,9 @@ std::optional<long> leadingInteger(const std::string& text) {
     return value;
 }
 
-/// Finds the first process that a description matches. Asking the system about a process takes time, so names
-/// are looked up only as far into the list as a description needs, once for all descriptions, and records
-/// only where there is no other name.
+/// Finds the first process that matches a description. Asking the system about a process takes time. So names
+/// are looked up once for all descriptions and only as far into the list as needed, and records only if a
+/// process has no other name.
 class DescriptionMatcher {
   public:
     DescriptionMatcher(Platform& platform, std::vector<std::int32_t> pids)
@@ -42,7 +42,8 @@ class DescriptionMatcher {
         if (const auto number = leadingInteger(description))
             if (const auto found = _indexOfPid.find(*number); found != _indexOfPid.end())
                 numbered = found->second;
-        // A process's name goes before its number, so the numbered process itself is still looked at by name.
+        // A match by name has priority at the same index, so the process with this pid is checked by name
+        // too.
         const std::size_t named = _firstNamed(description, std::min(numbered + 1, _pids.size()));
         if (named <= numbered && named < _pids.size()) return Match{_pids[named], true};
         if (numbered < _pids.size() && _isProcess[numbered]) return Match{_pids[numbered], false};
@@ -50,8 +51,7 @@ class DescriptionMatcher {
     }
 
   private:
-    /// Index of the first process of that name, if it lies before the limit; otherwise some index that does
-    /// not.
+    /// Index of the first process with that name if it is below the limit, else any index at or above it.
     std::size_t _firstNamed(const std::string& name, std::size_t limit) {
         if (const auto found = _indexOfName.find(name); found != _indexOfName.end()) return found->second;
         while (_isProcess.size() < limit) {
@@ -66,7 +66,7 @@ class DescriptionMatcher {
         return _pids.size();
     }
 
-    /// The name of a process; nothing when it has exited or is none.
+    /// Name of a process; nothing if it has exited or never existed.
     std::optional<std::string> _nameOf(std::int32_t pid) {
         std::string area;
         if (_platform.sysctl_procargs(pid, area))
@@ -79,7 +79,7 @@ class DescriptionMatcher {
     Platform& _platform;
     std::vector<std::int32_t> _pids;
     std::unordered_map<long, std::size_t> _indexOfPid;
-    // Of the pids that have been looked at, which are the first ones.
+    // For the first pids of the list, which have been looked up.
     std::vector<bool> _isProcess;
     std::unordered_map<std::string, std::size_t> _indexOfName;
 };
@@ -136,7 +136,7 @@ std::optional<std::vector<std::int32_t>> ZBProcess::childPidsForPids(Platform& p
     for (std::size_t i = 0; i < records.size(); ++i) childrenOf[parentOf(records[i])].push_back(i);
 
     std::vector<std::int32_t> result = pids;
-    // The kernel is its own parent: what was seen once is not widened again.
+    // The kernel is its own parent, so each process is visited only once.
     std::unordered_set<std::int32_t> seen(pids.begin(), pids.end());
     std::vector<std::int32_t> level = pids;
     while (!level.empty()) {
@@ -145,7 +145,7 @@ std::optional<std::vector<std::int32_t>> ZBProcess::childPidsForPids(Platform& p
             if (const auto found = childrenOf.find(pid); found != childrenOf.end())
                 for (const std::size_t child : found->second)
                     if (seen.insert(pidOf(records[child])).second) children.push_back(child);
-        std::sort(children.begin(), children.end());  // Within a level, the system's order.
+        std::sort(children.begin(), children.end());  // Each level in the order of the system's list.
         level.clear();
         for (const std::size_t child : children) level.push_back(pidOf(records[child]));
         result.insert(result.end(), level.begin(), level.end());

@@ -38,7 +38,7 @@ constexpr option kLongOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-/// Reads a number that the whole text is.
+/// Parses a number; false if the text has anything else in it.
 template <typename Number>
 bool takeWhole(const char* text, Number& number) {
     const char* end = text + std::strlen(text);
@@ -50,10 +50,10 @@ bool takeWhole(const char* text, Number& number) {
 
 std::optional<int> parseCorpseArguments(int argc, char* argv[], Diagnostics& diagnostics,
                                         CorpseSettings& settings, Crash& crash) {
-    optind = 0;  // Starts the parser anew.
+    optind = 0;  // Restarts getopt_long.
     int code = 0;
     bool isRight = true;
-    // Options end at the pid: the name behind it may look like one.
+    // "+": options end at the pid, since the thread name after it may look like an option.
     while ((code = getopt_long(argc, argv, "+h", kLongOptions, nullptr)) != -1) {
         switch (code) {
             case kDirectory:

@@ -25,13 +25,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// Dies with the parent, which must not leave anybody behind who keeps the process.
+/// Ends this process when its parent ends. Otherwise it would keep the crashed process alive.
 void dieWith(pid_t parent) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(EXIT_FAILURE);
 }
 
-/// Becomes zorbel, with the directory of the process handed over. Returns only where that fails.
+/// Executes zorbel and passes the process's directory to it. Returns only on failure.
 Error becomeZorbel(const CorpseSettings& settings, const Crash& crash, const std::string& program,
                    const DyingProcess& process, int text, int document) {
     constexpr int kHandedOver = 3;
@@ -56,7 +56,7 @@ Error becomeZorbel(const CorpseSettings& settings, const Crash& crash, const std
     return Error::last().on(settings.zorbel);
 }
 
-/// Starts zorbel on the process, and fills the files with what it writes.
+/// Runs zorbel on the process and writes its output to the files.
 Result<void> runZorbel(const CorpseSettings& settings, const Crash& crash, const std::string& program,
                        const DyingProcess& process, ReportFile& text, ReportFile& document,
                        Clock::time_point deadline, Diagnostics& diagnostics) {
@@ -71,7 +71,7 @@ Result<void> runZorbel(const CorpseSettings& settings, const Crash& crash, const
     }
     text.closeSink();
     document.closeSink();
-    // One program must not push out the reports on all others.
+    // Limits one report's size, so that it can't displace all others.
     constexpr std::uint64_t kReportsAtLeast = 10;
     const std::uint64_t keptBytes = settings.keptMiB * std::uint64_t{1024} * 1024;
     auto filled = fillFromPipes(text, document, deadline, keptBytes / kReportsAtLeast);
@@ -82,7 +82,7 @@ Result<void> runZorbel(const CorpseSettings& settings, const Crash& crash, const
     return filled;
 }
 
-/// Writes a report, before the deadline.
+/// Writes a report before the deadline.
 Result<void> writeReport(const CorpseSettings& settings, const Crash& crash, Clock::time_point deadline,
                          Diagnostics& diagnostics) {
     const auto process = DyingProcess::open(crash.pid);
@@ -90,7 +90,7 @@ Result<void> writeReport(const CorpseSettings& settings, const Crash& crash, Clo
     const ReportDirectory directory(settings.directory);
     if (auto made = directory.make(); !made) return made;
     std::string program = process->programName();
-    if (program.empty()) program = crash.threadName;  // All that the kernel has told.
+    if (program.empty()) program = crash.threadName;  // All that the kernel provides.
     const std::string path = directory.pathFor(crash.time, crash.pid, program);
     ReportFile text(path + ".txt");
     ReportFile document(path + ".json");
@@ -107,7 +107,7 @@ Result<void> writeReport(const CorpseSettings& settings, const Crash& crash, Clo
     return {};
 }
 
-/// Gives up the core image, which is for another program to hold: standard input.
+/// Closes standard input, which is the core image: only the supervising process keeps it open.
 Result<void> letGoOfImage() {
     const FileDescriptor nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
     if (!nothing.isOpen() || dup2(nothing.get(), STDIN_FILENO) < 0) return Error::last().on("/dev/null");

@@ -7,15 +7,15 @@
 
 namespace zorbel {
 
-/// How a report begins: what crashed, of what, and when.
+/// First line of a report: program, signal and time.
 std::string headlineOf(const Crash& crash, const std::string& program);
 
-/// Has a process of its own write the report on a crash, and waits for it, but not much longer than the
-/// settings allow: nobody knows how long a directory on a sick file system may take. What fails is reported;
-/// the caller goes on.
+/// Starts a separate process that writes the report on a crash, and waits for it, little longer than the
+/// settings allow: a directory on a faulty file system may block for any time. Reports errors and then
+/// returns.
 void superviseReport(const CorpseSettings& settings, const Crash& crash, Diagnostics& diagnostics);
 
-/// The program in the directory of this one.
+/// Path of "zorbel" in the directory of the running program.
 std::string defaultZorbel();
 
 }  // namespace zorbel

@@ -9,20 +9,21 @@
 
 namespace zorbel {
 
-/// A process that the kernel keeps while its core is dumped, seen through its /proc directory.
+/// A process that the kernel keeps while it dumps its core, read from its /proc directory.
 class DyingProcess {
   public:
-    /// An error when there is no such process, or when no core of it is being dumped: another process may
-    /// have the pid by now, where the kernel does not wait for its handler.
+    /// Fails if there is no such process, or if its core is not being dumped (CoreDumping in
+    /// /proc/PID/status): if the kernel does not wait for its handler, another process may already have the
+    /// pid.
     static Result<DyingProcess> open(std::int32_t pid, const SystemRoot& root = {});
 
-    /// Descriptor of the directory.
+    /// Descriptor of its /proc directory.
     [[nodiscard]] int directory() const { return _directory.get(); }
 
-    /// File name of the program, fit to be printed; empty where that can't be read.
+    /// File name of the program, printable; empty if it can't be read. From /proc/PID/exe.
     [[nodiscard]] std::string programName() const;
 
-    /// CorpseFlags of the process.
+    /// Its CorpseFlags, from /proc/PID/stat.
     [[nodiscard]] std::uint32_t flags() const;
 
   private:

@@ -24,7 +24,7 @@ constexpr std::string_view kTimePattern = "ddddddddTddddddZ-";
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-/// Whether a file's name is one of those that reports have.
+/// Whether the name is one of a report's files.
 bool isOfReport(std::string_view name) {
     if (name.size() <= kTimePattern.size()) return false;
     return std::ranges::equal(kTimePattern, name.substr(0, kTimePattern.size()), [](char pattern, char c) {
@@ -69,12 +69,12 @@ void ReportDirectory::prune(std::size_t mostReports, std::uint64_t mostBytes,
          file.increment(error)) {
         const std::string name = file->path().filename();
         if (!isOfReport(name)) continue;
-        std::error_code isGone;  // Others may remove files at the same time.
+        std::error_code isGone;  // Other programs may remove files at the same time.
         const std::uint64_t size = file->file_size(isGone);
         const fs::file_time_type written = file->last_write_time(isGone);
         if (isGone) continue;
         if (name.ends_with(kPartSuffix)) {
-            // That old, it was left behind by somebody who could not clean up.
+            // A part that old was left behind by a handler that was killed.
             if (fs::file_time_type::clock::now() - written > std::chrono::days(1)) fs::remove(*file, isGone);
             continue;
         }

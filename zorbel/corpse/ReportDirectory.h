@@ -10,25 +10,24 @@
 
 namespace zorbel {
 
-/// A directory with reports on processes that have died: for each a text and a JSON document, whose common
-/// name begins with the time. Several programs may add reports at once.
+/// A directory with reports on crashed processes. Each report is a text and a JSON document with a common
+/// name that starts with the time. Several programs may add reports at the same time.
 class ReportDirectory {
   public:
     explicit ReportDirectory(std::string path) : _path(std::move(path)) {}
 
-    /// Makes the directory, for its owner only, where it is missing.
+    /// Creates the directory if it is missing, accessible to its owner only.
     [[nodiscard]] Result<void> make() const;
 
-    /// What the files of a report have in common: directory, time (UTC), pid, and as much of the program's
-    /// name as is fit for a file.
+    /// Path of a report's files without suffix: directory, time (UTC), pid, and the program's name as far as
+    /// it can be part of a file name.
     [[nodiscard]] std::string pathFor(std::time_t time, std::int32_t pid, const std::string& program) const;
 
-    /// Removes the oldest reports until there are at most so many, and at most so many bytes of them, but
-    /// never the one with that path. Other files stay, and so do parts of reports that may still be written
-    /// to.
+    /// Removes the oldest reports until at most this many reports and bytes remain, but never the report with
+    /// keptPath. Keeps other files, and incomplete files that may still be written to.
     void prune(std::size_t mostReports, std::uint64_t mostBytes, const std::string& keptPath) const;
 
-    /// What the name of a file ends with that is not complete.
+    /// Suffix of incomplete files.
     static constexpr const char* kPartSuffix = ".part";
 
   private:

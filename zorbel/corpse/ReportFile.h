@@ -9,8 +9,8 @@
 
 namespace zorbel {
 
-/// One file of a report, and the pipe that its contents come through. The file has another name until it is
-/// complete, and is removed with the object unless it is kept.
+/// One file of a report, and the pipe for its contents. The file has a temporary name until it is published.
+/// It is removed with this object unless keep() is called.
 class ReportFile {
   public:
     explicit ReportFile(std::string path);
@@ -18,7 +18,7 @@ class ReportFile {
     ReportFile& operator=(const ReportFile&) = delete;
     ~ReportFile();
 
-    /// Creates the file and the pipe. A link that somebody has put there is not followed.
+    /// Creates the file and the pipe. Does not follow an existing symbolic link.
     Result<void> open();
 
     Result<void> append(std::string_view text);
@@ -29,9 +29,9 @@ class ReportFile {
     void closeSink() { _sink = FileDescriptor(); }
     [[nodiscard]] std::uint64_t size() const { return _size; }
 
-    /// Gives the file its name. It is still removed with the object.
+    /// Renames the file to its final name. It is still removed with this object.
     Result<void> publish();
-    /// From now on it stays.
+    /// The file is no longer removed.
     void keep() { _file = FileDescriptor(); }
 
   private:
@@ -43,12 +43,12 @@ class ReportFile {
     std::uint64_t _size = 0;
 };
 
-/// Fills two files from their pipes until both pipes end. An error when that goes wrong, lasts beyond the
-/// deadline or gives more bytes than allowed.
+/// Writes the contents of two pipes to their files until both pipes end. Fails on an I/O error, after the
+/// deadline, or if there are more bytes than allowed.
 Result<void> fillFromPipes(ReportFile& text, ReportFile& document,
                            std::chrono::steady_clock::time_point deadline, std::uint64_t mostBytes);
 
-/// What poll() and its like wait at most for a time to come; 0 once it has passed.
+/// Timeout for poll() and the like that ends at this time; 0 if it has passed.
 int millisecondsUntil(std::chrono::steady_clock::time_point time);
 
 }  // namespace zorbel

@@ -37,8 +37,7 @@ Problem inflateGzip(std::string_view contents, const Consumer& consume) {
             return "the compressed data is damaged: " + std::string(stream.msg ? stream.msg : zError(result));
         if (!consume({piece.data(), kPieceSize - stream.avail_out})) return std::nullopt;
         if (result == Z_OK) continue;
-        // Files that were compressed one by one may follow each other, and what copies blocks pads with
-        // zeros.
+        // Several gzip streams may follow each other, and a copy by blocks may end with zeros.
         if (std::all_of(stream.next_in, stream.next_in + stream.avail_in,
                         [](Bytef byte) { return byte == 0; }))
             return std::nullopt;

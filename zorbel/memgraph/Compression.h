@@ -8,13 +8,13 @@
 
 namespace zorbel {
 
-/// The most text that is taken from one file, in bytes: more than a million regions. A small file can
-/// decompress to any amount.
+/// Most bytes of text to read from one file: enough for more than a million regions. A small file may
+/// decompress to any size.
 inline constexpr std::uint64_t kMostText = std::uint64_t{1} << 29;
 
-/// Hands the text of a file's contents to the consumer, piece by piece, until that returns false:
-/// decompressed where they begin as gzip and Zstandard data do, otherwise as they stand. Returns what is
-/// wrong with the contents, if anything is.
+/// Passes a file's text to consume, piece by piece, until that returns false. Data that starts like gzip or
+/// Zstandard is decompressed; anything else is passed unchanged. Returns an error text if the data is
+/// damaged.
 std::optional<std::string> forEachPiece(std::string_view contents,
                                         const std::function<bool(std::string_view piece)>& consume);
 

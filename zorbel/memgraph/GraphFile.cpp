@@ -15,8 +15,8 @@ namespace zorbel {
 
 namespace {
 
-/// Holds back all signals, so that no file is left half written when one ends the program. Growing beyond the
-/// limit of a file's size becomes an error of the write instead of a signal.
+/// Blocks all signals, so that none ends the program and leaves a partial file. Ignores SIGXFSZ, so that a
+/// file above the size limit is a write error.
 class SignalsHeldBack {
   public:
     SignalsHeldBack() : _whenTooLarge(std::signal(SIGXFSZ, SIG_IGN)) {
@@ -35,8 +35,8 @@ class SignalsHeldBack {
     sigset_t _before{};
 };
 
-/// Writes a new name in a directory to the disk: the machine may have to be restarted right after. A
-/// directory that we may write to but not read can't be synchronized.
+/// Syncs a directory with a new name, since the machine may restart right afterwards. A directory that we may
+/// not read can't be synced, which is no error.
 Result<void> synchronizeDirectory(const std::string& path) {
     const FileDescriptor directory = openDirectory(path.c_str(), AT_FDCWD);
     if (!directory.isOpen() && errno == EACCES) return {};
@@ -45,7 +45,7 @@ Result<void> synchronizeDirectory(const std::string& path) {
     return Error::last();
 }
 
-/// Writes to an open file, and closes it.
+/// Writes the graph to the open file and closes it.
 Result<void> writeTo(int fd, const MemoryGraph& graph) {
     std::FILE* file = fdopen(fd, "w");
     if (file == nullptr) {
@@ -60,7 +60,7 @@ Result<void> writeTo(int fd, const MemoryGraph& graph) {
     return result;
 }
 
-/// Gives a file its name.
+/// Gives the file its final name.
 Result<void> publish(const char* temporary, const char* path, bool replace) {
     if (replace) {
         struct stat there {};
@@ -71,7 +71,7 @@ Result<void> publish(const char* temporary, const char* path, bool replace) {
     }
     if (renameat2(AT_FDCWD, temporary, AT_FDCWD, path, RENAME_NOREPLACE) == 0) return {};
     if (errno != EINVAL && errno != ENOSYS) return Error::last();
-    // Not every file system can rename so. A link never replaces anything either.
+    // Some file systems can't rename like that. link() never replaces a file either.
     if (link(temporary, path) != 0) return Error::last();
     unlink(temporary);
     return {};
@@ -83,8 +83,7 @@ Result<void> saveGraph(const MemoryGraph& graph, const std::string& path, bool r
     const SignalsHeldBack heldBack;
     const std::string directory = path.substr(0, path.rfind('/') + 1);
     std::string temporary = directory + ".zorbel-capture-XXXXXX";
-    // mkostemp creates files with mode 0600, less what the umask takes away: its owner must be able to read
-    // it.
+    // The umask must not remove the owner's right to read from mkostemp's mode 0600.
     const mode_t before = umask(S_IRWXG | S_IRWXO);
     const int fd = mkostemp(temporary.data(), O_CLOEXEC);
     const Error whyNoFile = Error::last();

@@ -7,9 +7,9 @@
 
 namespace zorbel {
 
-/// Saves a graph in a file that only its owner may read. The file is complete when it appears under its name,
-/// and nothing is left behind when it does not. A file that is there is replaced only on request, and nothing
-/// but a regular file ever is.
+/// Saves a graph to a file that only its owner may read. The file gets its name only when it is complete;
+/// until then, an error leaves nothing behind. An existing file is replaced only if replace is set and it is
+/// a regular file.
 Result<void> saveGraph(const MemoryGraph& graph, const std::string& path, bool replace);
 
 }  // namespace zorbel

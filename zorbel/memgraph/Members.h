@@ -1,6 +1,6 @@
 #pragma once
 
-// The members of a memory graph's document, for its reader and its writer.
+// The JSON members of a memory graph, for reading and writing.
 
 #include <array>
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace zorbel {
 
-/// A member of a JSON object: its name there, and the field that it fills.
+/// A member of a JSON object: its name, and the field for its value.
 template <typename Record>
 struct Member {
     using Field = std::variant<std::uint64_t Record::*, std::uint32_t Record::*, std::int32_t Record::*,
@@ -22,7 +22,7 @@ struct Member {
 
     std::string_view name;
     Field field;
-    std::uint64_t most = 0;  ///< The greatest number that a field of that kind may have; the least is 0.
+    std::uint64_t most = 0;  ///< Largest allowed number; the smallest is 0.
 };
 
 inline constexpr std::uint64_t kMost16 = std::numeric_limits<std::uint16_t>::max();
@@ -31,12 +31,12 @@ inline constexpr std::uint64_t kMost32 = std::numeric_limits<std::uint32_t>::max
 inline constexpr std::uint64_t kMostSigned32 = std::numeric_limits<std::int32_t>::max();
 inline constexpr std::uint64_t kMostSigned64 = std::numeric_limits<std::int64_t>::max();
 
-/// Pages of the smallest size, so that counts of them have 32 bits.
+/// For all page sizes from this one on, page counts fit into 32 bits.
 inline constexpr std::uint64_t kLeastPageSize = 4096;
 inline constexpr std::uint64_t kMostPageSize = 1 << 20;
 inline constexpr std::uint64_t kMostBytes = kMost32 * kLeastPageSize;
 
-/// In the order in which they are written. The regions come behind them.
+/// In the order of the file; the regions follow them.
 inline const std::array<Member<MemoryGraph>, 11> kGraphMembers = {{
     {"format", &MemoryGraph::format},
     {"version", &MemoryGraph::version, kMost32},

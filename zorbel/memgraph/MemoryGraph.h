@@ -11,24 +11,24 @@
 
 namespace zorbel {
 
-/// A memory graph as a file holds it: one JSON document, whose form docs/memgraph.md tells.
+/// A memory graph, as docs/memgraph.md describes its JSON file.
 struct MemoryGraph : GraphProcess {
     std::string format = "zorbel-memgraph";
     std::uint32_t version = 1;
-    /// The same text in all graphs whose object ids mean the same: those that were saved in one call.
+    /// The same in all graphs of one zorbel-capture run, which share object ids.
     std::string capture;
     std::vector<GraphRegion> regions;
 };
 
-/// Reads a graph from a file's contents, which may be compressed as gzip and Zstandard do. All that is in the
-/// result has been checked: regions ascend, none overlaps another or reaches beyond the last address, and all
-/// texts are fit to be printed. Any other contents are an error, which says what is wrong and where.
+/// Parses the contents of a file, plain or compressed with gzip or Zstandard. The result is checked: regions
+/// ascend, do not overlap and stay below the last address, and all texts are printable. Anything else is an
+/// error that says what is wrong and where.
 Result<MemoryGraph> parseMemoryGraph(std::string_view contents);
 
-/// Writes a graph, a region to a line. What may go wrong shows in the stream's error flag, and in errno.
+/// Writes a graph with one region per line. Errors show in the stream's error flag and errno.
 void writeMemoryGraph(std::FILE* file, const MemoryGraph& graph);
 
-/// A reader of a graph that is in memory.
+/// Reads from a graph in memory.
 class LoadedMemoryGraph final : public MemoryGraphReader {
   public:
     explicit LoadedMemoryGraph(MemoryGraph graph) : _graph(std::move(graph)) {}

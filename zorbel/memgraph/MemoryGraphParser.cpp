@@ -16,12 +16,12 @@ namespace zorbel {
 
 namespace {
 
-/// More than any machine allows for a path, in bytes.
+/// Bytes. Snapshots cut off longer paths too.
 constexpr std::size_t kLongestText = 1024;
 
 Error errorOf(std::string description) { return {"MemoryGraphErrorDomain", 1, std::move(description)}; }
 
-/// Fills a field with a value of the document; returns what is wrong where it does not fit.
+/// Stores a value in the member's field; returns what is wrong if it does not fit.
 template <typename Record, typename Value>
 std::string fill(Record& record, const Member<Record>& member, Value value) {
     const auto fillField = [&](auto& target) -> std::string {
@@ -51,10 +51,10 @@ std::string fill(Record& record, const Member<Record>& member, Value value) {
     return std::visit([&](auto field) { return fillField(record.*field); }, member.field);
 }
 
-/// What stands in place of the value of a member, and is no value that any of them may have.
+/// Stands for a value of a type that no member has.
 struct NoSuchValue {};
 
-/// Which members of an object have been met, and which one comes next.
+/// Tracks which members of an object were seen, and the current one.
 class MemberCursor {
   public:
     static constexpr std::size_t kUnknown = SIZE_MAX;
@@ -64,7 +64,7 @@ class MemberCursor {
         _current = kUnknown;
     }
 
-    /// Moves to the member with that name. Members mostly come in our order.
+    /// Moves to the member with this name. Most files have the order of our writer.
     template <typename Members>
     void moveTo(const Members& members, std::string_view name) {
         const std::size_t next = _current + 1;
@@ -80,7 +80,7 @@ class MemberCursor {
     [[nodiscard]] std::size_t current() const { return _current; }
     void setCurrent(std::size_t index) { _current = index; }
 
-    /// Takes note of the current member; false when it was there before.
+    /// Marks the current member as seen; false if it was seen before.
     bool markSeen() {
         const std::uint32_t bit = std::uint32_t{1} << _current;
         const bool isNew = (_seen & bit) == 0;
@@ -88,7 +88,7 @@ class MemberCursor {
         return isNew;
     }
 
-    /// Of so many members the first that was not met; that number when none is missing.
+    /// Index of the first member that was not seen; count if none is missing.
     [[nodiscard]] std::size_t firstMissing(std::size_t count) const {
         return std::min<std::size_t>(static_cast<std::size_t>(std::countr_one(_seen)), count);
     }
@@ -98,10 +98,10 @@ class MemberCursor {
     std::size_t _current = kUnknown;
 };
 
-/// Takes the parser's events, and fills a graph with them. Members that are not known are passed over.
+/// Receives the parser's events and fills a graph. Skips unknown members.
 class Handler {
   public:
-    // What the parser asks for: it sets no bounds, since what is passed over takes no memory.
+    // Required by the parser. No limits: what is skipped takes no memory.
     static constexpr std::size_t max_object_size = SIZE_MAX;
     static constexpr std::size_t max_array_size = SIZE_MAX;
     static constexpr std::size_t max_key_size = SIZE_MAX;
@@ -163,7 +163,7 @@ class Handler {
     bool on_key(json::string_view rest, std::size_t /*size*/, json::error_code& /*ec*/) {
         _keep(rest);
         if (_passedOver > 0) {
-            // Whatever it is, it stands in something that is not known.
+            // Inside of an unknown member.
         } else if (_place == Place::kRegion) {
             _regionMembers.moveTo(kRegionMembers, _text);
         } else {
@@ -201,9 +201,9 @@ class Handler {
     bool on_comment_part(json::string_view /*part*/, json::error_code& /*ec*/) { return true; }
     bool on_comment(json::string_view /*rest*/, json::error_code& /*ec*/) { return true; }
 
-    /// What is wrong with the graph; empty as long as nothing is.
+    /// What is wrong with the graph; empty if nothing is.
     [[nodiscard]] const std::string& problem() const { return _problem; }
-    /// The same for what the parser does not bear with.
+    /// The same for what the parser itself rejects.
     [[nodiscard]] std::string problemOfDepth() const { return _path() + " is nested too deep"; }
     [[nodiscard]] MemoryGraph& graph() { return _graph; }
 
@@ -227,7 +227,7 @@ class Handler {
         return true;
     }
 
-    /// Keeps as much of a text that comes in parts as is needed to see that it is too long.
+    /// Adds a part of a text, up to the length that shows that it is too long.
     void _keep(std::string_view part) { _text += part.substr(0, kLongestText + 1 - _text.size()); }
 
     template <typename Value>
@@ -255,7 +255,7 @@ class Handler {
         return cursor.markSeen() || _fail("appears twice", ec);
     }
 
-    /// Whether the member of the document that was filled last is one that can be worked with.
+    /// Checks the document's last member: format, version and page size.
     bool _checkMember(json::error_code& ec) {
         const std::string_view name = kGraphMembers[_members.current()].name;
         const MemoryGraph known;
@@ -273,10 +273,10 @@ class Handler {
         return true;
     }
 
-    /// Whether the last region is one that an address space may have, behind those before.
+    /// Checks the last region: its range, its order and its sizes.
     bool _checkRegion(json::error_code& ec) {
         const GraphRegion& region = _graph.regions.back();
-        _regionMembers.reset();  // What is wrong is wrong with the whole region.
+        _regionMembers.reset();  // The error is about the region, not a member.
         if (region.length == 0) return _fail("has no length", ec);
         if (region.address + region.length < region.address)
             return _fail("reaches beyond the last address", ec);
@@ -298,7 +298,7 @@ class Handler {
         return false;
     }
 
-    /// What the next event belongs to, as one would write it in a program.
+    /// Path of the current member, such as regions[2].type.
     [[nodiscard]] std::string _path() const {
         const auto nameIn = [](const auto& members, const MemberCursor& cursor) {
             return cursor.current() < members.size() ? std::string(members[cursor.current()].name)
@@ -329,13 +329,13 @@ class Handler {
     Place _place = Place::kStart;
     MemberCursor _members;
     MemberCursor _regionMembers;
-    std::size_t _passedOver = 0;  ///< How many objects and arrays deep in what is not known.
-    std::string _text;            ///< What came so far of a text that comes in parts.
-    std::uint64_t _end = 0;       ///< Of the last region.
+    std::size_t _passedOver = 0;  ///< Nesting depth inside of an unknown member.
+    std::string _text;            ///< The parts so far of a text that comes in parts.
+    std::uint64_t _end = 0;       ///< End of the last region.
     std::string _problem;
 };
 
-/// Where in a text one is.
+/// Line and column in a text.
 class Position {
   public:
     void moveOver(std::string_view text) {
@@ -352,7 +352,7 @@ class Position {
     std::size_t _column = 1;
 };
 
-/// What is wrong, for the user.
+/// The error text for the user.
 std::string problemOf(const Handler& handler, json::error_code ec, const Position& position) {
     if (!handler.problem().empty()) return handler.problem() + position.text();
     if (ec == json::error::too_deep) return handler.problemOfDepth() + position.text();

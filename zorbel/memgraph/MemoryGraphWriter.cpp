@@ -13,7 +13,7 @@ namespace zorbel {
 
 namespace {
 
-/// Writes records as JSON objects. One object serves for all: to make it anew takes longer than to write it.
+/// Writes records as JSON objects. Reuses one object: creating one takes longer than writing it.
 template <typename Record, std::size_t size>
 class RecordWriter {
   public:
@@ -22,7 +22,7 @@ class RecordWriter {
         for (const Member<Record>& member : members) _object.emplace(member.name, nullptr);
     }
 
-    /// Leaves so many characters at the end out.
+    /// Leaves out this many characters at the end.
     void write(const Record& record, std::size_t omitted = 0) {
         auto entry = _object.begin();
         for (const Member<Record>& member : _members) {
@@ -42,7 +42,7 @@ class RecordWriter {
     static void _assign(json::value& value, const Name& name) { _assign(value, name.text()); }
     static void _assign(json::value& value, const std::string& text) {
         if (value.is_string())
-            value.get_string().assign(text);  // Has room from the one before.
+            value.get_string().assign(text);  // Reuses its memory.
         else
             value = text;
     }

@@ -1,4 +1,4 @@
-// The program that the kernel starts for each process that a signal ends with a core dump.
+// The kernel starts this program for each process that a signal ends with a core dump.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -11,8 +11,8 @@
 
 namespace {
 
-/// The kernel opens no standard output and error for us. Our messages and those of zorbel go to its log; a
-/// handler that runs after us finds the streams closed again.
+/// The kernel does not open standard output and error. Our messages and zorbel's go to the kernel log. The
+/// descriptors are closed again when a next handler starts.
 void openStandardStreams() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(fd, F_GETFD) >= 0) continue;
@@ -33,12 +33,12 @@ int main(int argc, char* argv[]) {
     const auto status = zorbel::parseCorpseArguments(argc, argv, diagnostics, settings, crash);
     if (!status) zorbel::superviseReport(settings, crash, diagnostics);
     if (settings.then != nullptr) {
-        // Nobody has read from the image: it is still all there on standard input.
+        // The core image is still complete on standard input: nothing has read from it.
         execv(settings.then[0], settings.then);
         diagnostics.report(zorbel::Error::last().on(settings.then[0]).description);
         return EXIT_FAILURE;
     }
-    // Nobody wants the image, and the kernel stops writing it once we are gone. Reading it would make the
-    // kernel fetch all of the process's memory from swap.
+    // Nobody reads the image: the kernel stops writing it when we exit. Reading it would bring all of the
+    // process's memory back from swap.
     return status.value_or(EXIT_SUCCESS);
 }
