@@ -27,9 +27,9 @@ CancelHandler::CancelHandler(std::function<void()> handler) : _handler(std::move
     const sigset_t interrupt = interruptOnly();
     _signals = signalfd(-1, &interrupt, SFD_CLOEXEC | SFD_NONBLOCK);
     _stop = eventfd(0, EFD_CLOEXEC);
-    if (_signals < 0 || _stop < 0) return;  // Without descriptors an interrupt ends the tool.
-    // Blocked, it is kept for us even where we were started with the signal ignored, as shells do in the
-    // background.
+    if (_signals < 0 || _stop < 0) return;  // Without descriptors, SIGINT ends the tool.
+    // While blocked, the signal is delivered to the signalfd even if it is ignored, as shells set it for
+    // background jobs.
     pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
     try {
         _thread = std::thread([this] { _wait(_signals, _stop); });

@@ -5,10 +5,10 @@
 
 namespace zorbel {
 
-/// Takes SIGINT away from the process and calls a handler for each, on a thread of its own that waits for it.
+/// Calls a handler for each SIGINT, on a separate thread, instead of ending the process.
 ///
-/// Threads that are started meanwhile must come from the thread that made this object, since they inherit
-/// that the signal is blocked. When the object goes, the signal has its default effect again.
+/// Only the thread that created this object may start threads meanwhile: they inherit the blocked signal.
+/// After destruction, SIGINT has its default effect.
 class CancelHandler {
   public:
     explicit CancelHandler(std::function<void()> handler);

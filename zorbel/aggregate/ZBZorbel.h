@@ -21,72 +21,72 @@ class ZBOutputFormatter;
 
 using Categories = std::unordered_map<Name, std::shared_ptr<ZBMemoryCategory>>;
 
-/// The coordinator of one run: gathers all processes in parallel, folds their regions into the memory objects
-/// that they share, and drives the formatters over the result. Its zorbel, for each process, is the dirty and
-/// swapped bytes of every object that the process maps.
+/// Coordinates one run: gathers all processes in parallel, attributes their regions to memory objects, and
+/// calls the formatters. The zorbel of a process is the dirty and swapped bytes of all objects that it maps.
 ///
-/// Created, gathered once, printed once. Everything but the gathering of single processes happens on the
-/// calling thread. The sources follow the subjects: ZBZorbelGather.cpp, ZBZorbelAttribution.cpp and
-/// ZBZorbelCategories.cpp beside this header, ZBZorbelReport.cpp in report/.
+/// Gather once, then print once. Only the reading and walking of single processes happens on workers. The
+/// source files: ZBZorbelGather.cpp, ZBZorbelAttribution.cpp and ZBZorbelCategories.cpp are next to this
+/// header, ZBZorbelReport.cpp is in report/.
 class ZBZorbel {
   public:
-    /// The processes come in the order of selection, which their ordinals keep from now on. Without a number
-    /// of workers there are as many as processors.
+    /// The processes are in the order of selection and get their index as ordinal. workers is the number of
+    /// threads; 0 means as many as processors.
     explicit ZBZorbel(Platform& platform, Targets processes, unsigned workers = 0);
     ZBZorbel(const ZBZorbel&) = delete;
     ZBZorbel& operator=(const ZBZorbel&) = delete;
 
-    /// Has SIGINT call the handler, on a thread of its own, for as long as the result lives. Null when
-    /// standard output is a terminal: there an interrupt ends the tool as ever.
+    /// Calls the handler on SIGINT, on a separate thread, as long as the result lives. Null if standard
+    /// output is a terminal: there SIGINT ends the tool as usual.
     static std::unique_ptr<CancelHandler> installCancelHandler(std::function<void()> handler);
 
-    /// Makes gathering skip the processes that it has not begun. From any thread.
+    /// Makes gathering skip processes that it has not started to read. Callable from any thread.
     void cancel() { _earlyExit.store(true, std::memory_order_relaxed); }
 
-    /// The phases between opening the targets and the report: reads all targets, settles what depends on all
-    /// of them, walks each, and attributes its memory. An early exit becomes a global error.
+    /// Runs the phases from reading to attribution: reads all targets, settles what depends on all of them,
+    /// walks each, and attributes its memory. cancel() adds a global error.
     void gatherData();
 
     void addOutputFormatter(std::shared_ptr<ZBOutputFormatter> formatter);
 
-    /// Sends the whole report to each formatter, verbose with the listings of all address spaces before it.
-    /// Summarizing folds small categories into "Other".
+    /// Sends the whole report to each formatter; if verbose, preceded by the listings of all address spaces.
+    /// If summarize is set, small categories are merged into "Other".
     void printOutputVerbose(bool verbose, bool summarize);
     /// Sends the listing of each process to each formatter.
     void printLattixLikeOutputForProcesses(const std::vector<const ZBProcess*>& processes);
 
     [[nodiscard]] const Targets& processes() const { return _processes; }
 
-    // Steps and views, in the order in which a run takes them.
+    // Steps and views, in the order of a run.
 
     [[nodiscard]] std::vector<ZBProcess*> _getProcessListSortedByPidDesc() const;
     void _addProcess(ZBProcess& process);
     void _calculateSizes();
-    /// Dirty and swapped bytes of every object that the process maps, each once.
+    /// Dirty and swapped bytes of all objects that the process maps, each counted once.
     [[nodiscard]] std::uint64_t _calculateZorbelForProcess(const ZBProcess& process) const;
     void _buildProcessToZorbelMap();
     /// Bytes; 0 before the map is built.
     [[nodiscard]] std::uint64_t _zorbelOf(const ZBProcess& process) const;
     [[nodiscard]] ZBZorbelSharingData _sharingData();
-    /// Largest zorbel first, of equal ones the highest pid, and then in the order of selection.
+    /// By descending zorbel, then descending pid, then in the order of selection.
     [[nodiscard]] std::vector<const ZBProcess*> _getProcessListSortedByZorbel() const;
 
-    /// The objects under their names.
+    /// The objects, grouped by name.
     [[nodiscard]] static Categories _categoriesForObjects(const std::vector<ZBMemoryObject*>& objects);
-    /// Every object of the run, once, under the name of the first region that maps it.
+    /// All objects of the run, each once, grouped by the name of the first region that maps it.
     [[nodiscard]] Categories _categoriesForAllProcesses() const;
-    /// The categories as they are to be printed, and the sums over all of them, folded ones included. When
-    /// summarizing, image segments of at most 1 MiB and categories without dirty memory fold into "Other".
+    /// The categories to print, and the totals of all categories, including merged ones. If summarize is set,
+    /// "Other" replaces image segments of at most 1 MiB (dirty + swapped) and other categories without any,
+    /// except purgeable non-volatile ones with clean memory.
     [[nodiscard]] static Categories _summarizedCategoriesForCategories(const Categories& categories,
                                                                        bool summarize, SizeTotals& outTotal);
     /// By descending dirty + swapped size, then reclaimable size, then clean size, then by name.
     [[nodiscard]] static std::vector<Name> _sortedKeysForCategories(const Categories& categories);
 
   private:
-    /// Object id, or address in the shared cache, to object.
+    /// Key: object id, or address in the shared cache.
     using ObjectTable = boost::unordered_flat_map<std::uint64_t, ZBMemoryObject*>;
 
-    /// The same id may stand for different memory in different tables.
+    /// Separate tables, because the same id in two of them means different memory.
     struct ObjectTables {
         ObjectTable _memoryObjects;
         ObjectTable _sharedCache64MemoryObjects;
@@ -99,9 +99,9 @@ class ZBZorbel {
 
     ZBMemoryObject& _newObject();
     void _attribute();
-    /// Calls with each process of a list, on all workers, in the order of the list.
+    /// Calls work for each process in the queue, on all workers. Calls start in the queue's order.
     void _inParallel(const std::vector<ZBProcess*>& queue, const std::function<void(ZBProcess&)>& work) const;
-    /// The processes that were read before an early exit.
+    /// Reads the processes; returns those that were read before an early exit.
     std::vector<ZBProcess*> _readProcesses();
 
     struct GroupSummary;
@@ -112,7 +112,7 @@ class ZBZorbel {
     unsigned _workers;
     Targets _processes;
     std::vector<std::uint64_t> _processToZorbel;  ///< By ordinal.
-    /// Every object of the run; the tables only find those that regions of several processes may map.
+    /// All objects of the run. The tables only find objects that several processes may map.
     std::deque<ZBMemoryObject> _objects;
     ObjectTables _objectTables;
     std::vector<std::shared_ptr<ZBOutputFormatter>> _outputFormatters;

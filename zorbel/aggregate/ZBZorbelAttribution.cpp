@@ -1,4 +1,4 @@
-// Which memory objects the regions of a run stand for, and which processes share them.
+// Which memory objects the regions belong to, and which processes share them.
 
 #include <algorithm>
 #include <functional>
@@ -10,7 +10,7 @@ namespace zorbel {
 
 namespace {
 
-/// Whether the region's pages are no longer what they are a copy of, and so its process's own.
+/// Whether the region has pages copied on write, which belong to its process only.
 bool hasPagesOfItsOwn(const ZBMemoryRegion& region) {
     return region.share_mode() == kShareModeCopyOnWrite &&
            (region.dirtySize() != 0 || region.swappedSize() != 0);
@@ -35,7 +35,7 @@ ZBZorbel::ObjectTable& ZBZorbel::ObjectTables::tableForRegion(const ZBProcess& p
 ZBMemoryObject& ZBZorbel::_newObject() { return _objects.emplace_back(_objects.size()); }
 
 void ZBZorbel::_addProcess(ZBProcess& process) {
-    ObjectTables ownTables;  // Of the objects that no other process can map.
+    ObjectTables ownTables;  // Objects that no other process can map.
     for (ZBMemoryRegion& region : process.memoryRegions()) {
         const std::uint64_t key = region.inSharedCache() ? region.start() : region.object_id();
         const bool isOwn = hasPagesOfItsOwn(region);
@@ -78,8 +78,8 @@ std::uint64_t ZBZorbel::_zorbelOf(const ZBProcess& process) const {
 }
 
 ZBZorbelSharingData ZBZorbel::_sharingData() {
-    // The processes that map each object, once for each region, those of one object behind those of the one
-    // before: counted first, then put in place.
+    // For each region of each object, the process that maps it, object by object. First counts the regions to
+    // get each object's place, then fills the places.
     std::vector<std::size_t> places;
     places.reserve(_objects.size());
     std::size_t count = 0;
@@ -97,7 +97,8 @@ ZBZorbelSharingData ZBZorbel::_sharingData() {
     for (ZBMemoryObject& object : _objects) {
         const auto last = first + static_cast<std::ptrdiff_t>(object.memoryRegions().size());
         std::vector<const ZBProcess*> members;
-        std::unique_copy(first, last, std::back_inserter(members));  // Ascending, as they were put in place.
+        std::unique_copy(first, last,
+                         std::back_inserter(members));  // Ascending, because of the outer loop above.
         data.addObject(ProcessGroup(std::move(members)), object);
         first = last;
     }

@@ -1,4 +1,4 @@
-// Named groups of memory with their sums, in the order in which they are reported.
+// Named groups of memory with their totals, in the order of the report.
 
 #include <algorithm>
 
@@ -8,7 +8,7 @@ namespace zorbel {
 
 namespace {
 
-/// A category of at most this many dirty and swapped bytes may fold: 1 MiB.
+/// Most dirty and swapped bytes of a category that is merged into "Other": 1 MiB.
 constexpr std::uint64_t kOtherThreshold = 0x100000;
 
 std::uint64_t chargedSize(const ZBMemoryCategory& category) { return category.totals().sizes.charged(); }

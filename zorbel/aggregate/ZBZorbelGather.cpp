@@ -41,11 +41,11 @@ void ZBZorbel::gatherData() {
     _attribute();
 }
 
-// An early exit skips the processes that nobody has begun to read. The others are walked all the same: that
-// takes little time, and what was read would be lost.
+// An early exit skips only processes that are not read yet. Those that were read are also walked: that is
+// fast, and otherwise the reading would be wasted.
 std::vector<ZBProcess*> ZBZorbel::_readProcesses() {
     std::vector<ZBProcess*> read = _getProcessListSortedByPidDesc();
-    std::vector<char> isRead(read.size());  // By ordinal, each written by one worker.
+    std::vector<char> isRead(read.size());  // By ordinal; each element is written by one worker.
     _inParallel(read, [&](ZBProcess& process) {
         if (_earlyExit.load(std::memory_order_relaxed)) return;
         process.readData();
@@ -66,7 +66,7 @@ void ZBZorbel::_inParallel(const std::vector<ZBProcess*>& queue,
     try {
         while (threads.size() + 1 < workers) threads.emplace_back(workOff);
     } catch (const std::system_error&) {
-        // Where no further thread can be started, those that there are do the work, this one included.
+        // If no more threads can be started, the existing ones do the work, including this one.
     }
     workOff();
 }

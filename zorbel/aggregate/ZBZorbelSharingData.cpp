@@ -18,7 +18,7 @@ std::size_t ProcessGroup::Hash::operator()(const ProcessGroup& group) const {
 }
 
 void ZBZorbelSharingData::addObject(const ProcessGroup& group, ZBMemoryObject& object) {
-    // Objects come process by process, so that most are of the group of the one before.
+    // Objects are in the order of processes, so most have the same group as the previous one.
     if (_last != nullptr && _last->first == group) return _last->second.push_back(&object);
     const auto [entry, isNew] = _processGroupToObjects.try_emplace(group);
     _last = &*entry;

@@ -4,12 +4,13 @@ namespace zorbel {
 
 class Platform;
 
-/// Whether purgeable and other physical memory is broken down by what the kernel calls dirty: a setting of
-/// the tool's own process that the platform keeps. Read anew on each call. A failed read is reported on
-/// standard error and counts as off; a system without the setting is silently off.
+/// Whether breakdown mode is on: dirty is then what the kernel marks as dirty, and purgeable non-volatile
+/// memory has separate categories. The platform keeps this setting of the tool's own process; each call reads
+/// it again. A failed read is reported as a diagnostic and means off. A system without the setting is off,
+/// without a message.
 bool breakDownPhysZorbel(Platform& platform);
 
-/// Sets the mode; a failure is reported on standard error, save on a system without the setting.
+/// Sets the mode. A failure is reported as a diagnostic, except on a system without the setting.
 void setBreakDownPhysZorbel(Platform& platform, bool enabled);
 
 }  // namespace zorbel

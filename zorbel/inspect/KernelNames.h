@@ -5,10 +5,10 @@
 
 namespace zorbel {
 
-/// Name of an allocation tag of the kernel; one without a name is called by its number.
+/// Name of a kernel allocation tag; includes the number if it has no name.
 std::string nameOfKernelTag(std::uint64_t tag);
 
-/// Name of a page counter of the kernel; one without a name is called by its number.
+/// Name of a kernel page counter; includes the number if it has no name.
 std::string nameOfKernelCounter(std::uint64_t counter);
 
 }  // namespace zorbel

@@ -7,7 +7,7 @@ namespace zorbel {
 
 namespace {
 
-/// What image segments are aligned to inside the shared region, in bytes.
+/// Alignment of image segments inside the shared region, in bytes.
 constexpr std::uint64_t kAlignment = 4096;
 
 /// Alignments are powers of two.
@@ -17,12 +17,12 @@ constexpr bool isAligned(std::uint64_t value, std::uint64_t alignment) {
 constexpr std::uint64_t alignedDown(std::uint64_t value, std::uint64_t alignment) {
     return value & ~(alignment - 1);
 }
-/// What is missing to the next multiple.
+/// Bytes up to the next multiple.
 constexpr std::uint64_t padding(std::uint64_t value, std::uint64_t alignment) {
     return (0 - value) & (alignment - 1);
 }
 
-/// Memory without a file has nowhere to be read from again: what of it is resident is dirty, marked or not.
+/// Resident memory without a file is always dirty: it can't be read again from anywhere.
 constexpr bool isDirty(std::int32_t disposition) {
     return (disposition & kPageQueryDirty) != 0 ||
            (disposition & (kPageQueryPresent | kPageQueryExternal)) == kPageQueryPresent;
@@ -59,12 +59,13 @@ bool SharedRegionSplit::addRegions(std::uint64_t start, std::uint64_t size, std:
             if (!_addUnusedPiece(pieceOf(current, pieceEnd), pageSize, record, populate)) return false;
             current = pieceEnd;
         } else if (image->end() <= current) {
-            // The image before took its bytes.
+            // The previous image already has these bytes.
             image = images.nextImageForStart(current, end);
         } else {
             std::uint64_t pieceEnd = std::min(image->end(), end);
             const ZBImage* next = images.nextImageForStart(pieceEnd, end);
-            // What is left of the last page before an image that begins on a page of its own is padding.
+            // If this image and the next both begin on a page boundary, the rest of the last page is padding
+            // and belongs to this one.
             if (isAligned(current, kAlignment) && isAligned(next != nullptr ? next->start() : 0, kAlignment))
                 pieceEnd += std::min(padding(pieceEnd, kAlignment), end - pieceEnd);
             if (!_addImagePiece(pieceOf(current, pieceEnd), pageSize, *image, record, populate)) return false;
@@ -75,8 +76,7 @@ bool SharedRegionSplit::addRegions(std::uint64_t start, std::uint64_t size, std:
     return true;
 }
 
-// No process is charged for the pages of a stretch that it does not use, save for what shares a page with an
-// image.
+// No process is charged for pages that no image uses, except for its part of a page shared with an image.
 bool SharedRegionSplit::_addUnusedPiece(ZBMemoryRegion piece, std::uint64_t pageSize,
                                         const RegionInfoRecord& record, const Populate& populate) {
     static const Name kUnused("unused varnel shared cache area");
@@ -88,8 +88,8 @@ bool SharedRegionSplit::_addUnusedPiece(ZBMemoryRegion piece, std::uint64_t page
     return true;
 }
 
-// Text and link-edit data are never written to and charged to nobody. The link-edit data of all images lie in
-// one place, so they bear one name.
+// Text and link-edit data are never written, so nobody is charged. The link-edit data of all images is one
+// block, so it has one name.
 bool SharedRegionSplit::_addImagePiece(ZBMemoryRegion piece, std::uint64_t pageSize, const ZBImage& image,
                                        const RegionInfoRecord& record, const Populate& populate) {
     static const Name kLinkedit("__LINKEDIT varnel shared cache");
@@ -117,7 +117,7 @@ bool SharedRegionSplit::populateWithPageQueries(ZBMemoryRegion& piece, std::uint
     std::optional<std::size_t> pending;
     if (piece.unusedSharedCacheRegion()) {
         if (count >= 2 && end != piece.end()) pending = _regions.size();
-        // Of an unused piece only the page that it shares with the piece before counts, and that is known.
+        // Only the page shared with the previous piece counts, and its disposition is cached.
         count = first != piece.start() ? cached : 0;
     }
     std::vector<std::int32_t> dispositions(count);
@@ -150,7 +150,7 @@ bool SharedRegionSplit::populateWithPageQueries(ZBMemoryRegion& piece, std::uint
     return true;
 }
 
-// Where pieces that are not sized lie between, nothing is known of the page that the unused piece ends on.
+// If unsized pieces lie in between, nothing is known about the last page of the unused piece.
 void SharedRegionSplit::_chargePendingUnusedRegion(std::uint64_t nextStart, std::uint64_t pageSize,
                                                    bool dirty) {
     if (!_pendingUnusedSharedRegion) return;

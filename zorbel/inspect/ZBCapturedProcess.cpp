@@ -31,7 +31,7 @@ void ZBCapturedProcess::separateObjects(std::span<ZBCapturedProcess* const> proc
         std::uint64_t start;
         std::uint64_t end;
 
-        /// What regions of one object have in common: its text and its link-edit data count by themselves.
+        /// The object's key. Text and link-edit data of one object are separate objects.
         [[nodiscard]] auto object() const {
             const SegmentCode segment = region->segment();
             const bool isApart = segment == SegmentCode::kText || segment == SegmentCode::kLinkedit;

@@ -10,18 +10,18 @@
 
 namespace zorbel {
 
-/// A live process that is to be saved as a memory graph.
+/// A live process to be saved as a memory graph.
 class ZBCapturedProcess : public ZBUserProcess {
   public:
-    /// Opens the process with this pid; null when it does not exist or can't be opened. The kernel can't.
+    /// Opens the process with this pid; null if it does not exist or can't be opened, or is the kernel.
     static std::unique_ptr<ZBCapturedProcess> capturedProcessWithPid(Platform& platform, std::int32_t pid);
 
-    /// Gives the objects that the regions of all these processes map the ids that they have in graphs. A
-    /// graph knows no offsets: regions keep one id where their ranges of the same object overlap, if need be
-    /// by way of others, and get ids of their own where they do not. Called once, when all are gathered.
+    /// Replaces the object ids in the regions of all these processes by those for their graphs. A graph has
+    /// no offsets. So regions of one object keep a common id only if their ranges overlap, directly or
+    /// through other ranges; otherwise they get separate ids. Call once, when all processes are gathered.
     static void separateObjects(std::span<ZBCapturedProcess* const> processes);
 
-    /// All that was gathered, without a name for the capture and the kind of machine.
+    /// The saved process, without the capture's name and the process description.
     [[nodiscard]] MemoryGraph graph() const;
 
   protected:
@@ -30,18 +30,18 @@ class ZBCapturedProcess : public ZBUserProcess {
     void enumerateRegions(const RegionVisitor& visitor) override;
 
   private:
-    /// What regions do not keep.
+    /// What a walk reports but ZBMemoryRegion does not keep.
     struct Details {
         RegionInfoRecord record;
         int purgeableState;
         Name path;
     };
 
-    /// The image is that which the region is part of; null where it is part of none.
+    /// The image is the one that the region is part of; null if there is none.
     [[nodiscard]] GraphRegion _graphRegionOf(const ZBMemoryRegion& region, const Details& details,
                                              const ZBImage* image) const;
 
-    std::vector<Details> _details;  ///< Of each region.
+    std::vector<Details> _details;  ///< One for each region.
 };
 
 }  // namespace zorbel

@@ -30,7 +30,7 @@ bool ZBCorpseProcess::initWithCorpse(TaskName task, std::int32_t pid, const std:
     for (const auto& [flag, recordFlag] : kRecordFlags)
         if ((procFlags & flag) != 0) record.pbi_flags |= recordFlag;
     record.pbi_pid = static_cast<std::uint32_t>(pid);
-    _givenName = printable(name);  // Chosen by a process that nobody has to trust.
+    _givenName = printable(name);  // Untrusted input, chosen by the process.
     if (!initWithBsdInfo(record)) return false;
     _displayString += " (corpse)";
     _setIdleExitStatusFromDirtyFlags(dirtyFlags);

@@ -7,11 +7,11 @@
 
 namespace zorbel {
 
-/// A process that has died and whose memory is kept for us: measured like a live one through a task that was
-/// handed over. What the system no longer tells of it is given.
+/// A dead process whose memory another program keeps for us. It is measured like a live one, through a task
+/// that was passed to us. The caller provides what the system no longer knows.
 class ZBCorpseProcess : public ZBUserProcess {
   public:
-    /// The dirty flags are kProcDirty bits, the process flags CorpseFlags. Null for kTaskNull.
+    /// The dirty flags are kProcDirty bits, the process flags are CorpseFlags. Null for kTaskNull.
     static std::unique_ptr<ZBCorpseProcess> processWithCorpse(Platform& platform, TaskName task,
                                                               std::int32_t pid, const std::string& name,
                                                               std::uint32_t dirtyFlags,
@@ -23,7 +23,7 @@ class ZBCorpseProcess : public ZBUserProcess {
     bool initWithCorpse(TaskName task, std::int32_t pid, const std::string& name, std::uint32_t dirtyFlags,
                         std::uint32_t procFlags);
     bool _populateTask() override { return _task != kTaskNull; }
-    /// The given one. A live process that has the pid by now has nothing to do with it.
+    /// The given name: the pid may already belong to another process.
     [[nodiscard]] std::string _gatherName(const BsdInfoRecord& /*record*/) const override {
         return _givenName;
     }

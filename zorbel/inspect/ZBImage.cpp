@@ -25,8 +25,7 @@ Name ZBImage::nameOfRegions() const {
             return parts.first.hash() * kSpread ^ parts.second.hash();
         }
     };
-    // Hundreds of processes load the same libraries: a worker composes each name once, and locks nothing
-    // from then on.
+    // Hundreds of processes load the same libraries. Each worker builds a name once and then needs no lock.
     thread_local std::unordered_map<Parts, Name, PartsHash> composed;
     const auto [entry, isNew] = composed.try_emplace({_name, _ownerPath});
     if (isNew) entry->second = Name(_name.text() + ' ' + _ownerPath.text());

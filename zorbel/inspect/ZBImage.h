@@ -8,15 +8,15 @@
 
 namespace zorbel {
 
-/// One segment of a loaded image: where it lies in the target, in bytes, and what it is.
+/// One segment of a loaded image: its kind and its place in the target, in bytes.
 class ZBImage {
   public:
-    /// Follows from the name.
+    /// Set by setName().
     [[nodiscard]] SegmentCode segment() const { return _segment; }
 
     /// Name of the segment, such as "__DATA".
     [[nodiscard]] Name name() const { return _name; }
-    /// Sets the segment code too; a name that has none of its own leaves the code as it was.
+    /// Also sets the segment code; a name without a segment code leaves it unchanged.
     void setName(Name name);
 
     /// Path of the image's file, symbolic links resolved.
@@ -29,13 +29,13 @@ class ZBImage {
     [[nodiscard]] std::uint64_t size() const { return _size; }
     void setSize(std::uint64_t size) { _size = size; }
 
-    /// First address after the segment; the highest address where the size says more than there is.
+    /// First address after the segment; the highest address if start + size overflows.
     [[nodiscard]] std::uint64_t end() const {
         constexpr std::uint64_t kHighest = std::numeric_limits<std::uint64_t>::max();
         return _size > kHighest - _start ? kHighest : _start + _size;
     }
 
-    /// What regions of the segment are called: its name, a blank and the path.
+    /// Name for the segment's regions: its name, a blank and the path.
     [[nodiscard]] Name nameOfRegions() const;
 
   private:

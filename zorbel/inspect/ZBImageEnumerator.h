@@ -8,14 +8,14 @@
 
 namespace zorbel {
 
-/// A cursor over the images of a process that only moves forward, for ranges that come in ascending order.
+/// A cursor over a process's images that only moves forward, for ranges in ascending order.
 class ZBImageEnumerator {
   public:
-    /// The images are sorted by start, and lent.
+    /// The images must be sorted by start and outlive this object.
     explicit ZBImageEnumerator(const std::vector<ZBImage>& images) : _images(images) {}
 
-    /// The first image from the cursor on that overlaps [start, end); null when there is none. Images that
-    /// lie before the start are passed for good, and so are those without bytes.
+    /// The first image from the cursor on that overlaps [start, end); null if there is none. Skips images
+    /// before start, and empty ones, for all later calls too.
     const ZBImage* nextImageForStart(std::uint64_t start, std::uint64_t end);
 
   private:

@@ -13,7 +13,7 @@ namespace zorbel {
 
 namespace {
 
-// What the high half of an object id tells apart, so that no two kinds of site share memory.
+// High half of an object id: the kind of site, so that different kinds never share an object.
 constexpr std::uint64_t kAddressObjects = 1;
 constexpr std::uint64_t kZoneObjects = 2;
 constexpr std::uint64_t kTagObjects = 3;
@@ -24,7 +24,7 @@ std::uint64_t kindOf(const MemoryInfoRecord& record) { return record.flags & Mem
 
 bool has(const MemoryInfoRecord& record, std::uint64_t flag) { return (record.flags & flag) != 0; }
 
-/// A counter that is no memory to be charged.
+/// Whether the record is only a counter, not memory to charge.
 bool isPureCounter(const MemoryInfoRecord& record) {
     constexpr std::uint64_t kMask =
         MemoryInfoRecord::kKindMask | MemoryInfoRecord::kWired | MemoryInfoRecord::kZone;

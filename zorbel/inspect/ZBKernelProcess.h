@@ -11,32 +11,32 @@
 
 namespace zorbel {
 
-/// The kernel as a target. It has no address space to walk: its regions are the zones and the sites of the
-/// kernel's own account of its memory, and the page counters of that account are its auxiliary data.
+/// The kernel as a target. It has no address space to walk. Its regions are the zones and sites of the
+/// kernel's account of its own memory; the page counters of that account are its auxiliary data.
 class ZBKernelProcess : public ZBProcess {
   public:
-    /// Loaded modules by their load tags.
+    /// Loaded modules by load tag.
     using KextTags = std::unordered_map<std::uint64_t, KernelModuleInfo>;
 
     static std::unique_ptr<ZBKernelProcess> kernelProcessWithBsdInfo(Platform& platform,
                                                                      const BsdInfoRecord& record);
 
-    /// Without the account, which takes privilege, the process has an error and no regions.
+    /// Reads the account, which needs privileges. If that fails, the process has an error and no regions.
     void gatherData() override;
 
-    /// The counters, under "Maps".
+    /// The counters, in a dictionary "Maps".
     [[nodiscard]] std::shared_ptr<const ZBAuxDataDictionary> auxData() const override;
 
     static KextTags kextTags(Platform& platform);
-    /// Modules without a load tag are left out.
+    /// Leaves out modules without a load tag.
     static KextTags _kextTagsWithKextInfo(const std::vector<KernelModuleInfo>& modules);
 
-    /// What a record is called: by its own name, or by its site. With zone names, memory from a zone bears
-    /// the zone's name too.
+    /// Name of a record: its own if it has one, else by its site. If zone names are given, memory from a zone
+    /// has the zone's name added.
     static std::string _nameForWiredInfo(const MemoryInfoRecord& record, const KextTags& kexts,
                                          Symbolicator& symbolicator,
                                          std::span<const ZoneNameRecord> zoneNames);
-    /// Names the region so; that of an address in the kernel gets its place in the source as detailed name.
+    /// Sets the region's name, and for a kernel address its place in the source as detailed name.
     static void _setNameForRegion(ZBMemoryRegion& region, const MemoryInfoRecord& record,
                                   const KextTags& kexts, Symbolicator& symbolicator,
                                   std::span<const ZoneNameRecord> zoneNames);

@@ -17,10 +17,10 @@ constexpr const char* kErrorDomain = "ZorbelErrorDomain";
 constexpr int kUnknownFormat = 1;
 constexpr int kUnknownPlatform = 2;
 
-/// More than any graph has, in bytes; a device may never end.
+/// Bytes, more than any graph has. A device might never end.
 constexpr std::size_t kMostContents = std::size_t{1} << 29;
 
-/// The contents of a file; an error for one that is too large, too.
+/// Contents of a file. Fails with EFBIG above kMostContents.
 Result<std::string> contentsOf(const std::string& path) {
     const FileDescriptor file = openForReading(path.c_str(), AT_FDCWD);
     if (!file.isOpen()) return Error::last();
@@ -35,12 +35,12 @@ Result<std::string> contentsOf(const std::string& path) {
     }
 }
 
-/// The kind of machine that a graph's description names; nothing where it names none.
+/// The kind of machine in a graph's description; nothing if there is none.
 std::optional<ZBPlatform> platformNamedIn(std::string_view description) {
     const auto names = [&](std::string_view name) {
         return description.find(name) != std::string_view::npos;
     };
-    if (names("Linux")) return ZBPlatform::kLinux;  // Whatever processor it runs on.
+    if (names("Linux")) return ZBPlatform::kLinux;  // For every processor.
     if (names("X86-64")) return ZBPlatform::kX86_64;
     if (names("X86")) return ZBPlatform::kX86;
     constexpr std::string_view kArm64 = "ARM64";
@@ -73,7 +73,7 @@ Result<void> ZBMemgraphProcess::initWithMemgraph(const std::string& path) {
     BsdInfoRecord record;
     if (saved.is64bit) record.pbi_flags = BsdInfoRecord::kFlag64Bit;
     record.pbi_pid = static_cast<std::uint32_t>(saved.pid);
-    initWithBsdInfo(record);  // Can't fail: there is no task to open.
+    initWithBsdInfo(record);  // Can't fail: it opens no task.
     _displayString += " (memgraph)";
     if (!_setSharedRegionFromPlatform(
             platformNamedIn(saved.processDescription).value_or(ZBPlatform::kUnknown)))
@@ -98,7 +98,7 @@ void ZBMemgraphProcess::_gatherPhysZorbel() {
 }
 
 RegionInfoRecord ZBMemgraphProcess::_recordOf(const GraphRegion& region) const {
-    // Pieces of the shared region share pages.
+    // Pieces of the shared region may share pages, so their sizes are counted in bytes.
     const std::uint64_t unit = _isInSharedRegion(region.address) ? 1 : _pageSize;
     const auto count = [unit](std::uint64_t size) { return static_cast<std::uint32_t>(size / unit); };
     RegionInfoRecord record;

@@ -8,28 +8,28 @@
 
 namespace zorbel {
 
-/// A process that was saved as a memory graph, analysed as if it were alive.
+/// A process saved as a memory graph, analysed like a live process.
 class ZBMemgraphProcess : public ZBUserProcess {
   public:
-    /// Opens a file. An error when it can't be read, is no memory graph, or is one of an unknown kind of
-    /// machine. The second and the third of these have the domain "ZorbelErrorDomain" where the platform
-    /// gives no error of its own.
+    /// Opens a file. Fails if it can't be read, is no memory graph, or comes from an unknown kind of machine.
+    /// The error has the domain "ZorbelErrorDomain" for an unknown machine, and for a file that the platform
+    /// rejects without a reason.
     static Result<std::unique_ptr<ZBMemgraphProcess>> processWithMemgraph(Platform& platform,
                                                                           const std::string& path);
 
-    /// That of the graph.
+    /// The mode of the graph.
     [[nodiscard]] bool breakDownPhysZorbel() const override;
 
   protected:
     explicit ZBMemgraphProcess(Platform& platform) : ZBUserProcess(platform) {}
 
     Result<void> initWithMemgraph(const std::string& path);
-    /// The one in the graph. A live process that has the pid by now has nothing to do with it.
+    /// The name in the graph: the pid may already belong to another process.
     [[nodiscard]] std::string _gatherName(const BsdInfoRecord& record) const override;
     [[nodiscard]] std::uint32_t _gatherPageSize() const override;
     /// Takes the sizes from the record, which counts bytes inside the shared region.
     bool _populateMemoryRegionWithPageQueries(ZBMemoryRegion& piece, const RegionInfoRecord& record) override;
-    /// Finds the images as it goes.
+    /// Also finds the images.
     void enumerateRegions(const RegionVisitor& visitor) override;
     void _gatherImageData() override {}
     void _gatherPhysZorbel() override;

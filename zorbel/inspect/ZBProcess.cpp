@@ -15,7 +15,8 @@ std::vector<std::string>& globalErrorList() {
     return list;
 }
 
-/// The executable's path in an argument area: behind the count, whose high bytes are zero, and its zeros.
+/// The executable's path in an argument area, after the count and padding zeros. The count's high bytes are
+/// zero.
 std::optional<std::string> pathInArgumentArea(const std::string& area) {
     const std::size_t countEnd = area.find('\0');
     if (countEnd == std::string::npos) return std::nullopt;

@@ -15,7 +15,7 @@ namespace zorbel {
 
 class ZBProcess;
 
-/// Whether a process may be ended by the system while it is idle, and what that would lose.
+/// Whether the system may end a process while it is idle, and whether that would lose data (dirty).
 enum class ZBIdleExitStatus : std::int32_t {
     kUnknown = 0,
     kNotIdleExit = 1,
@@ -26,17 +26,17 @@ enum class ZBIdleExitStatus : std::int32_t {
 /// The targets of a run.
 using Targets = std::vector<std::unique_ptr<ZBProcess>>;
 
-/// A process that a description has selected.
+/// A process selected by a description.
 struct DescribedProcess {
     std::int32_t pid = 0;
-    std::optional<std::string> name;  ///< The description, where it matched by name and not by number.
+    std::optional<std::string> name;  ///< The description if it matched by name, nothing if by pid.
     std::size_t description = 0;      ///< Index of the description.
 };
 
-/// A target: its identity, its regions once gathered, and what went wrong meanwhile.
+/// A target: its identity, its regions after gathering, and the errors that occurred.
 ///
-/// Objects are made on the main thread; `readData` and `gatherData` run on workers, one at a time, and nobody
-/// else touches the object meanwhile. Errors and warnings are never cleared.
+/// Objects are created on the main thread. `readData` and `gatherData` run on workers, one at a time, and no
+/// other thread uses the object meanwhile. Errors and warnings are never cleared.
 class ZBProcess {
   public:
     ZBProcess(const ZBProcess&) = delete;
@@ -45,63 +45,63 @@ class ZBProcess {
 
     // Selection of targets, in cli/.
 
-    /// Every record of the system, in the system's order; empty when the list can't be had.
+    /// All records of the system, in the system's order; empty if the list is not available.
     static std::vector<BsdInfoRecord> copyAllBsdInfos(Platform& platform);
 
-    /// Every process that can be opened and is not excluded, in the system's order; nothing when the system's
-    /// list can't be had.
+    /// All processes that can be opened and are not excluded, in the system's order; nothing if the system's
+    /// list is not available.
     static std::optional<Targets> allProcessesExcludingPids(Platform& platform,
                                                             const std::set<std::int32_t>& excludedPids);
 
-    /// Resolves names and numbers: each selects the first process, in the system's order, whose name it
-    /// equals or whose pid it begins with. What matches nothing adds a text to the errors, where a list is
-    /// given. Nothing when the system's list can't be had.
+    /// Finds processes by names or pids. Each description selects the first process, in the system's order,
+    /// whose name is equal or whose pid is the number at the start of the description. A description without
+    /// a match adds a message to errors, if given. Nothing if the system's list is not available.
     static std::optional<std::vector<DescribedProcess>> pidsForStringDescriptions(
         Platform& platform, const std::vector<std::string>& descriptions, std::vector<std::string>* errors);
 
-    /// The given pids and all their descendants, level by level, each once; nothing when the system's list
-    /// can't be had.
+    /// The given pids and all their descendants, level by level and without duplicates; nothing if the
+    /// system's list is not available.
     static std::optional<std::vector<std::int32_t>> childPidsForPids(Platform& platform,
                                                                      const std::vector<std::int32_t>& pids);
 
-    /// Leaves out the processes that the system may end at no loss.
+    /// Removes the processes that the system may end without loss.
     static Targets removeIdleExitCleanProcessesFrom(Targets targets);
 
     // Construction.
 
-    /// The process with this pid; null when it does not exist or can't be opened.
+    /// The process with this pid; null if it does not exist or can't be opened.
     static std::unique_ptr<ZBProcess> processWithPid(Platform& platform, std::int32_t pid);
 
-    /// A process of the kind that the record calls for; null when it can't be opened.
+    /// A process of the record's kind; null if it can't be opened.
     static std::unique_ptr<ZBProcess> processWithBsdInfo(Platform& platform, const BsdInfoRecord& record);
 
-    /// File name of the executable in an argument area; nothing where it holds none.
+    /// File name of the executable in an argument area; nothing if it has none.
     static std::optional<std::string> _nameInArgumentArea(std::string area);
-    /// File name of the executable, from the argument area; failing that, the record's names.
+    /// File name of the executable from the argument area, else the name in the record.
     static std::string _nameForBsdInfo(Platform& platform, const BsdInfoRecord& record);
     /// The record's long name, else its command name, else "Unknown".
     static std::string _nameForBsdInfoCommName(const BsdInfoRecord& record);
 
-    // Errors of the run that belong to no process. Main thread only.
+    // Errors of the run as a whole. Main thread only.
 
     static void _addGlobalError(std::string text);
     static void _clearGlobalErrors();
     static const std::vector<std::string>& globalErrors();
 
-    // Phases of a run, each called once, on a worker.
+    // Phases of a run. Each is called once, on a worker.
 
-    /// Reads from the system what has to be read at once.
+    /// Reads the data that the system must provide in one reading.
     virtual void readData() {}
-    /// Fills the regions, once all targets have been read.
+    /// Fills the regions. All targets have been read before.
     virtual void gatherData() {}
 
-    /// Reports what workers had to say, in one piece for each process. Main thread only.
+    /// Reports the messages of the workers, all of one process together. Main thread only.
     void reportMessages();
 
     // Results.
 
-    /// Tells the targets of a run apart, in the order of selection, and indexes them. A pid does not: two
-    /// graphs of one process have the same, and so do the first processes of two containers.
+    /// Index of the target in a run, in the order of selection. A pid does not identify a target: two graphs
+    /// may have the same.
     [[nodiscard]] std::size_t ordinal() const { return _ordinal; }
     void setOrdinal(std::size_t ordinal) { _ordinal = ordinal; }
 
@@ -116,11 +116,11 @@ class ZBProcess {
     /// Page size of the target in bytes.
     [[nodiscard]] std::uint32_t pageSize() const { return _pageSize; }
 
-    /// Regions in the order of the walk. They never move once gathered, so that pointers to them stay good.
+    /// Regions in the order of the walk. Pointers to them stay valid after gathering.
     [[nodiscard]] const std::vector<ZBMemoryRegion>& memoryRegions() const { return _memoryRegions; }
     [[nodiscard]] std::vector<ZBMemoryRegion>& memoryRegions() { return _memoryRegions; }
 
-    /// Further figures of the process; null when it has none.
+    /// Other figures of the process; null or empty if it has none.
     [[nodiscard]] virtual std::shared_ptr<const ZBAuxDataDictionary> auxData() const;
     /// Whether this process is measured in breakdown mode.
     [[nodiscard]] virtual bool breakDownPhysZorbel() const;
@@ -128,21 +128,21 @@ class ZBProcess {
   protected:
     explicit ZBProcess(Platform& platform) : _platform(platform) {}
 
-    /// Takes the identity from the record and opens the target. False when it can't be opened; the reason has
-    /// been reported by then.
+    /// Sets the identity from the record and opens the target. Returns false if it can't be opened, after
+    /// reporting the reason.
     virtual bool initWithBsdInfo(const BsdInfoRecord& record);
 
-    /// Keeps a message for the user that comes up on a worker.
+    /// Keeps a worker's message for the user.
     void _addMessage(std::string text) { _messages.push_back(std::move(text)); }
 
-    /// Opens the target; reports why when it returns false.
+    /// Opens the target; false if that fails. An override reports the reason.
     virtual bool _populateTask() { return false; }
-    /// Name of the target, asked for once it is open.
+    /// Name of the target. Called after it is opened.
     [[nodiscard]] virtual std::string _gatherName(const BsdInfoRecord& record) const {
         return _nameForBsdInfo(_platform, record);
     }
     [[nodiscard]] virtual std::uint32_t _gatherPageSize() const { return _platform.vm_kernel_page_size(); }
-    /// Whether the target is a process that runs, and may so exit under our hands.
+    /// Whether the target is running, so that it may exit while it is measured.
     [[nodiscard]] virtual bool _isAlive() const { return false; }
 
     Platform& _platform;

@@ -70,8 +70,8 @@ bool ZBUserProcess::_setSharedRegionFromPlatform(ZBPlatform platform) {
     return false;
 }
 
-// The top-level look-ups of the walk begin at this address. Each is one more call, so a search finds a place
-// that spares most of them.
+// Start address for the top-level look-ups of a walk. Each of them is an extra call: the binary search finds
+// an address that avoids most of them.
 std::uint64_t ZBUserProcess::_lastNonSharedCacheRegion() {
     constexpr std::uint64_t kCloseEnough = 0x100'0000;
     std::uint64_t low = 0;
@@ -97,7 +97,7 @@ KernReturn ZBUserProcess::_lookUpTopLevelRegion(std::uint64_t& address, std::uin
     BasicRegionInfoRecord basic;
     const KernReturn code = _platform.mach_vm_region(_task, start, size, basic);
     if (code != kKernSuccess) return code;
-    // What lies before the address has been visited already.
+    // Skip the part before the address: it has been visited.
     if (start < address)
         size -= address - start;
     else
@@ -110,7 +110,7 @@ KernReturn ZBUserProcess::_lookUpTopLevelRegion(std::uint64_t& address, std::uin
     record.user_wired_count = basic.user_wired_count;
     record.external_pager = 1;
     record.share_mode = kShareModeCopyOnWrite;
-    record.object_id = 1;  // All processes map the same one.
+    record.object_id = 1;  // The same object in all processes.
     return code;
 }
 
@@ -132,10 +132,10 @@ void ZBUserProcess::enumerateRegions(const RegionVisitor& visitor) {
             seenFromTop = _isInSharedRegion(address);
         }
         if (!seenFromTop) {
-            record = {};  // The top-level entry told of what lies around.
+            record = {};  // Discards the top-level entry.
             const KernReturn code = _platform.mach_vm_region_recurse(_task, address, size, record);
             if (code == kKernInvalidAddress) return;
-            // Memory with that tag is charged to the process apart from its address space and comes last.
+            // Memory with this tag is charged apart from the address space and comes last.
             if (record.user_tag != kTagAllOnes && tagAllOnesSeen) return;
             if (code != kKernSuccess) return _reportWalkFailure("mach_vm_region_recurse", code);
             ZB_ASSERT(!record.is_submap, "a leaf look-up returned a submap");
@@ -146,7 +146,7 @@ void ZBUserProcess::enumerateRegions(const RegionVisitor& visitor) {
                 path = _platform.proc_regionfilename(_task, address);
         }
         if (visitor(address, size, record, purgeableState, path)) return;
-        if (address + size <= address) return;  // The region ends where addresses do.
+        if (address + size <= address) return;  // End of the address space.
         address += size;
     }
 }

@@ -13,26 +13,26 @@
 
 namespace zorbel {
 
-/// Called once per region of a walk with its address and size in bytes, what is known of it, its purgeable
-/// state and the path of the file that it maps, which may be absent. True stops the walk.
+/// Called for each region of a walk: address and size in bytes, record, purgeable state, and path of the
+/// mapped file if there is one. Returning true stops the walk.
 using RegionVisitor = std::function<bool(std::uint64_t address, std::uint64_t size,
                                          const RegionInfoRecord& record, int purgeableState, Name path)>;
 
 /// A live process: its images and its address space, walked region by region.
 ///
-/// Some machines nest one map of all system libraries, the shared region, into every process:
+/// Some machines nest one map of all system libraries, the shared region, into every process; see
 /// SharedRegionSplit.
 class ZBUserProcess : public ZBProcess {
   public:
-    /// Opens the process; null when it can't be opened, for which a global error tells the reason.
+    /// Opens the process; null if that fails, with the reason as a global error.
     static std::unique_ptr<ZBUserProcess> userProcessWithBsdInfo(Platform& platform,
                                                                  const BsdInfoRecord& record);
 
     void readData() override;
     void gatherData() override;
 
-    /// The charges that the system itself keeps, left out where it tells none, and the kernel's memory on
-    /// behalf of a process that is alive. Read when the process was opened.
+    /// What the system charges the process, if known, and the kernel's memory for the process if it is alive.
+    /// Read when the process was opened.
     [[nodiscard]] std::shared_ptr<const ZBAuxDataDictionary> auxData() const override;
 
   protected:
@@ -44,7 +44,7 @@ class ZBUserProcess : public ZBProcess {
     [[nodiscard]] std::string _gatherName(const BsdInfoRecord& record) const override;
     [[nodiscard]] bool _isAlive() const override { return true; }
 
-    // What fails leaves its figures as they were.
+    // If these fail, their figures stay unchanged.
     void _gatherKernelMemory();
     virtual void _gatherPhysZorbel();
     virtual void _gatherIdleExitStatus();
@@ -54,35 +54,36 @@ class ZBUserProcess : public ZBProcess {
     /// Fills the images, sorted by start.
     virtual void _gatherImageData();
 
-    /// Places the shared region as that kind of machine does. False, with a message, for a kind that is not
-    /// known; the shared region then stays where it was.
+    /// Sets the place of the shared region for this kind of machine. For an unknown kind, reports it, returns
+    /// false and changes nothing.
     bool _setSharedRegionFromPlatform(ZBPlatform platform);
     [[nodiscard]] bool _isInSharedRegion(std::uint64_t address) const {
         return address - _sharedRegionBase < _sharedRegionSize;
     }
 
-    /// Walks the address space in ascending order until the visitor stops it or the space ends. A failing
-    /// look-up ends it too and becomes an error of the process, or a warning when the process has exited; the
-    /// regions that were visited before stay.
+    /// Walks the address space in ascending order until the visitor stops it or the space ends. A failed
+    /// look-up also ends the walk, as an error of the process, or a warning if the process has exited.
+    /// Regions visited before stay.
     virtual void enumerateRegions(const RegionVisitor& visitor);
 
-    /// Walks and keeps a sized and named region for each that is met, several for the shared region.
+    /// Walks and stores each region with sizes and name; the shared region becomes several.
     void _gatherMemoryData();
 
-    /// Sets the dirty and swapped size of a piece of the shared region, which is added to the regions next,
-    /// from the dispositions of its pages. Each piece is charged its own bytes of a page that two of them
-    /// share. False when the pages can't be had; why has been recorded then.
+    /// Sets the dirty and swapped size of a piece of the shared region from its pages' dispositions. The
+    /// piece must be the next one added. Two pieces that share a page are each charged their own bytes.
+    /// Returns false if the query fails, after recording the reason.
     virtual bool _populateMemoryRegionWithPageQueries(ZBMemoryRegion& piece, const RegionInfoRecord& record);
 
-    /// Records a failed kernel call. The expected code is the one that a vanished process produces: with it,
-    /// a process that turns out to be gone or a zombie gets a warning and no error.
+    /// Records a failed kernel call. If the code is the one expected for a process that exits, and the
+    /// process has exited or is a zombie, adds a warning instead of an error.
     void _processMachVMError(KernReturn code, KernReturn expectingErrorOnExit);
 
     std::vector<ZBImage> _images;
     TaskName _task = kTaskNull;
     std::uint64_t _sharedRegionBase = 0;
     std::uint64_t _sharedRegionSize = 0;  ///< 0 on a machine without a shared region.
-    /// Whether all resident memory without a file counts as dirty, save what may be reused.
+    /// Whether all resident memory without a file counts as dirty, except reusable pages. Not in breakdown
+    /// mode.
     bool _anonymousDirtyRecalculation = true;
     // Bytes.
     std::uint64_t _phys_zorbel = 0;
@@ -91,7 +92,7 @@ class ZBUserProcess : public ZBProcess {
     std::int64_t _kshrd = 0;
 
   private:
-    /// Start of a region close below the shared region; 0 when none was found.
+    /// An address close below the shared region where a region begins; 0 if none was found.
     std::uint64_t _lastNonSharedCacheRegion();
     KernReturn _lookUpTopLevelRegion(std::uint64_t& address, std::uint64_t& size, RegionInfoRecord& record);
     void _reportWalkFailure(const char* lookup, KernReturn code);

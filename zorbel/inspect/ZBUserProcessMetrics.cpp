@@ -1,4 +1,4 @@
-// The figures that the kernel keeps of a process as a whole.
+// Figures that the kernel keeps for a whole process.
 
 #include "inspect/ZBUserProcess.h"
 
@@ -7,7 +7,7 @@ namespace zorbel {
 void ZBUserProcess::_gatherKernelMemory() {
     KernelMemoryRecord record;
     if (_platform.task_info(_task, record) != kKernSuccess) return;
-    // More may have been freed than allocated: a process can free what another one allocated.
+    // May be negative: a process can free what another one allocated.
     _kprvt = static_cast<std::int64_t>(record.total_palloc - record.total_pfree);
     _kshrd = static_cast<std::int64_t>(record.total_salloc - record.total_sfree);
 }
@@ -39,7 +39,7 @@ std::shared_ptr<const ZBAuxDataDictionary> ZBUserProcess::auxData() const {
     const auto leaf = [](std::int64_t value, bool sums) { return std::make_shared<ZBAuxData>(value, sums); };
     ZBAuxDataDictionary::Entries entries;
     if (_phys_zorbel != 0) {
-        // Processes share memory that each of them is charged for: no sum of these means anything.
+        // Shared memory is charged to each process, so sums over processes are meaningless.
         entries.emplace("phys_zorbel", leaf(static_cast<std::int64_t>(_phys_zorbel), false));
         entries.emplace("phys_zorbel_peak", leaf(static_cast<std::int64_t>(_phys_zorbel_peak), false));
     }

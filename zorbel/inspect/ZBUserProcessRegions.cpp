@@ -6,11 +6,11 @@ namespace zorbel {
 
 namespace {
 
-/// The name of an image segment by that which the system has for it.
+/// Name of an image segment, from the system's name for it.
 Name nameOfSegment(Name name) {
     static const Name kMachHeader("MACH_HEADER");
     static const Name kText("__TEXT");
-    if (name == kMachHeader) return kText;  // The header is the first thing in that segment.
+    if (name == kMachHeader) return kText;  // The header is at the start of that segment.
     const std::size_t blank = name.text().find(' ');
     return blank == std::string::npos ? name : Name(std::string_view(name.text()).substr(0, blank));
 }
@@ -27,12 +27,12 @@ void ZBUserProcess::_gatherImageData() {
             image.setOwnerPath(owner.path);
         }
     });
-    // Stable, so that equal answers give equal reports.
+    // Stable, so that reports are reproducible.
     std::ranges::stable_sort(_images, {}, &ZBImage::start);
 }
 
 void ZBUserProcess::_gatherMemoryData() {
-    constexpr std::size_t kUsualRegions = 256;  // What a program with some libraries has.
+    constexpr std::size_t kUsualRegions = 256;  // Enough for a program with some libraries.
     _memoryRegions.reserve(kUsualRegions);
     const bool breakDown = breakDownPhysZorbel();
     ZBImageEnumerator images(_images);
@@ -80,8 +80,8 @@ void ZBUserProcess::_setSizes(ZBMemoryRegion& region, const RegionInfoRecord& re
         region.setReclaimableSize(page * record.pages_resident);
         return;
     }
-    // Memory without a file has nowhere to be read from again: whatever of it is resident is charged, even
-    // where the kernel has not marked it dirty.
+    // Resident memory without a file is charged even if the kernel does not mark it as dirty: it can't be
+    // read again from anywhere.
     const bool recalculate = record.external_pager == 0 && _anonymousDirtyRecalculation && !breakDown;
     const std::uint32_t dirtyPages =
         recalculate ? record.pages_resident - record.pages_reusable : record.pages_dirtied;

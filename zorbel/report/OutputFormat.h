@@ -4,14 +4,14 @@
 
 namespace zorbel {
 
-/// How a size is written in the text report.
+/// Unit of sizes in the text report.
 enum class SummaryFormat : std::int32_t {
     kBytes = 0,
     kFormatted = 1,  ///< Scaled by powers of 1024.
     kPages = 2,
 };
 
-/// Optional columns of the text report, a set of bits.
+/// Optional columns of the text report, as a set of bits.
 using OutputOptions = std::int32_t;
 inline constexpr OutputOptions kShowWired = 1;
 inline constexpr OutputOptions kShowSwapped = 2;

@@ -30,7 +30,7 @@ void setAuxiliary(json::object& owner, const ZBAuxDataDictionary* auxData) {
 
 }  // namespace
 
-/// Writes a document to a stream, object after object, so that it need never be in memory as a whole.
+/// Writes a document to a stream, one object after another, so that it is never complete in memory.
 class ZBOutputFormatterJSON::Writer {
   public:
     explicit Writer(std::FILE* file) : _file(file) {}
@@ -39,7 +39,7 @@ class ZBOutputFormatterJSON::Writer {
         if (std::fwrite(text.data(), 1, text.size(), _file) != text.size() && _error == 0) _error = errno;
     }
 
-    /// The members of an object. Another one may follow; then the object is to be closed.
+    /// Writes an object without its closing brace, so that another member may follow.
     void openObject(const json::object& members) {
         _serializer.reset(&members);
         _rest(1);
@@ -59,7 +59,7 @@ class ZBOutputFormatterJSON::Writer {
         text("}");
     }
 
-    /// What has gone wrong so far, an errno, or 0.
+    /// The first error as an errno; 0 if there was none.
     [[nodiscard]] int error() const { return _error; }
 
   private:
@@ -73,7 +73,7 @@ class ZBOutputFormatterJSON::Writer {
         _rest(0);
     }
 
-    /// Writes what the serializer has, but for so many characters at its end.
+    /// Writes the serializer's output, but leaves out this many characters at its end.
     void _rest(std::size_t omitted) {
         std::array<char, 4096> buffer;
         while (!_serializer.done()) {
@@ -86,7 +86,7 @@ class ZBOutputFormatterJSON::Writer {
     std::FILE* _file;
     int _error = 0;
     json::serializer _serializer;
-    /// One object for all categories: to make it again for each takes longer than to write it.
+    /// Reused for all categories: creating an object takes longer than writing it.
     json::object _figures{{"dirty", 0},       {"swapped", 0}, {"clean", 0},
                           {"reclaimable", 0}, {"wired", 0},   {"regions", 0}};
 };
@@ -103,7 +103,7 @@ ZBOutputFormatterJSON::ZBOutputFormatterJSON(Platform& platform, std::string pat
 ZBOutputFormatterJSON::CategoryTable ZBOutputFormatterJSON::_tableOf(const Categories& categories,
                                                                      const std::vector<Name>& sortedKeys) {
     CategoryTable table;
-    table.reserve(sortedKeys.size() + 1);  // For the total of the summary.
+    table.reserve(sortedKeys.size() + 1);  // One more for the summary's total.
     for (const Name key : sortedKeys) table.emplace_back(key, categories.at(key)->totals());
     return table;
 }
@@ -179,14 +179,14 @@ Result<void> ZBOutputFormatterJSON::_write() const {
     }
     writer.text("]}");
     int error = writer.error();
-    // What was buffered may fail to be written only here.
+    // Buffered data may fail only here.
     if (std::fclose(file) != 0 && error == 0) error = errno;
     if (error != 0) return Error::ofErrno(error);
     return {};
 }
 
 void ZBOutputFormatterJSON::end() {
-    // The reader of a pipe may have gone: that is an error like any other, and the other reports stand.
+    // If the reader of a pipe has gone, report it as an error; the other reports stay valid.
     const auto putBack = std::signal(SIGPIPE, SIG_IGN);
     const auto written = _write();
     std::signal(SIGPIPE, putBack);

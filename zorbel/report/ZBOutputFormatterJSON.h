@@ -9,12 +9,12 @@
 
 namespace zorbel {
 
-/// The report for programs: one JSON document, whose form docs/report.schema.json tells. It is kept in memory
-/// and written when the report ends. Processes come in the order of the report and categories in that of its
-/// tables, so that equal states of memory give equal bytes.
+/// The report for programs: one JSON document, described by docs/report.schema.json. It is kept in memory and
+/// written at the end of the report. Processes and categories have the order of the report, so that equal
+/// states of memory give equal bytes.
 class ZBOutputFormatterJSON final : public ZBOutputFormatter {
   public:
-    /// The path is that of the file to be written, which is not touched before the end of the report.
+    /// path is the file to write. It is not touched before the end of the report.
     ZBOutputFormatterJSON(Platform& platform, std::string path);
 
     void printProcessHeader(const ZBProcess& process) override;
@@ -29,16 +29,15 @@ class ZBOutputFormatterJSON final : public ZBOutputFormatter {
     void printSummaryCategories(const Categories& categories, const std::vector<Name>& sortedKeys,
                                 const SizeTotals& total, bool hadErrors) override;
     void printGlobalAuxData(const ZBAuxDataDictionary* auxData) override;
-    /// Replaces what the file held. A message tells when it can't be written.
+    /// Overwrites the file. Reports a failure as a diagnostic.
     void end() override;
 
   private:
-    /// The figures of a table. As JSON values they would take several times the memory, which shows in the
-    /// time of a run.
+    /// The figures of a table. As JSON values they would take several times the memory and slow the run down.
     using CategoryTable = std::vector<std::pair<Name, SizeTotals>>;
 
     struct Process {
-        boost::json::object data;  ///< All but the categories.
+        boost::json::object data;  ///< Everything except the categories.
         CategoryTable categories;
     };
     class Writer;
@@ -50,7 +49,7 @@ class ZBOutputFormatterJSON final : public ZBOutputFormatter {
     Diagnostics& _diagnostics;
     std::string _path;
     bool _isPageSizeSet = false;
-    boost::json::object _data;  ///< The document, all but the processes and the summary.
+    boost::json::object _data;  ///< The document without the processes and the summary.
     std::vector<Process> _processes;
     CategoryTable _summary;
 };

@@ -22,10 +22,10 @@ struct ColumnWidths {
 constexpr ColumnWidths kFormattedWidths = {7, 11, 11, 13, 11};
 constexpr ColumnWidths kExactWidths = {11, 14, 14, 14, 14};
 
-/// Room for the longest scaled size, such as "1024 MB", and its terminator.
+/// Size of the longest scaled size, such as "1024 MB", with terminator.
 constexpr std::size_t kHumanizedSize = 8;
 
-/// A larger group is told by its number of members only.
+/// Of a larger group, only the number of members is shown.
 constexpr std::size_t kMostMembersNamed = 20;
 
 constexpr const char* kRule = "==========";
@@ -98,7 +98,7 @@ void ZBOutputFormatterText::printProcessHeader(const ZBProcess& process) {
     ++_processCount;
     _pageSize = process.pageSize();
     _printSeparator("\n");
-    // The line stays open for the total or a block of messages.
+    // The line ends with the total or a block of messages.
     std::fprintf(_output, "%s: %s-bit", process.displayString().c_str(), process.is64bit() ? "64" : "32");
     if (!process.warnings().empty())
         std::fputs("\nWarnings were encountered while examining the process.\n", _output);

@@ -7,10 +7,10 @@
 
 namespace zorbel {
 
-/// The report for people, written straight to a stream. Write errors of the stream are ignored.
+/// The report for people, written directly to a stream. Write errors of the stream are ignored.
 class ZBOutputFormatterText final : public ZBOutputFormatter {
   public:
-    /// The stream is lent and must outlive the formatter.
+    /// The stream must outlive the formatter.
     ZBOutputFormatterText(Platform& platform, SummaryFormat format, OutputOptions options,
                           std::FILE* output = stdout)
         : _platform(platform), _summaryFormat(format), _options(options), _output(output) {}
@@ -31,17 +31,18 @@ class ZBOutputFormatterText final : public ZBOutputFormatter {
     void printSharedCategories(const Categories& categories, const std::vector<Name>& sortedKeys,
                                const ProcessGroup& sharedWith, const ZBProcess& process,
                                const SizeTotals& total) override;
-    /// In pages of the process, whatever the format.
+    /// Always in pages of the process.
     void printLattixLikeOutputForProcess(const ZBProcess& process,
                                          const std::vector<const ZBMemoryRegion*>& regions) override;
 
-    /// The size, in bytes, in the chosen style. Pages are those of the process whose header was printed last.
+    /// The size, given in bytes, in the chosen format. Pages are those of the process whose header was
+    /// printed last.
     [[nodiscard]] std::string formattedStringForSize(std::uint64_t size) const;
 
   private:
     [[nodiscard]] bool _shows(OutputOptions option) const { return (_options & option) != 0; }
     void _printSeparator(const char* lineEnd);
-    /// A line of one word for each size column, empty where the column is not shown.
+    /// A line with one word for each size column; a hidden column is left out.
     void _printWordRow(const char* dirty, const char* swapped, const char* clean, const char* reclaimable,
                        const char* wired, const char* regions, const char* category);
     void _printDashes();

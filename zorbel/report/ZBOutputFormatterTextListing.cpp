@@ -8,7 +8,7 @@ namespace zorbel {
 
 namespace {
 
-/// What fits into its column.
+/// As much of an object id as fits into its column.
 constexpr std::uint64_t kObjectIdMask = 0xFF'FFFF'FFFF;
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The sequence of calls that every formatter gets.
+// The sequence of calls to each formatter.
 
 #include <algorithm>
 #include <compare>
@@ -9,7 +9,7 @@
 
 namespace zorbel {
 
-/// What is printed of one group.
+/// What is printed for one group.
 struct ZBZorbel::GroupSummary {
     GroupSummary(const std::vector<ZBMemoryObject*>& objects, bool summarize)
         : categories(_summarizedCategoriesForCategories(_categoriesForObjects(objects), summarize, total)),
@@ -22,7 +22,7 @@ struct ZBZorbel::GroupSummary {
     std::vector<Name> sortedKeys;
 };
 
-/// The summaries of all groups. A group is printed once for each of its members but summed up only once.
+/// The summaries of all groups. A group is printed for each of its members but computed only once.
 class ZBZorbel::GroupSummaries {
   public:
     struct Entry {
@@ -35,8 +35,8 @@ class ZBZorbel::GroupSummaries {
             _summaries.try_emplace(&group, objects, summarize);
     }
 
-    /// The groups of a process: itself alone first, then by descending dirty + swapped size, then by their
-    /// members.
+    /// The groups of a process: first the one with only itself, then by descending dirty + swapped size, then
+    /// by members.
     [[nodiscard]] std::vector<Entry> groupsOf(const ZBProcess& process) const {
         std::vector<Entry> entries;
         const auto found = _sharing.processToProcessGroups().find(process.ordinal());
