@@ -2,12 +2,12 @@
 
 namespace zorbel {
 
-/// Prints the text with its place on standard error and aborts. Called through ZB_ASSERT.
+/// Prints the text and the source location to standard error, and aborts. Use ZB_ASSERT instead.
 [[noreturn]] void assertionFailed(const char* text, const char* file, int line);
 
 }  // namespace zorbel
 
-/// Stops the tool, in every build type, when a precondition between its own parts is broken. Never for user
-/// input or for what the system answers.
+/// Aborts, in every build type, if a precondition between parts of zorbel does not hold. Never use it for
+/// user input or answers of the system.
 #define ZB_ASSERT(condition, text) \
     ((condition) ? static_cast<void>(0) : ::zorbel::assertionFailed(text, __FILE__, __LINE__))

@@ -7,7 +7,8 @@ void StreamDiagnostics::report(std::string_view message) {
     std::string text(message);
     text += '\n';
     const std::lock_guard lock(_mutex);
-    std::fwrite(text.data(), 1, text.size(), _stream);  // One write, also beside other processes.
+    std::fwrite(text.data(), 1, text.size(),
+                _stream);  // One write, so that output of other processes can't split it.
     std::fflush(_stream);
 }
 

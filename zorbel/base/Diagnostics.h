@@ -8,8 +8,7 @@
 
 namespace zorbel {
 
-/// The one place that prints messages for the user: warnings and errors, not the report. Any thread may
-/// report.
+/// Prints all messages for the user: warnings and errors, but not the report. Thread-safe.
 class Diagnostics {
   public:
     Diagnostics() = default;
@@ -17,12 +16,12 @@ class Diagnostics {
     Diagnostics& operator=(const Diagnostics&) = delete;
     virtual ~Diagnostics() = default;
 
-    /// Prints a message of one line or more at once. Lines of one message stay together, and no other message
-    /// comes between them. The newline at the end is added.
+    /// Prints a message of one or more lines. Its lines stay together, even if other threads report. Adds the
+    /// newline at the end.
     virtual void report(std::string_view message) = 0;
 };
 
-/// Prints messages on a stream, which is lent. Without a stream they are dropped.
+/// Prints messages to a stream, which must outlive this object. Drops them if the stream is null.
 class StreamDiagnostics final : public Diagnostics {
   public:
     explicit StreamDiagnostics(std::FILE* stream) : _stream(stream) {}
@@ -34,7 +33,7 @@ class StreamDiagnostics final : public Diagnostics {
     std::FILE* _stream;
 };
 
-/// Prints messages elsewhere, with a text before each, such as the name of the program.
+/// Passes messages on with a prefix, such as the name of the program.
 class PrefixedDiagnostics final : public Diagnostics {
   public:
     PrefixedDiagnostics(Diagnostics& target, std::string prefix)

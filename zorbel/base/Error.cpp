@@ -6,7 +6,7 @@
 namespace zorbel {
 
 Error Error::ofErrno(int code) {
-    const char* text = strerrordesc_np(code);  // Unlike strerror, safe in any thread.
+    const char* text = strerrordesc_np(code);  // Thread-safe, unlike strerror.
     return {"POSIXErrorDomain", code, text != nullptr ? text : "Unknown error " + std::to_string(code)};
 }
 

@@ -6,7 +6,7 @@
 
 namespace zorbel {
 
-/// Why something failed: which system reports it, the number of the error there, and a text for the user.
+/// Why something failed: the domain and the error number in it, and a text for the user.
 struct Error {
     Error() = default;
     Error(std::string theDomain, int theCode, std::string theDescription)
@@ -16,16 +16,16 @@ struct Error {
     int code = 0;
     std::string description;
 
-    /// An error of the operating system, with its text for the number.
+    /// An operating system error, with the system's text for the number.
     static Error ofErrno(int code);
-    /// The error in errno.
+    /// The current errno.
     static Error last();
 
-    /// The same error, its text preceded by what it happened to: "subject: text".
+    /// The same error, with the text "subject: text".
     [[nodiscard]] Error on(const std::string& subject) const;
 };
 
-/// A value, or the error that stands in its place. Never throws: test it before the value is used.
+/// A value or an error. Never throws: test it before you use the value.
 template <typename Value>
 using Result = boost::system::result<Value, Error>;
 

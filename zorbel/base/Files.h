@@ -8,7 +8,7 @@
 
 namespace zorbel {
 
-/// An open file descriptor, closed with the object.
+/// An open file descriptor. The destructor closes it.
 class FileDescriptor {
   public:
     explicit FileDescriptor(int fd = -1) : _fd(fd) {}
@@ -21,7 +21,7 @@ class FileDescriptor {
 
     [[nodiscard]] int get() const { return _fd; }
     [[nodiscard]] bool isOpen() const { return _fd >= 0; }
-    /// Gives the descriptor up: somebody else closes it.
+    /// Returns the descriptor without closing it.
     int release() { return std::exchange(_fd, -1); }
 
   private:
@@ -30,19 +30,19 @@ class FileDescriptor {
 
 // Paths are relative to a directory descriptor, or to the current directory for AT_FDCWD.
 
-/// Opens a file for reading. On failure the descriptor is not open, and errno has the reason.
+/// Opens a file for reading. On failure, the descriptor is not open and errno is set.
 FileDescriptor openForReading(const char* path, int directory);
 
-/// Opens a directory. On failure the descriptor is not open, and errno has the reason.
+/// Opens a directory. On failure, the descriptor is not open and errno is set.
 FileDescriptor openDirectory(const char* path, int directory);
 
-/// Reads like read(), and goes on after an interruption by a signal.
+/// Like read(), but continues after EINTR.
 std::ptrdiff_t readSome(int fd, char* buffer, std::size_t size);
 
-/// The contents of a file.
+/// The contents of a file, or the errno.
 Result<std::string> readWholeFile(const char* path, int directory);
 
-/// The target of a symbolic link.
+/// The target of a symbolic link, or the errno.
 Result<std::string> readLink(const char* path, int directory);
 
 }  // namespace zorbel

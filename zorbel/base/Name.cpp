@@ -13,7 +13,7 @@ struct TextHash {
     std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
 };
 
-/// One part of the pool. Texts are spread over several parts, so that workers seldom wait for each other.
+/// A part of the pool. Texts are spread over several parts, so that workers rarely wait for each other.
 struct Shard {
     std::mutex mutex;
     std::unordered_set<std::string, TextHash, std::equal_to<>> texts;
@@ -22,7 +22,7 @@ struct Shard {
 constexpr std::size_t kShardCount = 16;
 
 std::array<Shard, kShardCount>& shards() {
-    // Never destroyed: names in objects with static lifetime stay valid while the tool exits.
+    // Never destroyed, so that names in static objects stay valid during exit.
     static auto* pool = new std::array<Shard, kShardCount>();
     return *pool;
 }

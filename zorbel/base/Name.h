@@ -9,21 +9,21 @@ namespace zorbel {
 
 /// An immutable text that is stored once for the whole run.
 ///
-/// A machine repeats the same few thousand names (categories, mapped files) over all its processes, and every
-/// category is keyed by one. A Name is one pointer: copying, comparing for equality and hashing never touch
-/// the text. Texts are kept until the tool exits.
+/// All processes of a machine repeat the same few thousand names (categories, mapped files), and each
+/// category has a name as key. A Name is one pointer: copying, comparing for equality and hashing do not
+/// access the text. Texts are kept until the tool exits.
 ///
-/// A default-constructed Name is absent, which is not the same as the empty text. Making a Name is safe from
-/// any thread.
+/// A default-constructed Name is absent, which differs from an empty text. Names can be created from any
+/// thread.
 class Name {
   public:
     Name() = default;
     explicit Name(std::string_view text);
 
-    /// Whether there is a text at all, be it empty.
+    /// Whether there is a text, even an empty one.
     [[nodiscard]] bool isPresent() const { return _text != nullptr; }
 
-    /// The text; empty when absent.
+    /// The text; empty if absent.
     [[nodiscard]] const std::string& text() const;
     [[nodiscard]] const char* c_str() const { return text().c_str(); }
 
@@ -35,7 +35,7 @@ class Name {
     const std::string* _text = nullptr;
 };
 
-/// Orders names by their text, byte by byte.
+/// Orders names by the bytes of their texts.
 struct NameTextLess {
     bool operator()(Name a, Name b) const { return a.text() < b.text(); }
 };

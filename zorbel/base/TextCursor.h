@@ -5,26 +5,26 @@
 
 namespace zorbel {
 
-// A text is read by taking pieces from its beginning. The files under /proc are lines of fields with blanks
-// between them.
+// Functions that parse a text from its start and remove what they return. Files in /proc are lines of fields
+// that are separated by blanks.
 
-/// Takes all up to a separator, and the separator; all that is left where there is none.
+/// Takes everything up to the separator, and removes the separator too. Takes the rest if there is no
+/// separator.
 std::string_view takeUpTo(std::string_view& text, char separator);
 
-/// Takes a line, and the newline behind it.
+/// Takes a line without its newline.
 inline std::string_view takeLine(std::string_view& text) { return takeUpTo(text, '\n'); }
 
-/// Takes the next word, and blanks and tabs before it; empty at the end.
+/// Skips blanks and tabs and takes the word up to the next blank; empty at the end.
 std::string_view takeWord(std::string_view& text);
 
-/// Takes this character; false where the text begins with another.
+/// Takes this character; false if the text starts with another one.
 bool takeCharacter(std::string_view& text, char expected);
 
-/// Takes an unsigned number and the blanks before it; nothing where there is no digit, or where it does not
-/// fit.
+/// Skips blanks and takes an unsigned number; nothing if there is no digit or the number is too large.
 std::optional<unsigned long long> takeNumber(std::string_view& text, int base = 10);
 
-/// The number behind the first such label of a text, blanks aside; nothing where there is none.
+/// The number after the first occurrence of the label, without leading blanks; nothing if there is none.
 std::optional<unsigned long long> numberBehind(std::string_view text, std::string_view label);
 
 }  // namespace zorbel

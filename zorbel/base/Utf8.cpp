@@ -8,8 +8,8 @@ namespace {
 
 bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
 
-/// Whether a terminal may act on the character: the ASCII controls, and U+0080 to U+009F, which some
-/// terminals take for escape sequences.
+/// Whether a terminal may interpret the character: ASCII controls, and U+0080 to U+009F, which some terminals
+/// treat as escape sequences.
 bool isControl(std::string_view character) {
     const auto lead = static_cast<unsigned char>(character[0]);
     if (character.size() == 1) return lead < 0x20 || lead == 0x7F;

@@ -4,11 +4,11 @@
 
 namespace zorbel {
 
-// Who has the kernel's memory: the constant in the code, the number in the kernel's account, and the end of
+// Uses of kernel memory: the constant in the code, the number in the kernel's account, and the last part of
 // the name in reports.
 
 // clang-format off
-/// Allocation tags; the names begin with "VM_KERN_MEMORY_".
+/// Allocation tags. Names start with "VM_KERN_MEMORY_".
 #define ZB_KERNEL_TAGS(ROW) \
     ROW(kNone, 0, "NONE") \
     ROW(kOsfmk, 1, "OSFMK") \
@@ -41,7 +41,7 @@ namespace zorbel {
     ROW(kFirstDynamic, 28, "FIRST_DYNAMIC") \
     ROW(kAny, 255, "ANY")
 
-/// Page counters; the names begin with "VM_KERN_COUNT_".
+/// Page counters. Names start with "VM_KERN_COUNT_".
 #define ZB_KERNEL_COUNTERS(ROW) \
     ROW(kManaged, 0, "MANAGED") \
     ROW(kReserved, 1, "RESERVED") \
@@ -59,11 +59,11 @@ namespace zorbel {
 #define ZB_ROW_CONSTANT(constant, number, name) constant = number,
 enum class KernelTag : std::uint64_t { ZB_KERNEL_TAGS(ZB_ROW_CONSTANT) };
 enum class KernelCounter : std::uint64_t {
-    ZB_KERNEL_COUNTERS(ZB_ROW_CONSTANT) kFirstOfOurOwn,  ///< Counters from here on have names of their own.
+    ZB_KERNEL_COUNTERS(ZB_ROW_CONSTANT) kFirstOfOurOwn,  ///< Counters from here on have their own names.
 };
 #undef ZB_ROW_CONSTANT
 
-/// A number and the name that belongs to it.
+/// A number and its name.
 struct KernelName {
     std::uint64_t number;
     const char* name;

@@ -4,12 +4,11 @@
 
 namespace zorbel {
 
-// The kinds of memory: the constant that stands for a kind in the code, the tag that regions have, and the
-// name in reports. A new kind is a new row here, and whatever recognizes it. Tags from 240 on are the
-// applications' own.
+// Kinds of memory: the constant in the code, the tag of a region, and the name in reports. To add a kind, add
+// a row here and the code that recognizes it. Applications may use the tags from 240 on.
 
 // clang-format off
-/// Kinds that every machine may have.
+/// Kinds on every machine.
 #define ZB_GENERIC_MEMORY_KINDS(ROW) \
     ROW(kMallocMetadata, 1, "malloc metadata") \
     ROW(kMallocSmall, 2, "MALLOC_SMALL") \
@@ -38,7 +37,7 @@ namespace zorbel {
     ROW(kAudio, 90, "audio") \
     ROW(kVideoBitstream, 91, "video bitstream")
 
-/// Kinds of Linux.
+/// Kinds on Linux only.
 #define ZB_LINUX_MEMORY_KINDS(ROW) \
     ROW(kMemfd, 21, "memfd") \
     ROW(kReserved, 34, "reserved address space") \
@@ -72,7 +71,7 @@ enum class Tag : std::uint8_t {
 };
 #undef ZB_ROW_CONSTANT
 
-/// A tag and the name that reports give to its memory.
+/// A tag and its name in reports.
 struct MemoryKind {
     Tag tag;
     const char* name;

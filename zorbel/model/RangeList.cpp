@@ -10,7 +10,7 @@ constexpr std::uint64_t SizeCounts::*kCounts[] = {&SizeCounts::dirty, &SizeCount
                                                   &SizeCounts::clean, &SizeCounts::reclaimable,
                                                   &SizeCounts::wired};
 
-/// Joins a range of the list into a new one, which was given as [start, end) after rounding.
+/// Adds a range of the list to the joined one. [start, end) is the new range as given, rounded to pages.
 void join(RangeNode& joined, const RangeNode& met, std::uint64_t start, std::uint64_t end,
           std::uint64_t pageSize) {
     const std::uint64_t commonStart = std::max(start, met.roundedStart(pageSize));
@@ -33,8 +33,8 @@ RangeList::Position RangeList::fold(const RangeNode& added, std::uint64_t pageSi
     const std::uint64_t start = added.roundedStart(pageSize);
     const std::uint64_t end = added.roundedEnd(pageSize);
 
-    // Disjoint ranges in order of their starts are in order of their ends too, so the ranges that meet the
-    // new one are neighbours in the list: step back to the first of them, then join forward.
+    // Disjoint ranges that are sorted by start are also sorted by end. So the ranges that meet the new one
+    // are neighbours: go back to the first of them, then join forward.
     Position previous = leftNeighbour == kNone ? kNone : _inList(leftNeighbour);
     Position next = previous == kNone ? _first : _slots[previous].next;
     while (previous != kNone && _slots[previous].range.roundedEnd(pageSize) >= start) {
@@ -43,7 +43,7 @@ RangeList::Position RangeList::fold(const RangeNode& added, std::uint64_t pageSi
     }
     if (next == kNone || _slots[next].range.roundedStart(pageSize) > end) return _link(added, previous, next);
 
-    const Position home = next;  // The joined range takes the place of the first one that was met.
+    const Position home = next;  // The joined range replaces the first range that it meets.
     RangeNode joined = added;
     for (; next != kNone && _slots[next].range.roundedStart(pageSize) <= end; next = _slots[next].next) {
         join(joined, _slots[next].range, start, end, pageSize);
@@ -62,7 +62,7 @@ SizeCounts RangeList::total() const {
     return total;
 }
 
-/// The position in the list that a folded range has come to; halves the way there for the next time.
+/// The current list position of a range that was folded in. Halves the path for the next search.
 RangeList::Position RangeList::_inList(Position position) {
     while (_slots[position].joinedInto != position) {
         Position& into = _slots[position].joinedInto;

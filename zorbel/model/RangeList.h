@@ -7,7 +7,7 @@
 
 namespace zorbel {
 
-/// A range of one object, in bytes, not rounded to pages, and what is charged to it.
+/// A range of an object and its byte counts. Offset and size are bytes, not rounded to pages.
 struct RangeNode {
     std::uint64_t offset = 0;
     std::uint64_t size = 0;
@@ -22,23 +22,23 @@ struct RangeNode {
     }
 };
 
-/// A linked list of disjoint ranges in ascending order of offset. Between two neighbours lies at least one
-/// whole page, as long as every range is folded with the same page size.
+/// A linked list of disjoint ranges, in ascending order of offset. At least one whole page lies between two
+/// neighbours, as long as all ranges use the same page size.
 ///
-/// The list is never searched: whoever folds a range in says where it belongs.
+/// The list is never searched: the caller of fold() knows where a range belongs.
 class RangeList {
   public:
-    /// Stands for a range that was folded in, also after the range has become part of a larger one.
+    /// Identifies a range that was folded in, even after it is joined into a larger one.
     using Position = std::uint32_t;
     static constexpr Position kNone = 0xFFFFFFFF;
 
-    /// Folds a range in; pageSize is a power of two, in bytes. Every range that overlaps or touches the new
-    /// one after rounding to pages is joined with it, in ascending order: each count becomes the sum less the
-    /// bytes that the two have in common, but at least the larger of the two. What they have in common is
-    /// measured against the new range as it was given, also after it has grown.
+    /// Folds a range in; pageSize is a power of two, in bytes. Joins all ranges that overlap or touch the new
+    /// one after rounding to pages, in ascending order. Each count becomes the sum minus the common bytes,
+    /// but at least the larger of the two counts. Common bytes are those common with the new range as given,
+    /// even after it has grown.
     ///
-    /// leftNeighbour is the position of the one range, of all folded in so far, that has the greatest offset
-    /// not above the new one's, or kNone when all lie above.
+    /// leftNeighbour is the position of the range with the greatest offset not above the new one's, among all
+    /// ranges folded in so far; kNone if all are above.
     Position fold(const RangeNode& added, std::uint64_t pageSize, Position leftNeighbour);
 
     [[nodiscard]] SizeCounts total() const;

@@ -4,15 +4,15 @@
 
 namespace zorbel {
 
-/// Bytes of some memory by what they are: the one record of sizes, from a region to the summary.
+/// Bytes of memory by their state. Used at every level, from a region to the summary.
 struct SizeCounts {
-    std::uint64_t dirty = 0;        ///< Resident, and not to be dropped.
+    std::uint64_t dirty = 0;        ///< Resident; can't be dropped.
     std::uint64_t swapped = 0;      ///< Compressed or swapped out.
-    std::uint64_t clean = 0;        ///< Resident, and dropped and read again as needed.
-    std::uint64_t reclaimable = 0;  ///< Resident, and free for the system to take back.
-    std::uint64_t wired = 0;        ///< Resident, and not to be swapped out; counted above as well.
+    std::uint64_t clean = 0;        ///< Resident; can be dropped and read again.
+    std::uint64_t reclaimable = 0;  ///< Resident; the system may take it back at any time.
+    std::uint64_t wired = 0;        ///< Resident; can't be swapped out. Also counted above.
 
-    /// What somebody is charged for: what was dirty stays so in swap.
+    /// Bytes that are charged: swapped memory was dirty and still counts.
     [[nodiscard]] std::uint64_t charged() const { return dirty + swapped; }
 
     SizeCounts& operator+=(const SizeCounts& other) {
@@ -25,7 +25,7 @@ struct SizeCounts {
     }
 };
 
-/// A row of a table: sizes, and the number of regions that have them.
+/// A row of a table: sizes, and the number of regions.
 struct SizeTotals {
     SizeCounts sizes;
     std::uint32_t totalRegions = 0;

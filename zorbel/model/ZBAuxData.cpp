@@ -25,7 +25,7 @@ ZBAuxDatum ZBAuxDataDictionary::mergeAuxDatum(const ZBAuxDatum& datum, const ZBA
     const auto& leaf = static_cast<const ZBAuxData&>(*datum);
     if (!leaf.shouldAggregate()) return nullptr;
     if (!withDatum) return datum;
-    // Summed without sign, so that figures at the end of the range wrap around.
+    // Unsigned, so that an overflow wraps around.
     const auto sum = static_cast<std::uint64_t>(leaf.value()) +
                      static_cast<std::uint64_t>(static_cast<const ZBAuxData&>(*withDatum).value());
     return std::make_shared<ZBAuxData>(static_cast<std::int64_t>(sum), true);

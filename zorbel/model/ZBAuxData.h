@@ -8,7 +8,7 @@
 
 namespace zorbel {
 
-/// A node of the tree of figures that a process reports beside its regions. Nodes never change once made.
+/// A node in a tree of figures that a process has in addition to its regions. Nodes are immutable.
 class ZBAuxDataType {
   public:
     virtual ~ZBAuxDataType() = default;
@@ -17,7 +17,7 @@ class ZBAuxDataType {
 
     /// True for a dictionary, false for a figure.
     [[nodiscard]] virtual bool isContainer() const = 0;
-    /// A number, or an object of such values.
+    /// A JSON number, or an object of such values.
     [[nodiscard]] virtual boost::json::value jsonRepresentation() const = 0;
 
   protected:
@@ -26,13 +26,13 @@ class ZBAuxDataType {
 
 using ZBAuxDatum = std::shared_ptr<const ZBAuxDataType>;
 
-/// A figure: bytes, or a count.
+/// A figure: bytes or a count.
 class ZBAuxData final : public ZBAuxDataType {
   public:
     ZBAuxData(std::int64_t value, bool shouldAggregate) : _value(value), _aggregate(shouldAggregate) {}
 
     [[nodiscard]] std::int64_t value() const { return _value; }
-    /// Whether the figure has a meaning summed over processes.
+    /// Whether a sum over processes is meaningful.
     [[nodiscard]] bool shouldAggregate() const { return _aggregate; }
 
     [[nodiscard]] bool isContainer() const override { return false; }
@@ -43,7 +43,7 @@ class ZBAuxData final : public ZBAuxDataType {
     bool _aggregate;
 };
 
-/// Figures and further dictionaries under their labels, ordered by label.
+/// Figures and dictionaries, ordered by label.
 class ZBAuxDataDictionary final : public ZBAuxDataType {
   public:
     using Entries = std::map<std::string, ZBAuxDatum>;
@@ -56,14 +56,13 @@ class ZBAuxDataDictionary final : public ZBAuxDataType {
     [[nodiscard]] bool isContainer() const override { return true; }
     [[nodiscard]] boost::json::value jsonRepresentation() const override;
 
-    /// Sums this tree with another, which may be absent (null). Figures that do not aggregate drop out, and
-    /// so do dictionaries that become empty; null when nothing remains. Whether a figure aggregates is
-    /// decided by this tree's leaf where both have one. Trees that disagree on which labels are dictionaries
-    /// stop the tool.
+    /// Adds this tree and another one, which may be null. Leaves out figures that do not aggregate and
+    /// dictionaries that become empty; null if nothing is left. If both trees have a figure, this tree's
+    /// decides whether it aggregates. Asserts that a label is a dictionary in both trees or in neither.
     [[nodiscard]] std::shared_ptr<const ZBAuxDataDictionary> mergeWithData(
         const ZBAuxDataDictionary* data) const;
 
-    /// The step of mergeWithData for one label; the second node may be absent.
+    /// mergeWithData for one label; withDatum may be null.
     static ZBAuxDatum mergeAuxDatum(const ZBAuxDatum& datum, const ZBAuxDatum& withDatum);
 
   private:

@@ -8,21 +8,21 @@
 
 namespace zorbel {
 
-/// One line of a report: a named group of memory objects with the sums of their sizes, in bytes.
+/// One line of a report: a named group of memory objects, with the sums of their sizes in bytes.
 class ZBMemoryCategory {
   public:
     ZBMemoryCategory(Name name, SegmentCode segment) : _name(name), _segment(segment) {}
 
-    /// Adds an object with its sizes as they are now; an object that is already here is left out. Cheap for
-    /// objects that come in ascending order of their ordinals.
+    /// Adds an object with its current sizes; ignores an object that was added before. Fast if objects come
+    /// in ascending order of ordinals.
     void addMemoryObject(ZBMemoryObject& object);
 
     [[nodiscard]] Name name() const { return _name; }
     [[nodiscard]] SegmentCode segment() const { return _segment; }
-    /// In ascending order of their ordinals; not owned.
+    /// In ascending order of ordinals; not owned.
     [[nodiscard]] const std::vector<ZBMemoryObject*>& memoryObjects() const { return _memoryObjects; }
 
-    /// The sums, and the number of regions.
+    /// The sums and the number of regions.
     [[nodiscard]] const SizeTotals& totals() const { return _totals; }
 
     [[nodiscard]] std::uint64_t totalDirtySize() const { return _totals.sizes.dirty; }
@@ -31,12 +31,12 @@ class ZBMemoryCategory {
     [[nodiscard]] std::uint64_t totalReclaimableSize() const { return _totals.sizes.reclaimable; }
     [[nodiscard]] std::uint64_t totalWiredSize() const { return _totals.sizes.wired; }
 
-    /// Number of regions of all its objects.
+    /// Number of regions of all objects.
     [[nodiscard]] std::int32_t totalRegions() const {
         return static_cast<std::int32_t>(_totals.totalRegions);
     }
 
-    /// Whether its first region is purgeable memory marked non-volatile; false without regions.
+    /// Whether the first region is purgeable memory marked non-volatile; false without regions.
     [[nodiscard]] bool purgeableNonVolatile() const;
 
   private:

@@ -29,12 +29,12 @@ void ZBMemoryObject::calculateSizes() {
     _totals = {};
     _accurateSizes = true;
     if (_memoryRegions.size() > 1) return _foldRegions();
-    // Almost every object has one region, and there is nothing to fold.
+    // Most objects have one region and need no folding.
     for (const ZBMemoryRegion* region : _memoryRegions)
         if (region->object_id() != 0) _totals += region->sizes();
 }
 
-/// Splits the regions into runs of ranges that meet, and adds up the runs.
+/// Splits the regions into runs of ranges that meet, and adds the runs up.
 void ZBMemoryObject::_foldRegions() {
     // Ranges that are a page apart at the largest page size never meet at a smaller one.
     const std::uint64_t page =
@@ -65,21 +65,21 @@ void ZBMemoryObject::_foldRegions() {
         }
         if (overlap) {
             _foldRun({first, last});
-        } else {  // Ranges that at most touch have no page in common: their counts add up in any order.
+        } else {  // Ranges that only touch share no page, so the order does not matter.
             for (; first != last; ++first) _totals += _memoryRegions[first->index]->sizes();
         }
         first = last;
     }
 }
 
-/// Adds up a run of ranges, some of which overlap. They come in order of offset and fold in the order in
-/// which they were added. So each range needs to know its neighbour on the left among those that were added
-/// before it; taking the ranges out of a linked list of all of them, last one first, tells.
+/// Adds up a run of ranges, some of which overlap. The run is in order of offset, but ranges are folded in
+/// the order in which they were added. So each range needs its left neighbour among the ranges added before
+/// it. To find it, removes the ranges from a linked list of all, last added first.
 void ZBMemoryObject::_foldRun(std::span<const Span> run) {
     constexpr std::uint32_t kNone = 0xFFFFFFFF;
     struct Arrival {
         std::uint32_t index;
-        std::uint32_t place;  // In the run.
+        std::uint32_t place;  // Index in the run.
     };
     struct Neighbours {
         std::uint32_t left;
@@ -104,7 +104,7 @@ void ZBMemoryObject::_foldRun(std::span<const Span> run) {
     for (const auto [index, place] : arrivals) {
         const std::uint32_t left = neighbours[place].left;
         const RangeList::Position leftPosition = left == kNone ? RangeList::kNone : neighbours[left].right;
-        // The right neighbour is of no more use: its place keeps where in the list the range went.
+        // The right neighbour is no longer needed: reuse its field for the range's position in the list.
         neighbours[place].right =
             list.fold(nodeOf(*_memoryRegions[index]), _pageSizeOfRegion(index), leftPosition);
     }

@@ -13,34 +13,32 @@
 
 namespace zorbel {
 
-/// One piece of memory, such as a file or a shared segment, with all the regions that map it in any of the
-/// targets.
+/// A piece of memory, such as a file or a shared segment, with all regions in all targets that map it.
 ///
-/// Pages are not visible here, only the range of the object that a region maps and the region's byte counts.
-/// Ranges that overlap or touch, after rounding to pages, fold into one: what two ranges count on their
-/// common pages is assumed to be the same memory and counts once, and the result never falls below what
-/// either range has alone. Since that floor makes the result depend on the order of folding, regions fold in
-/// the order in which they were added.
+/// Single pages are not known, only the range of the object that a region maps and the region's byte counts.
+/// Ranges that overlap or touch, after rounding to pages, are folded into one. What two ranges count on their
+/// common pages is assumed to be the same memory and counts once, but the result is never less than either
+/// range alone. Because of this minimum, the result depends on the order, so regions are folded in the order
+/// in which they were added.
 ///
-/// Folding waits until sizes are asked for. Only then are all ranges known, and most need no folding at all:
-/// an object with one region takes the region's figures, and of many regions only those whose ranges overlap,
-/// found by sorting, go through a list of disjoint ranges. Cost: O(n log n) in the regions, whatever their
-/// order.
+/// Folding happens when sizes are calculated and all ranges are known. Most ranges need none: an object with
+/// one region has that region's sizes. With several regions, sorting finds the ranges that overlap, and only
+/// those go through a list of disjoint ranges. Cost: O(n log n) in the number of regions, in any order.
 class ZBMemoryObject {
   public:
-    /// The ordinal tells the objects of a run apart in an order that is the same for equal runs.
+    /// The ordinal identifies the object in a run. Equal runs give equal ordinals.
     explicit ZBMemoryObject(std::size_t ordinal = 0) : _ordinal(ordinal) {}
 
-    /// Adds a region of a process with the given page size, a power of two. A region is added once. A region
-    /// without object identity is a member without bytes. The first region's name becomes the object's. The
-    /// region's offset, size and counts must not change any more, and offset + size + page size must not
-    /// wrap.
+    /// Adds a region of a process with this page size, a power of two. Add each region once. A region without
+    /// object id counts as a region but adds no bytes. The first region's name becomes the object's name.
+    /// Afterwards, the region's offset, size and counts must not change. offset + size + page size must not
+    /// overflow.
     void addRegion(ZBMemoryRegion& region, std::uint32_t pageSize);
 
-    /// Brings the totals up to date; free when nothing was added since.
+    /// Updates the totals. Does nothing if no region was added since the last call.
     void calculateSizes();
 
-    // Sums over the ranges, in bytes, as of the last calculateSizes().
+    // Sums in bytes, as of the last calculateSizes().
     [[nodiscard]] const SizeCounts& totalSizes() const { return _totals; }
     [[nodiscard]] std::uint64_t totalDirtySize() const { return _totals.dirty; }
     [[nodiscard]] std::uint64_t totalCleanSize() const { return _totals.clean; }
@@ -51,7 +49,7 @@ class ZBMemoryObject {
     [[nodiscard]] Name name() const { return _name; }
     void setName(Name name) { _name = name; }
 
-    /// Every region that was added, in that order; not owned.
+    /// All regions, in the order in which they were added; not owned.
     [[nodiscard]] std::span<ZBMemoryRegion* const> memoryRegions() const { return _memoryRegions; }
 
     [[nodiscard]] std::size_t ordinal() const { return _ordinal; }
@@ -60,16 +58,16 @@ class ZBMemoryObject {
     struct Span {
         std::uint64_t offset;
         std::uint64_t roundedEnd;
-        std::uint32_t index;  // Of the region, so in the order in which they were added.
+        std::uint32_t index;  // Of the region, in the order in which regions were added.
     };
 
     [[nodiscard]] std::uint32_t _pageSizeOfRegion(std::size_t index) const;
     void _foldRegions();
     void _foldRun(std::span<const Span> run);
 
-    /// Most objects have one region, which needs no memory of its own here.
+    /// Most objects have one region, which needs no allocation.
     boost::container::small_vector<ZBMemoryRegion*, 1> _memoryRegions;
-    /// Page size of each region; absent as long as all have the first one's.
+    /// Page size of each region; null if all have the same.
     std::unique_ptr<std::vector<std::uint32_t>> _pageSizes;
     SizeCounts _totals;
     Name _name;

@@ -12,27 +12,26 @@ namespace zorbel {
 
 class ZBMemoryObject;
 
-/// What a region is within an image. The numbers are those of the reports.
+/// The kind of image segment that a region is part of. Reports use these numbers.
 enum class SegmentCode : std::uint8_t {
-    kUnspecified = 0,  ///< Never set, or an image segment of another kind.
+    kUnspecified = 0,  ///< Not set, or a segment of another kind.
     kNotInImage = 1,
-    kText = 2,      ///< "__TEXT".
-    kData = 3,      ///< A segment whose name begins with "__DATA".
-    kLinkedit = 4,  ///< "__LINKEDIT".
+    kText = 2,      ///< "__TEXT"
+    kData = 3,      ///< Name starts with "__DATA".
+    kLinkedit = 4,  ///< "__LINKEDIT"
 };
 
-/// Tag of non-volatile purgeable memory that is charged to the process; no real tag has this value.
+/// Tag of non-volatile purgeable memory that is charged to the process. No real tag has this value.
 inline constexpr std::uint32_t kTagAllOnes = 0xFFFFFFFF;
 
-/// One contiguous stretch of a target's address space: where it lies, what it maps and how its pages are
-/// disposed.
+/// A contiguous part of a target's address space: its place, what it maps, and the state of its pages.
 ///
-/// Sizes and offsets are bytes, addresses are the target's. A new region has every number 0, every flag false
-/// and both names absent. The worker that inspects a process fills its regions; they are only read
-/// afterwards, save for the memory object, which the coordinator sets.
+/// Sizes and offsets are bytes; addresses are the target's. In a new region, all numbers are 0, all flags
+/// false and both names absent. The worker that inspects the process fills the region. Afterwards it is only
+/// read, except for the memory object, which the coordinator sets.
 class ZBMemoryRegion {
   public:
-    /// The object that the region was folded into; not owned.
+    /// The object that the region belongs to; not owned.
     [[nodiscard]] ZBMemoryObject* memoryObject() const { return _memoryObject; }
     void setMemoryObject(ZBMemoryObject* object) { _memoryObject = object; }
 
@@ -40,11 +39,11 @@ class ZBMemoryRegion {
     [[nodiscard]] Name name() const { return _name; }
     void setName(Name name) { _name = name; }
 
-    /// Finer name for the region listing, such as the path of the mapped file; may be absent.
+    /// Additional name for the region listing, such as the path of the mapped file; may be absent.
     [[nodiscard]] Name detailedName() const { return _detailedName; }
     void setDetailedName(Name name) { _detailedName = name; }
 
-    /// Offset of the region's start within the memory that it maps.
+    /// Offset of the region's start in the memory that it maps.
     [[nodiscard]] std::uint64_t offset() const { return _offset; }
     void setOffset(std::uint64_t offset) { _offset = offset; }
 
@@ -54,9 +53,9 @@ class ZBMemoryRegion {
     [[nodiscard]] std::uint64_t size() const { return _size; }
     void setSize(std::uint64_t size) { _size = size; }
 
-    /// First address after the region; moves with the start.
+    /// First address after the region. Changes with the start.
     [[nodiscard]] std::uint64_t end() const { return _start + _size; }
-    /// Sets the size from an end that is not below the start, which must have been set before.
+    /// Sets the size from the end. The start must be set before and not be above the end.
     void setEnd(std::uint64_t end) {
         ZB_ASSERT(end >= _start, "end >= self.start");
         _size = end - _start;
@@ -72,11 +71,11 @@ class ZBMemoryRegion {
     [[nodiscard]] std::uint64_t dirtySize() const { return _sizes.dirty; }
     void setDirtySize(std::uint64_t size) { _sizes.dirty = size; }
 
-    /// Bytes that the system may take back without writing them anywhere.
+    /// Bytes that the system may take back without writing them.
     [[nodiscard]] std::uint64_t reclaimableSize() const { return _sizes.reclaimable; }
     void setReclaimableSize(std::uint64_t size) { _sizes.reclaimable = size; }
 
-    /// Bytes held compressed or swapped out.
+    /// Compressed or swapped bytes.
     [[nodiscard]] std::uint64_t swappedSize() const { return _sizes.swapped; }
     void setSwappedSize(std::uint64_t size) { _sizes.swapped = size; }
 
@@ -91,30 +90,30 @@ class ZBMemoryRegion {
     [[nodiscard]] std::uint32_t user_tag() const { return _user_tag; }
     void setUser_tag(std::uint32_t tag) { _user_tag = tag; }
 
-    /// Identity of the memory that the region maps; 0 means that it has none.
+    /// Identifies the memory that the region maps; 0 for none.
     [[nodiscard]] std::uint64_t object_id() const { return _object_id; }
     void setObject_id(std::uint64_t id) { _object_id = id; }
 
-    /// The share mode as the platform reported it.
+    /// Share mode as reported by the platform.
     [[nodiscard]] std::uint8_t share_mode() const { return _share_mode; }
     void setShare_mode(std::uint8_t mode) { _share_mode = mode; }
 
-    /// Whether the region lies in the system's shared library cache.
+    /// Whether the region is in the system's shared library cache.
     [[nodiscard]] bool inSharedCache() const { return _inSharedCache; }
     void setInSharedCache(bool value) { _inSharedCache = value; }
 
-    /// Whether it is a stretch of that cache which no image of this process uses.
+    /// Whether it is a part of that cache that no image of this process uses.
     [[nodiscard]] bool unusedSharedCacheRegion() const { return _unusedSharedCacheRegion; }
     void setUnusedSharedCacheRegion(bool value) { _unusedSharedCacheRegion = value; }
 
-    /// Whether it is purgeable memory that is marked non-volatile at present.
+    /// Whether it is purgeable memory currently marked non-volatile.
     [[nodiscard]] bool purgeableNonVolatile() const { return _purgeableNonVolatile; }
     void setPurgeableNonVolatile(bool value) { _purgeableNonVolatile = value; }
 
-    /// Order of the region listing: by start, of equal starts the larger region first.
+    /// Order of the region listing: by start; if equal, the larger region first.
     [[nodiscard]] std::strong_ordering compare(const ZBMemoryRegion& other) const;
 
-    /// Name of the kind of memory that a tag stands for; absent for tag 0.
+    /// Name of the kind of memory with this tag; absent for tag 0.
     static Name categoryNameForTag(std::uint32_t tag);
 
   private:

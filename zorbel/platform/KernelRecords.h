@@ -7,22 +7,22 @@
 
 namespace zorbel {
 
-/// Name of a kernel zone, a pool of objects of one size; without terminator when all bytes are used.
+/// Name of a kernel zone, a pool of objects of one size. Not terminated if it fills the array.
 struct ZoneNameRecord {
     char mzn_name[80] = {};
 };
 
-/// What is known of a zone.
+/// Figures of a zone.
 struct ZoneInfoRecord {
     std::uint64_t mzi_count = 0;        ///< Objects in use.
-    std::uint64_t mzi_cur_size = 0;     ///< Bytes that the zone has.
+    std::uint64_t mzi_cur_size = 0;     ///< Bytes allocated to the zone.
     std::uint64_t mzi_elem_size = 0;    ///< Bytes of an object.
-    std::uint64_t mzi_collectable = 0;  ///< Bytes that are not in use, for zones that may give such back.
+    std::uint64_t mzi_collectable = 0;  ///< Unused bytes, for zones that can return them.
 };
 
-/// A place that kernel memory was allocated from, or a count of pages.
+/// A site that has allocated kernel memory, or a counter of pages.
 struct MemoryInfoRecord {
-    // The low byte of the flags is the kind of the site, which tells what its number means.
+    // The low byte of the flags is the kind of site; it defines the meaning of the site number.
     static constexpr std::uint64_t kKindMask = 0xFF;
     static constexpr std::uint64_t kTagSite = 0;      ///< An allocation tag.
     static constexpr std::uint64_t kModuleSite = 1;   ///< The load tag of a kernel module.
@@ -30,9 +30,9 @@ struct MemoryInfoRecord {
     static constexpr std::uint64_t kCounter = 3;      ///< The number of a page counter.
 
     static constexpr std::uint64_t kWired = 0x100;
-    static constexpr std::uint64_t kHidden = 0x200;  ///< The memory is part of another record too.
-    static constexpr std::uint64_t kNamed = 0x400;   ///< Has a name of its own.
-    static constexpr std::uint64_t kZone = 0x800;    ///< The memory came from a zone.
+    static constexpr std::uint64_t kHidden = 0x200;  ///< The memory is also part of another record.
+    static constexpr std::uint64_t kNamed = 0x400;   ///< Has its own name.
+    static constexpr std::uint64_t kZone = 0x800;    ///< The memory comes from a zone.
 
     std::uint64_t flags = 0;
     std::uint64_t site = 0;
@@ -42,10 +42,10 @@ struct MemoryInfoRecord {
     char name[80] = {};
 };
 
-/// The kernel's account of its own memory, lent until it is given back.
+/// The kernel's account of its own memory. Valid until the arrays are given back with vm_deallocate.
 struct KernelMemoryAccount {
     std::span<const ZoneNameRecord> zoneNames;
-    std::span<const ZoneInfoRecord> zones;  ///< As many, in the same order.
+    std::span<const ZoneInfoRecord> zones;  ///< One for each zone name, in the same order.
     std::span<const MemoryInfoRecord> memory;
 };
 

@@ -9,17 +9,17 @@
 
 namespace zorbel {
 
-/// What a memory graph tells of its process as a whole.
+/// The data in a memory graph about its process as a whole.
 struct GraphProcess {
     std::int32_t pid = 0;
     bool is64bit = false;
     std::string processName;
-    std::string processDescription;  ///< Names, among other things, the kind of machine.
+    std::string processDescription;  ///< Includes the kind of machine.
     std::uint32_t vmPageSize = 0;    ///< Bytes; a power of two.
     // Bytes.
     std::uint64_t physZorbel = 0;
     std::uint64_t physZorbelPeak = 0;
-    bool breakDownPhysZorbel = false;  ///< Whether it was taken in breakdown mode.
+    bool breakDownPhysZorbel = false;  ///< Whether it was saved in breakdown mode.
 };
 
 /// One region of a memory graph. Sizes are bytes.
@@ -27,8 +27,8 @@ struct GraphRegion {
     std::uint64_t address = 0;
     std::uint64_t length = 0;
     Name type;  ///< Name of the image segment, such as "__TEXT", or of another kind of memory.
-    Name path;  ///< The image or the file; empty where there is none.
-    // As in a RegionInfoRecord, whose names other fields bear too.
+    Name path;  ///< The image or the file; empty if there is none.
+    // As in RegionInfoRecord, where some names differ.
     std::int32_t prot = 0;
     std::int32_t maxProt = 0;
     std::uint32_t user_tag = 0;
@@ -44,7 +44,7 @@ struct GraphRegion {
     std::int32_t purgeable = kPurgeableDeny;
 };
 
-/// An opened memory graph: what was known of one process when it was saved.
+/// An open memory graph: the state of one process when it was saved.
 class MemoryGraphReader {
   public:
     MemoryGraphReader() = default;
@@ -54,7 +54,7 @@ class MemoryGraphReader {
 
     [[nodiscard]] virtual const GraphProcess& process() const = 0;
 
-    /// Calls the visitor with each region, in ascending order, until it sets its flag.
+    /// Calls the visitor for each region, in ascending order, until it sets stop.
     virtual void enumerateRegions(
         const std::function<void(const GraphRegion& region, bool& stop)>& visitor) const = 0;
 };

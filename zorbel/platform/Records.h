@@ -6,7 +6,7 @@
 
 namespace zorbel {
 
-/// What the system knows of one process, in the BSD process layer's terms.
+/// Data of the system about one process, in terms of BSD.
 struct BsdInfoRecord {
     static constexpr std::uint32_t kFlagSystem = 0x1;                ///< The kernel itself.
     static constexpr std::uint32_t kFlag64Bit = 0x10;                ///< Runs with 64-bit addresses.
@@ -18,11 +18,11 @@ struct BsdInfoRecord {
     std::uint32_t pbi_flags = 0;
     std::uint32_t pbi_pid = 0;
     std::uint32_t pbi_ppid = 0;
-    char pbi_comm[16] = {};  ///< Command name; without terminator when all bytes are used.
-    char pbi_name[32] = {};  ///< Long name, likewise.
+    char pbi_comm[16] = {};  ///< Command name; not terminated if it fills the array.
+    char pbi_name[32] = {};  ///< Long name; the same applies.
 };
 
-/// Flags of a process as whoever hands over a corpse knows them.
+/// Process flags as passed along with a corpse.
 struct CorpseFlags {
     static constexpr std::uint32_t kControllingTerminal = 0x2;
     static constexpr std::uint32_t k64Bit = 0x4;
@@ -32,7 +32,7 @@ struct CorpseFlags {
     static constexpr std::uint32_t kThreadDirectory = 0x1000000;
 };
 
-/// The short form: whether a process still runs.
+/// Whether a process still runs.
 struct BsdShortInfoRecord {
     static constexpr std::uint32_t kStateRunning = 2;
     static constexpr std::uint32_t kStateZombie = 5;
@@ -40,8 +40,7 @@ struct BsdShortInfoRecord {
     std::uint32_t pbsi_status = 0;
 };
 
-/// Memory of the kernel on behalf of a task, in bytes: allocated for it alone or for several to share, and
-/// how much of that was freed again.
+/// The kernel's memory for a task, in bytes: allocated and freed, private (p) and shared (s).
 struct KernelMemoryRecord {
     std::uint64_t total_palloc = 0;
     std::uint64_t total_pfree = 0;
@@ -49,22 +48,21 @@ struct KernelMemoryRecord {
     std::uint64_t total_sfree = 0;
 };
 
-/// What the system itself charges a process for, in bytes.
+/// What the system charges a process, in bytes.
 struct ResourceUsageRecord {
     std::uint64_t ri_phys_zorbel = 0;
     std::uint64_t ri_lifetime_max_phys_zorbel = 0;
 };
 
-/// How the system may end an idle process, as a sum of bits.
+/// How the system may end an idle process; a sum of bits.
 inline constexpr std::uint32_t kProcDirtyTracked = 0x1;
 inline constexpr std::uint32_t kProcDirtyAllowsIdleExit = 0x2;
 inline constexpr std::uint32_t kProcDirtyIsDirty = 0x4;
 
-/// One region of an address space as a leaf look-up returns it. Page counts are in pages of the kernel's page
-/// size.
+/// A leaf region of an address space. Page counts use the kernel's page size.
 struct RegionInfoRecord {
     std::int32_t protection = 0;      ///< Read 1, write 2, execute 4.
-    std::int32_t max_protection = 0;  ///< What the protection may be raised to.
+    std::int32_t max_protection = 0;  ///< Highest protection that can be set.
     std::uint32_t inheritance = 0;
     std::int32_t behavior = 0;
     std::uint64_t offset = 0;  ///< Bytes into the object.
@@ -73,19 +71,18 @@ struct RegionInfoRecord {
     std::uint32_t pages_shared_now_private = 0;
     std::uint32_t pages_swapped_out = 0;
     std::uint32_t pages_dirtied = 0;
-    std::uint32_t pages_reusable = 0;  ///< Resident, and free to be dropped by the system.
+    std::uint32_t pages_reusable = 0;  ///< Resident; the system may drop them.
     std::uint32_t ref_count = 0;
-    /// Wired pages. Wider than a kernel's own field, for locked regions of many GiB.
+    /// Wired pages. Wider than the kernel's own field, to count many GiB of locked memory.
     std::uint32_t user_wired_count = 0;
-    std::uint32_t object_id =
-        0;  ///< Equal for two regions exactly when they map the same memory; 0 for none.
+    std::uint32_t object_id = 0;  ///< Equal if and only if two regions map the same memory; 0 for none.
     std::uint16_t shadow_depth = 0;
-    std::uint8_t external_pager = 0;  ///< Non-zero when clean pages can be read again from a file.
+    std::uint8_t external_pager = 0;  ///< Non-zero if clean pages can be read again from a file.
     std::uint8_t share_mode = 0;      ///< One of the kShareMode constants.
     bool is_submap = false;
 };
 
-/// One entry of an address space seen from the top: a region, or a whole map nested into it.
+/// A top-level entry of an address space: a region, or a whole nested map.
 struct BasicRegionInfoRecord {
     std::int32_t protection = 0;
     std::int32_t max_protection = 0;
@@ -95,13 +92,13 @@ struct BasicRegionInfoRecord {
     std::uint32_t user_wired_count = 0;  ///< Pages.
 };
 
-/// What a page query tells of a page, as a sum of bits.
+/// Result of a page query; a sum of bits.
 inline constexpr std::int32_t kPageQueryPresent = 0x1;
 inline constexpr std::int32_t kPageQueryDirty = 0x8;
 inline constexpr std::int32_t kPageQueryPagedOut = 0x10;
-inline constexpr std::int32_t kPageQueryExternal = 0x80;  ///< Of a file that it can be read again from.
+inline constexpr std::int32_t kPageQueryExternal = 0x80;  ///< Can be read again from a file.
 
-/// The kinds of machine that targets run on, which differ in where the shared library cache lies.
+/// Kinds of machine, which differ in the address of the shared library cache.
 enum class ZBPlatform : std::uint8_t {
     kX86 = 0,
     kX86_64 = 1,
@@ -112,10 +109,10 @@ enum class ZBPlatform : std::uint8_t {
     kLinux = 6,  ///< Has no such cache.
 };
 
-/// Purgeable states, numbered as the kernel does.
+/// Purgeable states. The numbers are the kernel's.
 inline constexpr int kPurgeableNonVolatile = 0;
 inline constexpr int kPurgeableVolatile = 1;
 inline constexpr int kPurgeableEmpty = 2;
-inline constexpr int kPurgeableDeny = 3;  ///< Not purgeable, or not known.
+inline constexpr int kPurgeableDeny = 3;  ///< Not purgeable, or unknown.
 
 }  // namespace zorbel

@@ -10,32 +10,32 @@
 
 namespace zorbel {
 
-/// A handle on the address space of one process, good for as long as the platform object lives and for that
-/// one process only: a later process with the same pid is never taken for it.
+/// A handle for the address space of one process. Valid as long as the platform object. It never refers to a
+/// later process with the same pid.
 using TaskName = std::uint32_t;
 inline constexpr TaskName kTaskNull = 0;
-inline constexpr TaskName kTaskDead = 0xFFFFFFFF;  ///< Of a process that is gone.
+inline constexpr TaskName kTaskDead = 0xFFFFFFFF;  ///< A process that has gone.
 
-/// One segment of a loaded image: where it lies in the task, in bytes, and its name, such as "__TEXT".
+/// A segment of a loaded image: its place in the task, in bytes, and its name, such as "__TEXT".
 struct SymbolSegment {
     std::uint64_t location = 0;
     std::uint64_t length = 0;
     Name name;
 };
 
-/// A loaded image: the path of its file, symbolic links resolved and fit to be printed, and its segments.
+/// A loaded image: its segments, and the path of its file, printable and with symbolic links resolved.
 struct SymbolOwner {
     Name path;
     std::span<const SymbolSegment> segments;
 };
 
-/// A place in the source of a program.
+/// A place in a program's source.
 struct SourceLocation {
     std::string path;
     unsigned line = 0;
 };
 
-/// Tells what a machine knows of programs and libraries, and of its kernel.
+/// Knows the programs and libraries of a machine, and its kernel.
 class Symbolicator {
   public:
     Symbolicator() = default;
@@ -43,17 +43,17 @@ class Symbolicator {
     Symbolicator& operator=(const Symbolicator&) = delete;
     virtual ~Symbolicator() = default;
 
-    /// Calls the consumer for each image that the task has loaded at present, in no particular order. An
-    /// image that nothing can be found out about is left out. Called from the worker that gathers the task,
-    /// before it looks at regions.
+    /// Calls consume for each image that the task has loaded, in any order. Leaves out images about which
+    /// nothing is known. Called by the worker that walks the task, before it looks at regions.
     virtual void forEachSymbolOwner(TaskName task,
                                     const std::function<void(const SymbolOwner&)>& consume) = 0;
 
-    /// The symbol of the running kernel that holds the address; nothing when there is none. Called, as the
-    /// next one, from the worker that gathers the kernel, while the kernel's account is lent.
+    /// The symbol of the running kernel that contains the address; nothing if there is none. Called by the
+    /// worker that gathers the kernel, while the kernel's account is valid; the same applies to the next
+    /// function.
     virtual std::optional<std::string> nameOfKernelSymbol(std::uint64_t address) = 0;
 
-    /// Where in its source the kernel has the address; nothing when that is not known.
+    /// The place of a kernel address in the source; nothing if unknown.
     virtual std::optional<SourceLocation> sourceOfKernelAddress(std::uint64_t address) = 0;
 };
 
