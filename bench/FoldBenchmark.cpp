@@ -1,4 +1,4 @@
-// Folding a million regions of one object, whose ranges are apart, touch or overlap, in different orders.
+// Folds a million regions of one object, in several orders. Their ranges are apart, touch or overlap.
 
 #include <benchmark/benchmark.h>
 
@@ -19,7 +19,7 @@ constexpr std::uint32_t kPage = 4096;
 
 enum Order : std::int64_t { kAscending, kDescending, kRandom };
 
-/// Regions whose starts are the given distance apart.
+/// Regions whose starts are distance bytes apart.
 std::vector<ZBMemoryRegion> makeRegions(Order order, std::uint64_t distance, std::uint64_t size) {
     std::vector<ZBMemoryRegion> regions(kRegions);
     for (std::size_t i = 0; i < regions.size(); ++i) {

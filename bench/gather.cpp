@@ -1,5 +1,5 @@
-// Gathers all processes of the machine as zorbel -a does, and prints nothing; with --without-images, does not
-// ask what programs and libraries they have loaded. The difference is what names cost.
+// Gathers all processes of the machine like zorbel -a, but prints nothing. With --without-images, regions get
+// no names of images; the images are still found. The difference is the cost of naming.
 
 #include <cstring>
 

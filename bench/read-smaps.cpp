@@ -1,5 +1,5 @@
-// Reads the smaps of every process into memory, with as many threads as there are processors, and does
-// nothing with it: the least that a report over all processes can take.
+// Reads the smaps of all processes into memory, with one thread for each processor, and does nothing else:
+// the minimum time of a report on all processes.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -26,7 +26,7 @@ std::vector<std::string> smapsPaths() {
     return paths;
 }
 
-/// Appends what the file holds; returns its size in bytes, 0 where it can't be read.
+/// Appends the contents of a file. Returns its size in bytes, or 0 if it can't be read.
 std::size_t readInto(std::vector<char>& memory, const std::string& path) {
     constexpr std::size_t kChunk = 64 * 1024;
     const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);

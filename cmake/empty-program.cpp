@@ -1,3 +1,3 @@
-// Linked with a whole layer, to see that the layer needs nothing but what is below it.
+// Linked with a whole layer, to check that the layer needs only the layers below it.
 
 int main() {}

@@ -1,8 +1,8 @@
-# What "cmake --install" puts where, and the Debian package that "cpack" makes of the same files.
+# Where "cmake --install" puts files, and the Debian package that "cpack" builds from them.
 
 include(GNUInstallDirs)
 
-# Installing takes the programs only, so it must not wait for tests and benchmarks.
+# Only the programs are installed, so don't build tests and benchmarks first.
 set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
 install(TARGETS ${programs})
 
@@ -22,14 +22,14 @@ install(FILES README.md CHANGELOG.md docs/corpses.md docs/memgraph.md docs/memgr
     DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 set(completions ${CMAKE_SOURCE_DIR}/completions)
-# These shells look for a file with the name of the program.
+# These shells look for a file named after the program.
 foreach(program zorbel zorbel-capture)
     install(FILES ${completions}/zorbel.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program})
     install(FILES ${completions}/zorbel.fish
         DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d RENAME ${program}.fish)
 endforeach()
-# Debian's zsh looks in one place for what packages bring and in another for what is installed beside them.
+# Debian's zsh has one directory for completions from packages and another one for local installations.
 install(CODE "
     set(directory site-functions)
     if(CMAKE_INSTALL_PREFIX STREQUAL /usr AND EXISTS /etc/debian_version)

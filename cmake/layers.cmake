@@ -1,9 +1,9 @@
-# The layers of the program. Each folder of sources below zorbel/ is a library of its own.
+# The layers of the program. Each folder of sources in zorbel/ is a separate library.
 
-# add_layer(FOLDER [LAYER...] [LIBRARIES LIBRARY...]): the sources right in zorbel/FOLDER, linked with the layers that they
-# build on and with libraries from elsewhere. A layer must be there before the ones above it. With the tests comes a
-# program that links all of the layer with nothing but what is below it: it fails to link when the layer uses anything
-# else. tests/check-includes holds the headers to the same list.
+# add_layer(FOLDER [LAYER...] [LIBRARIES LIBRARY...]): the sources directly in zorbel/FOLDER, linked with lower layers and
+# with external libraries. Add a layer before those above it. With the tests, a program is built from the whole layer
+# and those below it: it fails to link if the layer uses anything else. tests/check-includes checks the headers against
+# the same list.
 function(add_layer folder)
     cmake_parse_arguments(PARSE_ARGV 1 layer "" "" "LIBRARIES")
     string(REPLACE "/" "_" name ${folder})
@@ -32,7 +32,7 @@ function(add_layer folder)
     endif()
 endfunction()
 
-# Writes the list of layers for tests/check-includes, a line "FOLDER: LAYERS BELOW" for each.
+# Writes the list of layers for tests/check-includes, one line "FOLDER: LAYERS BELOW" for each layer.
 function(write_layers file)
     get_property(layers GLOBAL PROPERTY ZORBEL_LAYERS)
     file(WRITE ${file} "${layers}")
