@@ -30,19 +30,18 @@ constexpr int kSuccess = 0;
 constexpr int kFailure = 1;
 
 constexpr const char* kUsage =
-    "Save what processes have in memory as memory graphs, which zorbel analyses later and anywhere\n"
+    "Save the memory layout of processes as memory graphs, for zorbel to analyze later on any machine\n"
     "Usage: zorbel-capture [args] -o <file/directory> [proc/pid [proc/pid [...]]]\n"
     "\t-o, --output <file/directory> \tthe file for one process (\"-\" for standard output), or the "
     "directory\n"
-    "\t\t\t\t\tthat gets a file NAME-PID.memgraph for each\n"
+    "\t\t\t\t\tfor a file NAME-PID.memgraph for each\n"
     "\t-a, --all \t\t\tsave all processes that can be opened\n"
     "\t-t, --targetChildren \t\tsave the descendants of the processes too\n"
-    "\t--force \t\t\treplace files that are there already\n"
+    "\t--force \t\t\treplace existing files\n"
     "\t--physZorbel \t\t\tbreak down physical zorbel; zorbel takes graphs of one mode only in a run\n"
     "\t-h, --help \t\t\tprint this output\n"
-    "What processes share is found again among graphs that were saved in one call. A graph holds names, "
-    "paths\n"
-    "and addresses, but nothing of what is in the memory.\n";
+    "Shared memory is found only among graphs that were saved in one call. A graph contains names, paths\n"
+    "and addresses, but no contents of memory.\n";
 
 constexpr const char* kPrefix = "zorbel-capture: ";
 constexpr const char* kHint = "Try 'zorbel-capture --help'.";

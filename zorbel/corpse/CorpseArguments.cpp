@@ -15,14 +15,14 @@ namespace zorbel {
 namespace {
 
 constexpr const char* kUsage =
-    "Report on the memory of a process that is dying, as the kernel's handler of core dumps\n"
+    "Report on the memory of a crashed process, as the kernel's core dump handler\n"
     "Usage: zorbel-corpse-handler [args] pid name signal time [--then command [argument ...]]\n"
-    "\t--directory <directory> \twhere the reports go (default: /var/lib/zorbel/corpses)\n"
-    "\t--keep <count> \t\t\tmost reports to be kept (default: 100)\n"
-    "\t--keepMiB <size> \t\tmost MiB of reports to be kept (default: 100)\n"
-    "\t--timeout <seconds> \t\tlongest time for a report (default: 60)\n"
-    "\t--zorbel <path> \t\tthe program that reports (default: zorbel beside this program)\n"
-    "\t--then command \t\t\tthe handler that gets the core image afterwards; otherwise nobody does\n"
+    "\t--directory <directory> \tdirectory for the reports (default: /var/lib/zorbel/corpses)\n"
+    "\t--keep <count> \t\t\thighest number of reports to keep (default: 100)\n"
+    "\t--keepMiB <size> \t\thighest total size of reports, in MiB (default: 100)\n"
+    "\t--timeout <seconds> \t\ttime limit for a report (default: 60)\n"
+    "\t--zorbel <path> \t\tthe program that reports (default: zorbel in the directory of this program)\n"
+    "\t--then command \t\t\tthe next handler, which gets the core image (default: none)\n"
     "\t-h, --help \t\t\tprint this output\n"
     "Install it with: echo '|/usr/bin/zorbel-corpse-handler %P %e %s %t' >/proc/sys/kernel/core_pattern\n";
 

@@ -158,8 +158,7 @@ void superviseReport(const CorpseSettings& settings, const Crash& crash, Diagnos
         const int left = millisecondsUntil(deadline + kGrace);
         const timespec limit = {left / 1000, left % 1000 * 1000000L};
         if (left == 0 || (sigtimedwait(&ended, nullptr, &limit) < 0 && errno == EAGAIN)) {
-            diagnostics.report("no report on process " + std::to_string(crash.pid) +
-                               ", which is kept no longer");
+            diagnostics.report("no report on process " + std::to_string(crash.pid) + " in time");
             kill(worker, SIGKILL);
             break;
         }

@@ -69,7 +69,7 @@ Result<void> fillFromPipes(ReportFile& text, ReportFile& document,
             if (!appended) return appended;
         }
         if (text.size() + document.size() > mostBytes)
-            return Error{"", 0, "the report is larger than a tenth of what may be kept"};
+            return Error{"", 0, "the report is larger than a tenth of --keepMiB"};
     }
 }
 

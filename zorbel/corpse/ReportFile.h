@@ -43,7 +43,7 @@ class ReportFile {
     std::uint64_t _size = 0;
 };
 
-/// Writes the contents of two pipes to their files until both pipes end. Fails on an I/O error, after the
+/// Writes the contents of two pipes to their files until both pipes end. Fails if a write fails, after the
 /// deadline, or if there are more bytes than allowed.
 Result<void> fillFromPipes(ReportFile& text, ReportFile& document,
                            std::chrono::steady_clock::time_point deadline, std::uint64_t mostBytes);

@@ -23,11 +23,11 @@ const char* const kCutOff = "the compressed data ends too early";
 Problem inflateGzip(std::string_view contents, const Consumer& consume) {
     constexpr int kGzipOnly = 16 + MAX_WBITS;
     z_stream stream{};
-    if (inflateInit2(&stream, kGzipOnly) != Z_OK) return "no memory to decompress it";
+    if (inflateInit2(&stream, kGzipOnly) != Z_OK) return "out of memory while decompressing";
     const std::unique_ptr<z_stream, int (*)(z_stream*)> end(&stream, &inflateEnd);
     std::vector<char> piece(kPieceSize);
     stream.next_in = reinterpret_cast<const Bytef*>(contents.data());
-    stream.avail_in = static_cast<uInt>(contents.size());  // At most kMostText.
+    stream.avail_in = static_cast<uInt>(contents.size());  // Callers read at most 512 MiB.
     for (;;) {
         stream.next_out = reinterpret_cast<Bytef*>(piece.data());
         stream.avail_out = kPieceSize;
@@ -48,7 +48,7 @@ Problem inflateGzip(std::string_view contents, const Consumer& consume) {
 Problem decompressZstandard(std::string_view contents, const Consumer& consume) {
     const std::unique_ptr<ZSTD_DStream, std::size_t (*)(ZSTD_DStream*)> stream(ZSTD_createDStream(),
                                                                                &ZSTD_freeDStream);
-    if (!stream) return "no memory to decompress it";
+    if (!stream) return "out of memory while decompressing";
     std::vector<char> piece(kPieceSize);
     ZSTD_inBuffer input{contents.data(), contents.size(), 0};
     for (;;) {

@@ -381,7 +381,7 @@ Result<MemoryGraph> parseMemoryGraph(std::string_view contents) {
     try {
         return parse(contents);
     } catch (const std::bad_alloc&) {
-        return errorOf("takes more memory than there is");
+        return errorOf("out of memory");
     }
 }
 
