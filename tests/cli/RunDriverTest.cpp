@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <regex>
 
 #include "cli/CommandLine.h"
 #include "support/ScriptedRun.h"
@@ -96,6 +97,33 @@ TEST_F(RunDriverTest, SkipsProcessesThatMayEndAtNoLoss) {
     EXPECT_EQ(reported(zorbel({"apprentice", "busy", "baker"})), "baker busy apprentice ");
     EXPECT_EQ(reported(zorbel({"apprentice", "busy", "baker", "-s"})), "baker busy ");
     EXPECT_THAT(zorbel({"-s", "apprentice"}), FieldsAre(0, HasSubstr("Summary Zorbel: 0 B\n"), ""));
+}
+
+TEST_F(RunDriverTest, OptionsChooseCategoriesAndColumns) {
+    RegionInfoRecord heap{.user_tag = kMallocTiny, .pages_resident = 5, .pages_swapped_out = 2};
+    heap.user_wired_count = 3;
+    apprentice.maps(0x1000, {.pages = 9, .info = heap})
+        .maps(0x10000, {.pages = 9, .info = {.pages_resident = 4}, .path = Name("/a/file")});
+    const auto rows = [this](std::vector<std::string> words) {
+        words.insert(words.begin(), {"apprentice", "-f", "pages"});
+        const std::string out = zorbel(words).out;
+        return std::regex_replace(out.substr(std::min(out.find("  Dirty"), out.size())), std::regex(" +"),
+                                  " ");
+    };
+    const std::string heapRow = " 7 pages 0 pages 0 pages 1 MALLOC_TINY\n";
+    const std::string dashes = " --- --- --- --- ---\n";
+    const std::string title = " Dirty Clean Reclaimable Regions Category\n" + dashes + heapRow;
+    const std::string end = dashes + " 7 pages 4 pages 0 pages 2 TOTAL\n";
+    EXPECT_THAT(rows({}), StartsWith(title + " 0 pages 4 pages 0 pages 1 mapped file\n" + end));
+    for (const char* option : {"-y", "--summary"})
+        EXPECT_THAT(rows({option}), StartsWith(title + " 0 pages 4 pages 0 pages 1 Other\n" + end));
+    EXPECT_THAT(rows({"--swapped"}),
+                StartsWith(" Dirty (Swapped) Clean Reclaimable Regions Category\n --- --- --- --- --- ---\n"
+                           " 7 pages 2 pages 0 pages 0 pages 1 MALLOC_TINY\n"));
+    EXPECT_THAT(rows({"--wired"}),
+                StartsWith(" Dirty Clean Reclaimable (Wired) Regions Category\n --- --- --- --- --- ---\n"
+                           " 7 pages 0 pages 0 pages 3 pages 1 MALLOC_TINY\n"));
+    EXPECT_EQ(rows({"-w"}), rows({"--swapped", "--wired"}));
 }
 
 TEST_F(RunDriverTest, UnwritableDocumentLeavesTheTextComplete) {

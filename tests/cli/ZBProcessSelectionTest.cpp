@@ -31,8 +31,8 @@ TEST_F(ZBProcessSelectionTest, DescriptionSelectsTheFirstProcessByNameOrNumber) 
     std::vector<std::string> errors;
     for (const auto& [descriptions, expected] : rows) {
         Found found;
-        const auto processes = ZBProcess::pidsForStringDescriptions(machine, descriptions, &errors);
-        for (const auto& process : *processes) {
+        const auto selected = ZBProcess::pidsForStringDescriptions(machine, descriptions, &errors);
+        for (const auto& process : *selected) {
             EXPECT_EQ(process.description, found.size());
             found.emplace_back(process.pid, process.name);
         }

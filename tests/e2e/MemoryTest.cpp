@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <list>
 #include <memory>
 
 #include "e2e/Program.h"
@@ -95,6 +96,45 @@ TEST(MemoryTest, CopiedPagesCountForEachProcess) {
     EXPECT_EQ(both().summary()["POSIX shared memory"], (Row{.dirty = 20, .regions = 2}));
     writer.next();
     EXPECT_EQ(both().tableOf(writer.pid())["POSIX shared memory"], (Row{.dirty = 20, .regions = 1}));
+}
+
+TEST(MemoryTest, NoRegionHasMorePagesThanAddresses) {
+    const auto become = [](const Words& command) {
+        return Fixture::Step([command] {
+            std::vector<const char*> argv;
+            for (const std::string& word : command) argv.push_back(word.c_str());
+            argv.push_back(nullptr);
+            execvp(argv[0], const_cast<char**>(argv.data()));
+        });
+    };
+    const Region own(300), freed(70), file(40, MAP_SHARED, newFile(40, "/var/tmp"));
+    const Region copied(40, MAP_PRIVATE, newFile(40, "/var/tmp")), memory(20, MAP_PRIVATE, newFile(20));
+    std::vector<Fixture::Step> steps = {[&] {
+        own.touch(20, 100), own.lock(), freed.touch(0, 70), freed.freeLazily(), file.touch(0, 9);
+        copied.read(0, 40), copied.touch(30, 7), memory.read(0, 20), memory.touch(0, 3);
+    }};
+    steps.push_back(become({"sh", "-c", "kill -STOP $$"}));
+    steps.push_back(become({"python3", "-c", "import json, os; os.kill(os.getpid(), 19)"}));
+    for (const char* kind : {"pie", "fixed", "static", "static-pie", "one-file-segment", "packed-relocations",
+                             "huge-alignment", "no-relro"})
+        steps.push_back(become({PROGRAM_DIR "/image-program-" + std::string(kind), "40", "3"}));
+    Words arguments = {"-v", "-w", "--pid", std::to_string(getpid())};
+    std::list<Fixture> fixtures;
+    for (const Fixture::Step& step : steps) {
+        const Fixture& fixture = fixtures.emplace_back(std::vector{step});
+        if (&step > &steps[2]) fixture.next();
+        arguments.insert(arguments.end(), {"--pid", std::to_string(fixture.pid())});
+    }
+    const std::vector<ListedRegion> listing = runZorbel(arguments).listing();
+    EXPECT_GT(listing.size(), 15 * steps.size());
+    for (const ListedRegion& region : listing) {
+        EXPECT_EQ(static_cast<std::uint64_t>(region.size) * kPageSize, region.end - region.start);
+        EXPECT_LE(region.resident(), region.size) << region.name;
+        EXPECT_LE(region.wired, region.resident()) << region.name;
+        for (const std::int64_t pages :
+             {region.dirty - region.swapped, region.swapped, region.clean, region.reclaimable})
+            EXPECT_GE(pages, 0) << region.name;
+    }
 }
 
 TEST(MemoryTest, HugePages) {

@@ -82,6 +82,22 @@ Table Outcome::tableAfter(const Words& texts) const {
 
 Table Outcome::tableOf(pid_t pid) const { return tableAfter({numberOf(pid) + ": "}); }
 
+std::vector<ListedRegion> Outcome::listing() const {
+    std::vector<ListedRegion> regions;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        ListedRegion region;
+        int name = 0;
+        std::sscanf(line.c_str(), "%lx - %lx [%*x] %ld %ld %ld %ld %ld %ld   %n", &region.start, &region.end,
+                    &region.size, &region.dirty, &region.swapped, &region.clean, &region.reclaimable,
+                    &region.wired, &name);
+        if (name == 0) continue;
+        region.name = line.substr(static_cast<std::size_t>(name));
+        regions.push_back(region);
+    }
+    return regions;
+}
+
 ProgramRun::ProgramRun(Words command, bool isOnTerminal)
     : _output(memfd_create("output", MFD_CLOEXEC)), _error(memfd_create("error", MFD_CLOEXEC)) {
     int input = -1;

@@ -23,6 +23,15 @@ struct Row {
 
 using Table = std::map<std::string, Row>;
 
+/// A line of the listing of an address space, in pages. As there, dirty pages include those in swap.
+struct ListedRegion {
+    std::uint64_t start = 0, end = 0;
+    std::int64_t size = 0, dirty = 0, swapped = 0, clean = 0, reclaimable = 0, wired = 0;
+    std::string name;
+
+    [[nodiscard]] std::int64_t resident() const { return dirty - swapped + clean + reclaimable; }
+};
+
 /// What a program left.
 struct Outcome {
     int status = -1;  ///< As waitpid() gives it.
@@ -35,6 +44,8 @@ struct Outcome {
     /// The process's own categories.
     [[nodiscard]] Table tableOf(pid_t pid) const;
     [[nodiscard]] Table summary() const { return tableAfter({"Summary Zorbel: "}); }
+    /// All lines of the listings in a report of the widest form.
+    [[nodiscard]] std::vector<ListedRegion> listing() const;
 };
 
 /// How a report names a process, and how it begins that process's section.

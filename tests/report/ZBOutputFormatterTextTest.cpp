@@ -69,11 +69,18 @@ TEST_F(ZBOutputFormatterTextTest, WarningsErrorsAndFurtherFigures) {
     EXPECT_EQ(report(), testData("report-of-trouble.txt"));
 }
 
-TEST_F(ZBOutputFormatterTextTest, GroupsOfMoreThanTwentyAreOnlyCounted) {
-    for (const std::int32_t members : {20, 21}) {
+TEST_F(ZBOutputFormatterTextTest, GroupsOfUpToTwentyMembersAreListedByName) {
+    const auto titleOfFirst = [this](std::int32_t members) {
         for (std::int32_t pid = 1; pid <= members; ++pid) fixed(pid).add("heap", 10, 1);
-        EXPECT_EQ(report().find("Shared with 21 processes:\n") != std::string::npos, members == 21);
-    }
+        const std::string text = report();
+        const std::size_t start = text.find("Shared with", text.find("fixed1 [1]: "));
+        return text.substr(start, text.find('\n', start) - start);
+    };
+    std::string names;
+    for (int pid = 2; pid <= 20; ++pid)
+        names += (pid == 2 ? " fixed" : ", fixed") + std::to_string(pid) + " [" + std::to_string(pid) + "]";
+    EXPECT_EQ(titleOfFirst(20), "Shared with" + names + ":");
+    EXPECT_EQ(titleOfFirst(21), "Shared with 21 processes:");
 }
 
 TEST_F(ZBOutputFormatterTextTest, SizesInEachStyle) {
