@@ -27,15 +27,20 @@ struct Outcome {
     std::string err;
 };
 
-/// A whole run on a machine. Messages of the option parser come before all others.
-inline Outcome runOn(ScriptedPlatform& machine, const std::vector<std::string>& words) {
+/// A whole run on a machine that sends its messages there. Those of the option parser come before all others.
+inline Outcome runOn(Platform& machine, RecordedDiagnostics& messages,
+                     const std::vector<std::string>& words) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     const int status =
         withArguments(words, [&](int argc, char* const* argv) { return run(argc, argv, machine); });
     ZBProcess::_clearGlobalErrors();
-    const std::string err = testing::internal::GetCapturedStderr() + machine.messages.take();
+    const std::string err = testing::internal::GetCapturedStderr() + messages.take();
     return {status, testing::internal::GetCapturedStdout(), err};
+}
+
+inline Outcome runOn(ScriptedPlatform& machine, const std::vector<std::string>& words) {
+    return runOn(machine, machine.messages, words);
 }
 
 }  // namespace zorbel::test
