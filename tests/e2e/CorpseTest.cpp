@@ -283,16 +283,8 @@ TEST_F(CorpseTest, NothingKeepsAProcessFromGoing) {
     crashing.join();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
     const auto handle = [&](Words arguments) { return runZorbel(arguments, {kHandler}); };
-    EXPECT_THAT(handle({"--help"}).output, HasSubstr("\nUsage: zorbel-corpse-handler "));
-    for (const Words& words : {Words{},
-                               {"1", "x", "11"},
-                               {"x", "x", "11", "0"},
-                               {"1", "x", "11", "0", "x"},
-                               {"1", "x", "11", "0", "--then"},
-                               {"--keep", "-1", "1", "x", "11", "0"}}) {
-        EXPECT_NE(handle(words).status, 0);
-        EXPECT_THAT(handle(words).error, HasSubstr("zorbel-corpse-handler: wrong arguments; see --help\n"));
-    }
+    EXPECT_NE(handle({}).status, 0);
+    EXPECT_EQ(handle({}).error, "zorbel-corpse-handler: wrong arguments; see --help\n");
     EXPECT_THAT(handle({"--directory", _directory + "/r", "5000001", "--then", "11", "0"}).error,
                 "zorbel-corpse-handler: process 5000001: No such file or directory\n"
                 "zorbel-corpse-handler: no report on process 5000001\n");
