@@ -25,7 +25,7 @@ using namespace testing;
 using std::chrono::steady_clock;
 namespace fs = std::filesystem;
 
-/// What comes of arguments; the next handler's words follow "then".
+/// Parsed arguments, and the words of the next handler.
 struct Parsed {
     std::optional<int> status;
     CorpseSettings settings;

@@ -10,7 +10,7 @@
 
 namespace zorbel::test {
 
-/// Calls a function with arguments as a program gets them.
+/// Calls a function with an argument vector.
 template <typename Function>
 auto withArguments(std::vector<std::string> words, Function function) {
     words.insert(words.begin(), "zorbel");
@@ -20,14 +20,14 @@ auto withArguments(std::vector<std::string> words, Function function) {
     return function(static_cast<int>(words.size()), pointers.data());
 }
 
-/// What came of a run.
+/// Result of a run.
 struct Outcome {
     int status;
     std::string out;
     std::string err;
 };
 
-/// A whole run on a machine that sends its messages there. Those of the option parser come before all others.
+/// A whole run on a machine that reports to these messages. Messages of the option parser come first.
 inline Outcome runOn(Platform& machine, RecordedDiagnostics& messages,
                      const std::vector<std::string>& words) {
     testing::internal::CaptureStdout();

@@ -1,4 +1,4 @@
-// The kernel's memory, as kernels of several versions tell it.
+// The kernel's memory, from the texts of several kernel versions.
 
 #include "linux/kernel/KernelMemory.h"
 
@@ -14,7 +14,7 @@
 namespace zorbel::test {
 namespace {
 
-/// All that comes of the texts in a directory: zones, other records, modules and sources.
+/// All results from the texts in a directory: zones, other records, modules and sources.
 std::string accountOf(const std::string& directory) {
     const std::string root = SOURCE_DIR "/tests/data/" + directory;
     RecordedDiagnostics messages;
@@ -49,12 +49,12 @@ std::string accountOf(const std::string& directory) {
     return text.str();
 }
 
-TEST(KernelMemoryTest, EveryVersionOfTheTextsIsUnderstood) {
+TEST(KernelMemoryTest, ReadsTextsOfAllKernelVersions) {
     for (const std::string directory : {"kernel-5.10", "kernel-6.1", "kernel-6.18"})
         EXPECT_EQ(accountOf(directory), testData(directory + "/account.txt")) << directory;
 }
 
-TEST(KernelMemoryTest, NoModuleAndNoFunctionIsTakenForLockedMemory) {
+TEST(KernelMemoryTest, NumbersDoNotCollideWithLockedMemory) {
     KernelTexts texts;
     for (int i = 0; i < 30; ++i) {
         texts.modules += "module 4096 0 - Live 0x0\n";
