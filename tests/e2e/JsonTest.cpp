@@ -43,8 +43,8 @@ TEST(JsonTest, ReportsMatchTheSchema) {
         arguments.insert(arguments.end(), {"-j", documents.back()});
         const Outcome both = runZorbel(arguments);
         EXPECT_EQ(both.status, 0);
+        if (arguments[0] == "-a") continue;  // Other processes start and end.
         EXPECT_EQ(both.error, text.error);
-        if (arguments[0] == "-a") continue;  // Other processes keep running.
         EXPECT_EQ(both.output, text.output);
     }
     EXPECT_EQ(validate(documents).output, "");

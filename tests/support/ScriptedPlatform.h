@@ -130,6 +130,8 @@ class ScriptedPlatform : public Platform, private Symbolicator {
     RecordedDiagnostics messages;
     /// The phases of the run, such as "read 100" for a process.
     std::vector<std::string> phases;
+    /// Whether the run went through a phase; may be called while it goes on.
+    bool hasReached(const std::string& phase);
 
     Diagnostics& diagnostics() override { return messages; }
 
