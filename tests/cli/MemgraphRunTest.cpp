@@ -24,7 +24,7 @@ class MemgraphRunTest : public Test {
         return name;
     }
 
-    /// A graph of a machine with that description.
+    /// A graph from a machine with that description.
     std::string graphOf(const std::string& description, bool breaksDown = false) {
         std::string text = testData("graphs/arm64.memgraph");
         const std::string mode = "\"breakDownPhysZorbel\": ";
@@ -41,7 +41,7 @@ class MemgraphRunTest : public Test {
     std::vector<std::string> _files;
 };
 
-TEST_F(MemgraphRunTest, EveryKindOfMachineHasItsSharedRegion) {
+TEST_F(MemgraphRunTest, ReportsOnAllKindsOfMachines) {
     std::string reports;
     for (const std::string name : {"x86-64", "x86", "arm64", "arm64-32", "arm"}) {
         const Outcome outcome = zorbel({"-v", "-w", "-f", "bytes", kGraphs + name + ".memgraph"});
@@ -51,7 +51,7 @@ TEST_F(MemgraphRunTest, EveryKindOfMachineHasItsSharedRegion) {
     EXPECT_EQ(reports, testData("graphs/reports.txt"));
 }
 
-TEST_F(MemgraphRunTest, MachinesAreToldByTheirDescription) {
+TEST_F(MemgraphRunTest, DescriptionSelectsTheKindOfMachine) {
     const auto isSplit = [&](const std::string& description) {
         const Outcome outcome = zorbel({graphOf(description)});
         EXPECT_THAT(outcome, FieldsAre(0, HasSubstr("\nFoo [42] (memgraph): 64-bit\tZorbel: 6"), ""));
@@ -74,22 +74,22 @@ TEST_F(MemgraphRunTest, MachinesAreToldByTheirDescription) {
                                                  "description\n"));
 }
 
-TEST_F(MemgraphRunTest, GraphsAndProcessesAreReportedTogether) {
+TEST_F(MemgraphRunTest, ReportsGraphsAndProcessesTogether) {
     const std::string sample = kGraphs + "arm.memgraph";
     const std::string out = zorbel({sample, "baker", sample}).out;
     EXPECT_THAT(out, HasSubstr("\nFoo [42] (memgraph): 32-bit\tZorbel: "));
     EXPECT_THAT(out, HasSubstr("\nbaker [5000001]: 64-bit\tZorbel: 4096 B"));
-    const std::string title = "Foo [42]";  // Once, though it was named twice.
+    const std::string title = "Foo [42]";  // Only once, although it is given twice.
     EXPECT_EQ(out.find(title, out.find(title) + 1), std::string::npos);
     EXPECT_THAT(zorbel({"-s", "-t", "-x", "42", sample}), FieldsAre(0, HasSubstr(title), ""));
-    // All processes take the place of graphs, which must be right all the same.
+    // With -a, graphs are not reported, but they must be valid.
     if (geteuid() == 0) {
         EXPECT_THAT(zorbel({"-a", sample}), FieldsAre(0, Not(HasSubstr(title)), ""));
     }
     EXPECT_EQ(zorbel({"-a", file("broken", "{}")}).status, 1);
 }
 
-TEST_F(MemgraphRunTest, WhatIsNoGraphMayNameAProcess) {
+TEST_F(MemgraphRunTest, OtherFilesMayNameAProcess) {
     EXPECT_THAT(zorbel({file("baker", "")}), FieldsAre(0, HasSubstr("\nbaker [5000001]: 64-bit"), ""));
     const std::string other = file("other", "");
     EXPECT_THAT(
@@ -103,7 +103,7 @@ TEST_F(MemgraphRunTest, WhatIsNoGraphMayNameAProcess) {
                   "Error opening memgraph other: memgraph initialization failed with unknown error\n"));
 }
 
-TEST_F(MemgraphRunTest, AllGraphsMustAgreeOnTheMode) {
+TEST_F(MemgraphRunTest, RejectsGraphsOfDifferentModes) {
     const std::string plain = graphOf("ARM64");
     const std::string broken = graphOf("ARM64", true);
     const std::string mode = "\nPhysical Zorbel Breakdown: Enabled\n";

@@ -15,7 +15,7 @@ namespace zorbel::test {
 
 using namespace testing;
 
-/// Its pids lie above those that Linux hands out, so that none of them is the test's own.
+/// The pids are above the highest pid of Linux, so none is the test's own.
 class RunDriverTest : public Test {
   protected:
     RunDriverTest() {
@@ -45,14 +45,14 @@ class RunDriverTest : public Test {
     ScriptedProcess& apprentice = machine.process(5000003, "apprentice");
 };
 
-TEST_F(RunDriverTest, TargetsAreNamedInEveryWay) {
+TEST_F(RunDriverTest, AcceptsAllWaysToNameTargets) {
     const std::pair<std::vector<std::string>, const char*> rows[] = {
         {{"baker"}, "baker "},
         {{"-p", "miller", "5000001"}, "miller baker "},
         {{"--pid", "5000001", "-p", "baker"}, "baker "},
-        {{"-t", "baker"}, "baker apprentice "},  // But never the tool itself.
+        {{"-t", "baker"}, "baker apprentice "},  // But not the tool itself.
         {{"-y", "baker", "miller", "-x", "miller", "-x", "nobody"}, "baker "},
-        // What is excluded comes back as the child of a target.
+        // An excluded process is selected again as a child of a target.
         {{"-t", "baker", "-x", "apprentice"}, "baker apprentice "},
     };
     for (const auto& [words, names] : rows) {
@@ -62,7 +62,7 @@ TEST_F(RunDriverTest, TargetsAreNamedInEveryWay) {
     }
 }
 
-TEST_F(RunDriverTest, WhatCanNotBeMeasuredIsSaidAndTheRunGoesOn) {
+TEST_F(RunDriverTest, ReportsUnmeasurableTargetsAndContinues) {
     const Outcome outcome = zorbel({"baker", "shy", "nobody", "--pid", "5000098"});
     EXPECT_EQ(reported(outcome), "baker ");
     EXPECT_EQ(outcome.err,
@@ -72,12 +72,12 @@ TEST_F(RunDriverTest, WhatCanNotBeMeasuredIsSaidAndTheRunGoesOn) {
               "Unable to analyze process shy [5000099] (try as root?)\n");
     EXPECT_THAT(outcome.out, HasSubstr("\nErrors were encountered:\n\ttask_for_pid [5000099] failure\n"
                                        "\nDue to errors, summary results may be invalid\n"));
-    // Widening to children forgets how a process was named.
+    // With children, messages do not show the name that was given.
     EXPECT_EQ(zorbel({"-t", "baker", "shy"}).err,
               "task_for_pid: failure\nUnable to analyze process with pid 5000099 (try as root?)\n");
 }
 
-TEST_F(RunDriverTest, WithoutAnyTargetLeftTheRunFails) {
+TEST_F(RunDriverTest, FailsWithoutTargets) {
     const std::string nothing =
         "Unable to find any processes matching the supplied process names or pids (try as root?)\n";
     const std::pair<std::vector<std::string>, std::string> rows[] = {
@@ -91,7 +91,7 @@ TEST_F(RunDriverTest, WithoutAnyTargetLeftTheRunFails) {
     EXPECT_THAT(zorbel({"baker"}), FieldsAre(1, "", "Unable to obtain system process list\n" + nothing));
 }
 
-TEST_F(RunDriverTest, SkipsProcessesThatMayEndAtNoLoss) {
+TEST_F(RunDriverTest, SkipsIdleExitProcesses) {
     apprentice.dirtyFlags = kProcDirtyTracked | kProcDirtyAllowsIdleExit;
     machine.process(5000004, "busy").dirtyFlags = 7;
     EXPECT_EQ(reported(zorbel({"apprentice", "busy", "baker"})), "baker busy apprentice ");
@@ -126,7 +126,7 @@ TEST_F(RunDriverTest, OptionsChooseCategoriesAndColumns) {
     EXPECT_EQ(rows({"-w"}), rows({"--swapped", "--wired"}));
 }
 
-TEST_F(RunDriverTest, UnwritableDocumentLeavesTheTextComplete) {
+TEST_F(RunDriverTest, UnwritableDocumentKeepsTheText) {
     const std::string text = zorbel({"baker"}).out;
     const std::pair<std::string, int> rows[] = {
         {"/dev/full", ENOSPC}, {"/", EISDIR}, {"/nonexistent/x", ENOENT}, {"", ENOENT}};
@@ -137,7 +137,7 @@ TEST_F(RunDriverTest, UnwritableDocumentLeavesTheTextComplete) {
                                   std::strerror(error) + "\n"));
 }
 
-TEST_F(RunDriverTest, BreakdownModeIsSetBeforeProcessesAreMeasured) {
+TEST_F(RunDriverTest, SetsBreakdownModeBeforeMeasuring) {
     apprentice.maps(
         0x1000,
         {.pages = 9, .info = {.user_tag = kStack, .pages_resident = 5}, .purgeable = kPurgeableNonVolatile});
@@ -145,7 +145,7 @@ TEST_F(RunDriverTest, BreakdownModeIsSetBeforeProcessesAreMeasured) {
     const Outcome on = zorbel({"--physZorbel", "apprentice"});
     EXPECT_THAT(on.out, HasSubstr("    0 B      20 KB          0 B          1    stack (purgeable "));
     EXPECT_THAT(on.out, HasSubstr("\nPhysical Zorbel Breakdown: Enabled\n"));
-    // Where the system refuses: once when it is set, then on each use.
+    // If the system refuses: one message when it is set, then one for each use.
     machine.sysctlError = EPERM;
     const std::string refusal = " physical zorbel data collection: Operation not permitted\n";
     const std::string unread = "Unable to retrieve status of" + refusal;
@@ -154,30 +154,30 @@ TEST_F(RunDriverTest, BreakdownModeIsSetBeforeProcessesAreMeasured) {
                           "Unable to configure" + refusal + unread + unread + unread));
 }
 
-TEST_F(RunDriverTest, InterruptEndsGatheringAndStillReports) {
+TEST_F(RunDriverTest, InterruptStopsGatheringAndStillReports) {
     machine.process(5000004, "late").maps(0x1000, {.info = {.pages_resident = 1}}).beforeReading = [this] {
         kill(getpid(), SIGINT);
-        while (!machine.messages.isAny()) usleep(1000);  // Until the interrupt has been taken.
+        while (!machine.messages.isAny()) usleep(1000);  // Until the interrupt has been handled.
     };
     const Outcome outcome = zorbel({"late"});
     EXPECT_EQ(outcome.err, "Exiting early due to SIGINT\n");
     EXPECT_THAT(outcome.out, HasSubstr("late [5000004]: 64-bit\tZorbel: 4096 B"));
-    // From then on an interrupt has its usual effect.
+    // Afterwards an interrupt has its usual effect.
     EXPECT_EXIT(raise(SIGINT), KilledBySignal(SIGINT), "");
 }
 
-TEST_F(RunDriverTest, PidBeyondAllPidsIsTakenForItsLowBitsWithAMessage) {
+TEST_F(RunDriverTest, LargePidIsTruncatedWithAMessage) {
     const Outcome outcome = zorbel({"--pid", "4299967297"});
     EXPECT_EQ(reported(outcome), "baker ");
     EXPECT_EQ(outcome.err, "--pid 4299967297 does not fit into 32 bits and is taken for 5000001\n");
 }
 
-TEST_F(RunDriverTest, CorpseIsMeasuredThroughTheTaskThatIsHandedOver) {
+TEST_F(RunDriverTest, MeasuresCorpseThroughItsTask) {
     ScriptedProcess& corpse = machine.process(5000009, "unseen");
     corpse.maps(0x1000, {.pages = 9, .info = {.user_tag = kStack, .pages_resident = 5}})
         .maps(0x1'8000'0000, {.pages = 1, .info = {.pages_resident = 1}, .path = Name("/a/file")});
     corpse.charges = {.ri_phys_zorbel = 4096};
-    corpse.hasRecord = false;  // The system no longer tells of it.
+    corpse.hasRecord = false;  // The system no longer has it.
     machine.handedOver = {5000009};
     const std::vector<std::string> words = {"--corpsePid", "5000001", "--corpseName", "Foo"};
     const auto with = [&](std::vector<std::string> more) {
@@ -189,11 +189,11 @@ TEST_F(RunDriverTest, CorpseIsMeasuredThroughTheTaskThatIsHandedOver) {
     EXPECT_THAT(outcome.out, HasSubstr("\nFoo [5000001] (corpse): 64-bit\tZorbel: 20 KB "));
     EXPECT_THAT(outcome.out, HasSubstr("   unused varnel shared cache area \n"));
     EXPECT_THAT(outcome.out, Not(HasSubstr("Auxiliary data")));
-    // The system bit makes no kernel of it, and without its bit the process is one of 32 bits.
+    // The system bit does not make it the kernel. Without the 64-bit flag it is a 32-bit process.
     const Outcome narrow = with({"--corpseProcFlags", "200", "-v"});
     EXPECT_THAT(narrow.out, HasSubstr("\nFoo [5000001] (corpse): 32-bit\tZorbel: 20 KB "));
     EXPECT_THAT(narrow.out, HasSubstr("   mapped file \n"));
-    // The live process of that number stands back; others do not.
+    // The live process with that pid is left out; others are not.
     EXPECT_EQ(reported(with({"baker", "miller"})), "Foo miller ");
     if (geteuid() == 0) {
         EXPECT_EQ(reported(with({"-a"})), "Foo miller apprentice ");
@@ -201,11 +201,11 @@ TEST_F(RunDriverTest, CorpseIsMeasuredThroughTheTaskThatIsHandedOver) {
     EXPECT_THAT(with({"-s", "--corpseDirtyFlags", "3"}).out, HasSubstr("Summary Zorbel: 0 B"));
     EXPECT_EQ(reported(with({"-s", "--corpseDirtyFlags", "7"})), "Foo ");
     corpse.lookupCode = kMachSendInvalidDest;
-    corpse.shortRecordError = ESRCH;  // What has not exited can't have exited meanwhile.
+    corpse.shortRecordError = ESRCH;  // A corpse can't exit during the walk.
     EXPECT_THAT(with({}).out, HasSubstr("No results gathered.\n\tFoo [5000001] (corpse): invalid dest"));
 }
 
-TEST_F(RunDriverTest, CorpseThatIsNotThereEndsTheRun) {
+TEST_F(RunDriverTest, MissingCorpseEndsTheRun) {
     const std::string usage = testData("usage-of-corpses.txt");
     const std::vector<std::string> rows[] = {{"--corpsePid=1"},
                                              {"--corpseName=Foo"},
@@ -238,7 +238,7 @@ static CommandLine parsed(const std::vector<std::string>& words) {
     return commandLine;
 }
 
-TEST(CommandLineTest, OptionsAreTakenInBothSpellings) {
+TEST(CommandLineTest, AcceptsShortAndLongOptions) {
     using enum TargetArgument::Kind;
     for (const auto& words :
          {std::vector<std::string>{"-atsyw", "-j", "a", "-jb", "-f", "pages", "-px", "-x", "y"},
@@ -263,7 +263,7 @@ TEST(CommandLineTest, OptionsAreTakenInBothSpellings) {
                             FieldsAre(kFileOrDescription, "-p", _)));
 }
 
-TEST(CommandLineTest, ErrorsEndTheRunInTheOrderOfTheArguments) {
+TEST(CommandLineTest, FirstErrorEndsTheRun) {
     ScriptedPlatform machine;
     const Outcome help = runOn(machine, {"nobody", "--help", "-f", "bad"});
     EXPECT_THAT(help, FieldsAre(0, testData("usage.txt"), ""));

@@ -6,7 +6,7 @@ using namespace testing;
 
 using ZBProcessSelectionTest = CoordinatorTest;
 
-TEST_F(ZBProcessSelectionTest, DescriptionSelectsTheFirstProcessByNameOrNumber) {
+TEST_F(ZBProcessSelectionTest, DescriptionSelectsFirstMatch) {
     for (const auto& [pid, name] : {std::pair{10, "worker"},
                                     {42, "clerk"},
                                     {11, "worker"},
@@ -21,11 +21,11 @@ TEST_F(ZBProcessSelectionTest, DescriptionSelectsTheFirstProcessByNameOrNumber) 
         {{"worker"}, {{10, "worker"}}},
         {{" 42"}, {{42, std::nullopt}}},
         {{"42abc", "+11"}, {{42, std::nullopt}, {11, std::nullopt}}},
-        // A name of digits hides the number when it comes first, or is of the same process.
+        // A name made of digits comes before the pid if it is found first, or belongs to the same process.
         {{"41"}, {{12, "41"}}},
         {{"5"}, {{5, std::nullopt}}},
         {{"77"}, {{77, "77"}}},
-        // Names that were met on the way to one description serve the next, and change nothing.
+        // Names that are cached from one description do not change the result of the next.
         {{"5", "41", "worker", "clerk"}, {{5, std::nullopt}, {12, "41"}, {10, "worker"}, {42, "clerk"}}},
     };
     std::vector<std::string> errors;
@@ -58,7 +58,7 @@ TEST_F(ZBProcessSelectionTest, DescendantsFollowLevelByLevel) {
     for (const auto& [pids, family] : rows) EXPECT_EQ(ZBProcess::childPidsForPids(machine, pids), family);
 }
 
-TEST_F(ZBProcessSelectionTest, AllProcessesLeavesOutWhatIsExcludedOrUnopenable) {
+TEST_F(ZBProcessSelectionTest, AllProcessesOmitsExcludedAndUnopenable) {
     machine.process(1, "init");
     machine.process(2, "shy").openCode = kKernFailure;
     machine.process(3, "gone").hasRecord = false;

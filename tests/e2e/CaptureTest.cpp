@@ -1,4 +1,4 @@
-// Processes that are saved and analysed later.
+// Saved processes, and reports on them.
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -28,7 +28,7 @@ class CaptureTest : public testing::Test {
         return runZorbel(arguments, {PROGRAM_DIR "/zorbel-capture"});
     }
 
-    /// A report in pages, but for what a graph does not tell.
+    /// A report in pages, without the parts that a graph does not have.
     static std::string tables(Words arguments) {
         arguments.insert(arguments.begin(), {"-w", "-f", "pages"});
         std::string text = runZorbel(arguments).output;
@@ -46,7 +46,7 @@ class CaptureTest : public testing::Test {
     const std::string file = directory + "/one";
 };
 
-TEST_F(CaptureTest, ReportsOfGraphsAreThoseOfTheirProcesses) {
+TEST_F(CaptureTest, GraphsGiveTheSameReportsAsLiveProcesses) {
     const Region shared(40, MAP_SHARED | MAP_ANONYMOUS);
     const Region memory(9, MAP_SHARED, newFile(9));
     const std::vector<Fixture::Step> steps = {[&] {
@@ -77,14 +77,14 @@ TEST_F(CaptureTest, ReportsOfGraphsAreThoseOfTheirProcesses) {
     const std::string together = tables(graphs);
     EXPECT_EQ(together, tables(numbers));
     EXPECT_THAT(together, HasSubstr("shared anonymous memory"));
-    // What was saved in another call shares nothing.
+    // Graphs of different captures share nothing.
     EXPECT_EQ(capture({"--force", "-o", graphs[1]}, {second.pid()}).status, 0);
     const Table apart = runZorbel({"-w", "-f", "pages", graphs[0], graphs[1]}).summary();
     EXPECT_EQ(apart.at("shared anonymous memory").dirty, 60);
     EXPECT_EQ(apart.at("memfd").dirty, 12);
 }
 
-TEST_F(CaptureTest, OneObjectMappedInSeveralPlaces) {
+TEST_F(CaptureTest, ObjectMappedSeveralTimes) {
     const int descriptor = newFile(100);
     const auto part = [&](std::size_t first, std::size_t pages) {
         void* start = mmap(nullptr, pages * kPageSize, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor,
@@ -99,7 +99,7 @@ TEST_F(CaptureTest, OneObjectMappedInSeveralPlaces) {
     EXPECT_EQ(report.at("memfd"), (Row{.dirty = 10 + 5 + 20, .regions = 4}));
 }
 
-TEST_F(CaptureTest, NothingThatIsThereIsLost) {
+TEST_F(CaptureTest, KeepsExistingFiles) {
     const Fixture fixture;
     std::ofstream(file) << "mine";
     Outcome outcome = capture({"-o", file}, {fixture.pid()});
@@ -121,7 +121,7 @@ TEST_F(CaptureTest, NothingThatIsThereIsLost) {
                         {"bash"})
                   .error,
               "zorbel-capture: " + directory + "/large: File too large\n");
-    EXPECT_EQ(filesInDirectory(), 2U);  // And nothing is left of what failed.
+    EXPECT_EQ(filesInDirectory(), 2U);  // Failed captures left no files.
     outcome = capture({"-o", "-"}, {fixture.pid()});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_THAT(outcome.output, testing::StartsWith("{\"format\":\"zorbel-memgraph\",\"version\":1,"));
@@ -132,7 +132,7 @@ TEST_F(CaptureTest, NothingThatIsThereIsLost) {
                 "zorbel-capture: standard output: No space left on device\n");
 }
 
-TEST_F(CaptureTest, WhatCanNotBeSavedIsSaid) {
+TEST_F(CaptureTest, ReportsErrors) {
     const Fixture fixture;
     Fixture shade;
     shade.kill(false);
@@ -158,7 +158,7 @@ TEST_F(CaptureTest, WhatCanNotBeSavedIsSaid) {
         EXPECT_THAT(outcome.error, MatchesRegex(error));
     }
     EXPECT_EQ(filesInDirectory(), 0U);
-    // What is right is saved all the same.
+    // The other process is still saved.
     EXPECT_NE(capture({"-o", directory}, {fixture.pid(), shade.pid()}).status, 0);
     EXPECT_EQ(filesInDirectory(), 1U);
     EXPECT_THAT(capture({"-h"}).output, HasSubstr("\nUsage: zorbel-capture "));

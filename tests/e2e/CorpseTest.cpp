@@ -1,4 +1,4 @@
-// Processes that have died: handed over by hand, and by the kernel to its handler.
+// Processes that have died: passed as a descriptor, and by the kernel to its handler.
 
 #include <gmock/gmock.h>
 #include <sys/mount.h>
@@ -32,8 +32,8 @@ using testing::SizeIs;
 
 const std::string kHandler = PROGRAM_DIR "/zorbel-corpse-handler";
 
-/// Settings of the kernel for core dumps. They are put back when the object goes, and also when this program
-/// and all that it has started are killed: by a process that has left the family.
+/// Core dump settings of the kernel. They are restored with the end of the object, and also if this program
+/// and its children are killed: by a process outside of its session.
 class CoreSettings {
   public:
     CoreSettings(const std::string& pattern, const std::string& pipeLimit) {
@@ -48,7 +48,7 @@ class CoreSettings {
             close(ends[0]);
             char byte = 0;
             while (read(ends[1], &byte, 1) < 0) {
-            }  // Until it is told to, or nobody is left to tell.
+            }  // Until the other end writes or closes.
             const bool isRestored = writeFile(kPattern, oldPattern) && writeFile(kPipeLimit, oldLimit);
             _exit(isRestored && write(ends[1], "r", 1) == 1 ? 0 : 1);
         }
@@ -76,7 +76,7 @@ class CoreSettings {
 
 class CorpseTest : public testing::Test {
   protected:
-    // The kernel takes a pattern apart at blanks, so the programs have short names here.
+    // The pattern has at most 127 bytes, so the programs have short names.
     CorpseTest() {
         std::filesystem::create_directory(_directory);
         std::filesystem::create_symlink(kHandler, _directory + "/h");
@@ -86,7 +86,7 @@ class CorpseTest : public testing::Test {
     }
     ~CorpseTest() override { std::filesystem::remove_all(_directory); }
 
-    /// Installs the handler. False where that can't be done.
+    /// Installs the handler. False if that is not possible.
     bool install(const std::string& options = "", const std::string& then = "") {
         const std::string handler = "|" + _directory + "/h --directory " + _directory + "/r ";
         _settings.reset();
@@ -94,7 +94,7 @@ class CorpseTest : public testing::Test {
         return _settings->areSet();
     }
 
-    /// The kernel waits for the handler, so all is done then.
+    /// The kernel waits for the handler, so the report is complete afterwards.
     static void crash(pid_t pid) {
         kill(pid, SIGSEGV);
         kill(pid, SIGCONT);
@@ -117,7 +117,7 @@ class CorpseTest : public testing::Test {
     std::unique_ptr<CoreSettings> _settings;
 };
 
-/// The first process whose command line begins so; 0 when there is none.
+/// The first process whose command line starts with the text; 0 if there is none.
 pid_t pidOf(const std::string& command) {
     for (const auto& entry : std::filesystem::directory_iterator("/proc"))
         if (contentsOf(entry.path() / "cmdline").starts_with(command))
@@ -125,8 +125,8 @@ pid_t pidOf(const std::string& command) {
     return 0;
 }
 
-/// The categories of the only process of a JSON document, as they stand there, but for clean pages: the
-/// kernel begins to write the image meanwhile, and reads a page of some files for that.
+/// The categories of the only process of a JSON document, without clean pages: the
+/// kernel starts to write the image at the same time, and reads pages of some files for that.
 std::string categoriesIn(const std::string& path) {
     const std::string text = contentsOf(path);
     const std::size_t start = text.rfind("\"categories\":");
@@ -134,7 +134,7 @@ std::string categoriesIn(const std::string& path) {
     return std::regex_replace(text.substr(start), std::regex("\"clean\":[0-9]+,"), "");
 }
 
-TEST_F(CorpseTest, HasTheMemoryOfTheProcessToThePage) {
+TEST_F(CorpseTest, ReportMatchesTheLiveProcess) {
     const SwapDevice device;
     const Region own(300), swapped(50), shared(40, MAP_SHARED, newFile(40));
     const Fixture fixture({[&] {
@@ -172,7 +172,7 @@ TEST_F(CorpseTest, HasTheMemoryOfTheProcessToThePage) {
     EXPECT_EQ(status.st_mode & 0777, 0600U);
 }
 
-TEST_F(CorpseTest, DiesInOtherNamespacesWithADeletedProgram) {
+TEST_F(CorpseTest, ReportsCrashInOtherNamespaces) {
     if (!install()) GTEST_SKIP() << "takes root, and a core pattern that can be set";
     const std::string program = _directory + "/doomed x";
     std::filesystem::copy_file("/bin/sh", program);
@@ -185,13 +185,13 @@ TEST_F(CorpseTest, DiesInOtherNamespacesWithADeletedProgram) {
     EXPECT_THAT(text, HasSubstr("    __DATA " + program + " (deleted)\n"));
 }
 
-TEST_F(CorpseTest, TwentyAtOnceAndTheOldestGo) {
+TEST_F(CorpseTest, HandlesTwentyCrashesAtOnceAndPrunes) {
     if (!install("--keep 15")) GTEST_SKIP() << "takes root, and a core pattern that can be set";
     std::filesystem::create_directory(_directory + "/r");
     const auto hour = [](int count) {
         return std::filesystem::file_time_type::clock::now() + std::chrono::hours(count);
     };
-    /// A file of that name and age in the directory of reports, and whether it is still there.
+    /// Creates a file with that name and age in the directory of reports.
     const auto lay = [&](const std::string& name, int age) {
         std::ofstream(_directory + "/r/" + name) << "text";
         std::filesystem::last_write_time(_directory + "/r/" + name, hour(-age));
@@ -200,7 +200,7 @@ TEST_F(CorpseTest, TwentyAtOnceAndTheOldestGo) {
         return std::filesystem::exists(_directory + "/r/" + name);
     };
     lay("mine.txt", 999), lay("20200101T000000Z-1-x.txt.part", 1), lay("20200101T000000Z-2-x.txt.part", 48);
-    lay("20990101T000000Z-3-x.txt", 2);  // From a clock that was wrong.
+    lay("20990101T000000Z-3-x.txt", 2);  // From a wrong clock.
     std::vector<std::unique_ptr<Fixture>> fixtures;
     for (int i = 0; i < 20; ++i) fixtures.push_back(std::make_unique<Fixture>());
     std::vector<std::thread> crashes;
@@ -210,7 +210,7 @@ TEST_F(CorpseTest, TwentyAtOnceAndTheOldestGo) {
     EXPECT_THAT(reports(".json"), SizeIs(15));
     EXPECT_TRUE(isThere("mine.txt") && isThere("20200101T000000Z-1-x.txt.part"));
     EXPECT_FALSE(isThere("20200101T000000Z-2-x.txt.part") || isThere("20990101T000000Z-3-x.txt"));
-    // The newest one stays, however little is to be kept.
+    // The newest report always stays.
     ASSERT_TRUE(install("--keep 0 --keepMiB 1"));
     const Fixture last;
     crash(last.pid());
@@ -218,7 +218,7 @@ TEST_F(CorpseTest, TwentyAtOnceAndTheOldestGo) {
     EXPECT_THAT(reports(".json")[0], HasSubstr("-" + std::to_string(last.pid()) + "-"));
 }
 
-TEST_F(CorpseTest, BearsTheNameOfAProgramWhoseFirstThreadHasEnded) {
+TEST_F(CorpseTest, ReportHasTheProgramNameAfterTheFirstThreadExited) {
     if (!install()) GTEST_SKIP() << "takes root, and a core pattern that can be set";
     const Region memory(30, MAP_SHARED, newFile(30));
     const Fixture fixture({[&] {
@@ -237,7 +237,7 @@ TEST_F(CorpseTest, BearsTheNameOfAProgramWhoseFirstThreadHasEnded) {
                 HasSubstr("\"memfd\":{\"dirty\":" + std::to_string(30 * kPageSize) + ","));
 }
 
-TEST_F(CorpseTest, ImageGoesToTheHandlerThatWasThereBefore) {
+TEST_F(CorpseTest, NextHandlerGetsTheCoreImage) {
     const std::string image = _directory + "/image";
     if (!install("", "--then " + _directory + "/then " + image))
         GTEST_SKIP() << "takes root, and a core pattern that can be set";
@@ -251,7 +251,7 @@ TEST_F(CorpseTest, ImageGoesToTheHandlerThatWasThereBefore) {
     EXPECT_GT(std::filesystem::file_size(image), 300 * kPageSize);
 }
 
-TEST_F(CorpseTest, NothingKeepsAProcessFromGoing) {
+TEST_F(CorpseTest, FailuresDoNotKeepTheProcess) {
     const std::string full = _directory + "/full";
     std::filesystem::create_directory(full);
     const Words broken = {"--zorbel /none",
@@ -268,12 +268,12 @@ TEST_F(CorpseTest, NothingKeepsAProcessFromGoing) {
         const Fixture fixture;
         crash(fixture.pid());
         if (!isFull) continue;
-        EXPECT_TRUE(std::filesystem::is_empty(full));  // No part of a report is left.
+        EXPECT_TRUE(std::filesystem::is_empty(full));  // No partial report is left.
         umount(full.c_str());
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
     for (const char* ending : {".txt", ".json", ".part"}) EXPECT_THAT(reports(ending), IsEmpty());
-    // When the handler dies itself, nobody stays behind.
+    // If the handler is killed, its children end too.
     ASSERT_TRUE(install("--zorbel " + _directory + "/slow"));
     const Fixture fixture;
     std::thread crashing(crash, fixture.pid());
@@ -283,29 +283,21 @@ TEST_F(CorpseTest, NothingKeepsAProcessFromGoing) {
     crashing.join();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
     const auto handle = [&](Words arguments) { return runZorbel(arguments, {kHandler}); };
-    EXPECT_THAT(handle({"--help"}).output, HasSubstr("\nUsage: zorbel-corpse-handler "));
-    for (const Words& words : {Words{},
-                               {"1", "x", "11"},
-                               {"x", "x", "11", "0"},
-                               {"1", "x", "11", "0", "x"},
-                               {"1", "x", "11", "0", "--then"},
-                               {"--keep", "-1", "1", "x", "11", "0"}}) {
-        EXPECT_NE(handle(words).status, 0);
-        EXPECT_THAT(handle(words).error, HasSubstr("zorbel-corpse-handler: wrong arguments; see --help\n"));
-    }
+    EXPECT_NE(handle({}).status, 0);
+    EXPECT_EQ(handle({}).error, "zorbel-corpse-handler: wrong arguments; see --help\n");
     EXPECT_THAT(handle({"--directory", _directory + "/r", "5000001", "--then", "11", "0"}).error,
                 "zorbel-corpse-handler: process 5000001: No such file or directory\n"
                 "zorbel-corpse-handler: no report on process 5000001\n");
-    // Whoever has that number now, it is not the one that waits.
+    // A process with that pid that is not being dumped.
     EXPECT_THAT(handle({"--directory", _directory + "/r", std::to_string(getpid()), "x", "11", "0"}).error,
                 HasSubstr(": No such process\n"));
 }
 
-TEST_F(CorpseTest, IsHandedOverAsADescriptor) {
+TEST_F(CorpseTest, AcceptsOnlyAProcessDescriptor) {
     const Region memory(7, MAP_SHARED, newFile(7));
     Fixture fixture({[&] { memory.touch(0, 7); }});
     const std::string process = "/proc/" + std::to_string(fixture.pid());
-    /// Runs zorbel with variables, and with a descriptor 3.
+    /// Runs zorbel with variables and a descriptor 3.
     const auto handOver = [&](const std::string& variables, const std::string& descriptor) {
         return runZorbel({"-c",
                           variables +

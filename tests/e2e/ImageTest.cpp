@@ -1,4 +1,4 @@
-// Under whose name memory is reported.
+// Names of mapped programs and libraries.
 
 #include <dlfcn.h>
 #include <elf.h>
@@ -38,12 +38,12 @@ std::string imageProgram(const std::string& kind) { return PROGRAM_DIR "/image-p
 
 Table tableOf(const Fixture& fixture) { return measure({fixture.pid()}).tableOf(fixture.pid()); }
 
-/// Becomes a test program, which touches so many pages of its zeroed data and of its heap at each step.
+/// Executes a test program that touches this many pages of its zeroed data and its heap at each step.
 Fixture::Step become(const std::string& program, const std::string& data, const std::string& heap) {
     return [=] { execl(program.c_str(), program.c_str(), data.c_str(), heap.c_str(), nullptr); };
 }
 
-/// Loads the library; the address is that of its zeroed data.
+/// Loads the library. Returns the address of its zeroed data.
 char* load(const std::string& path) {
     void* library = dlopen(path.c_str(), RTLD_NOW);
     check(library != nullptr, path);
@@ -61,7 +61,7 @@ class LinkedProgramTest : public testing::TestWithParam<const char*> {};
 /// Name, start and end of a part of a program in memory.
 using Part = std::tuple<std::string, std::uint64_t, std::uint64_t>;
 
-/// Adds a part, or extends the last one where it goes on.
+/// Adds a part, or extends the last one if it continues.
 void add(std::vector<Part>& parts, const std::string& name, std::uint64_t start, std::uint64_t end) {
     if (start >= end) return;
     if (!parts.empty() && std::get<0>(parts.back()) == name && std::get<2>(parts.back()) == start)
@@ -70,7 +70,7 @@ void add(std::vector<Part>& parts, const std::string& name, std::uint64_t start,
         parts.emplace_back(name, start, end);
 }
 
-/// Where the process has its program, by /proc/PID/maps.
+/// Start of the program in the process, from /proc/PID/maps.
 std::uint64_t startInMemory(const std::string& program, pid_t pid) {
     std::ifstream maps("/proc/" + std::to_string(pid) + "/maps");
     std::string line;
@@ -79,7 +79,8 @@ std::uint64_t startInMemory(const std::string& program, pid_t pid) {
     return std::stoul(line, nullptr, 16);
 }
 
-/// The parts that the program headers call for; the slide is what is added to addresses of the file.
+/// Parts according to the program headers. The slide is the distance from addresses in the file to those in
+/// memory.
 std::vector<Part> partsByHeaders(const std::string& program, pid_t pid, std::uint64_t& slide) {
     const auto page = [](std::uint64_t address) { return address & ~(kPageSize - 1); };
     std::ifstream file(program, std::ios::binary);
@@ -109,7 +110,7 @@ std::vector<Part> partsByHeaders(const std::string& program, pid_t pid, std::uin
     return parts;
 }
 
-/// Pages that are in memory, by /proc/PID/pagemap.
+/// Number of resident pages, from /proc/PID/pagemap.
 std::int64_t residentPages(pid_t pid, std::uint64_t start, std::uint64_t end) {
     const int pagemap = open(("/proc/" + std::to_string(pid) + "/pagemap").c_str(), O_RDONLY | O_CLOEXEC);
     std::vector<std::uint64_t> entries((end - start) / kPageSize);
@@ -165,10 +166,10 @@ INSTANTIATE_TEST_SUITE_P(ImageTest, LinkedProgramTest,
                              return name;
                          });
 
-TEST(ImageTest, HeapBehindAProgramIsNotItsData) {
+TEST(ImageTest, SeparatesHeapFromProgramData) {
     const std::string program = imageProgram("fixed");
     const Fixture fixture({[&] {
-        // The heap then begins where the program's zeroed data ends, and the kernel merges the two.
+        // The heap then starts at the end of the program's zeroed data, and the kernel merges the two.
         check(personality(ADDR_NO_RANDOMIZE) != -1, "personality");
         become(program, "13", "30")();
     }});
@@ -179,7 +180,7 @@ TEST(ImageTest, HeapBehindAProgramIsNotItsData) {
     EXPECT_EQ(after["sbrk"].dirty, 30);
 }
 
-TEST(ImageTest, ZeroedDataBelowAnotherMappingIsSplitToThePage) {
+TEST(ImageTest, SplitsZeroedDataFromAMergedMapping) {
     constexpr std::size_t kLargePages = 3000;
     char* large = nullptr;
     char* data = nullptr;
@@ -199,7 +200,7 @@ TEST(ImageTest, ZeroedDataBelowAnotherMappingIsSplitToThePage) {
                                check(madvise(data, 100 * kPageSize, MADV_PAGEOUT) == 0, "madvise");
                                check(madvise(large, 70 * kPageSize, MADV_PAGEOUT) == 0, "madvise");
                            }});
-    // The mapping behind the last one of the library's file holds both.
+    // The mapping after the library's last one contains both.
     std::ifstream maps("/proc/" + std::to_string(fixture.pid()) + "/maps");
     unsigned long fileEnd = 0, start = 0, end = 0;
     for (std::string line; std::getline(maps, line) && (fileEnd == 0 || start < fileEnd);) {
@@ -224,7 +225,7 @@ TEST(ImageTest, ZeroedDataBelowAnotherMappingIsSplitToThePage) {
     EXPECT_EQ(tables[3][kUntagged].swapped, 70);
 }
 
-TEST(ImageTest, DeletedLibraryInAnotherMountNamespace) {
+TEST(ImageTest, NamesDeletedLibraryInAnotherMountNamespace) {
     if (geteuid() != 0) GTEST_SKIP() << "takes root";
     char directory[] = "/tmp/images-XXXXXX";
     ASSERT_NE(mkdtemp(directory), nullptr);
@@ -246,7 +247,7 @@ TEST(ImageTest, DeletedLibraryInAnotherMountNamespace) {
     EXPECT_TRUE(std::filesystem::remove(directory));
 }
 
-/// Loads a file of a file system that then stops answering, and measures.
+/// Loads a file from a file system that then stops answering, and measures the process.
 void expectNamesOfUnreadable(const FuseFile& file, const std::string& path) {
     const Fixture fixture({[&] { load(path); }});
     file.stopAnswering();
@@ -257,14 +258,14 @@ void expectNamesOfUnreadable(const FuseFile& file, const std::string& path) {
         EXPECT_THAT(outcome.tableOf(fixture.pid()), Contains(Key(segment + path)));
 }
 
-TEST(ImageTest, FileSystemThatHangsIsNotAsked) {
+TEST(ImageTest, DoesNotReadFromAHangingFileSystem) {
     if (geteuid() != 0) GTEST_SKIP() << "takes root";
     const FuseFile file(kPlugin);
     if (!file.isMounted()) GTEST_SKIP() << "takes FUSE";
     expectNamesOfUnreadable(file, file.path());
 }
 
-TEST(ImageTest, FileSystemThatHangsIsNotAskedThroughAnOverlay) {
+TEST(ImageTest, DoesNotReadThroughAnOverlayOfAHangingFileSystem) {
     if (geteuid() != 0) GTEST_SKIP() << "takes root";
     const FuseFile file(kPlugin);
     char point[] = "/tmp/overlay-XXXXXX";
@@ -277,14 +278,14 @@ TEST(ImageTest, FileSystemThatHangsIsNotAskedThroughAnOverlay) {
     expectNamesOfUnreadable(file, point + std::string("/plugin.so"));
 }
 
-TEST(ImageTest, LeaseOnAFileIsNotAwaited) {
+TEST(ImageTest, DoesNotWaitForAFileLease) {
     char path[] = "/tmp/lease-XXXXXX";
-    check(close(mkstemp(path)) == 0, path);  // Nobody else may have it open.
+    check(close(mkstemp(path)) == 0, path);  // A lease requires that nobody else has it open.
     std::filesystem::copy_file(kPlugin, path, std::filesystem::copy_options::overwrite_existing);
     const Fixture fixture({[&] {
         const int fd = open(path, O_RDWR);
         check(mmap(nullptr, kPageSize, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0) != MAP_FAILED, "mmap");
-        // Who opens the file then waits for 45 s, or until the process is told and gives the lease back.
+        // Opening the file then blocks for 45 s, or until the process gives up the lease.
         check(fcntl(fd, F_SETSIG, SIGWINCH) == 0 && fcntl(fd, F_SETLEASE, F_WRLCK) == 0, "lease");
     }});
     const Outcome outcome = runZorbel(wide({fixture.pid()}), {"timeout", "20", kZorbel});
@@ -293,7 +294,7 @@ TEST(ImageTest, LeaseOnAFileIsNotAwaited) {
     std::filesystem::remove(path);
 }
 
-TEST(ImageTest, HeapBesideASinglePageOfAProgramIsNotItsData) {
+TEST(ImageTest, SeparatesAnonymousMemoryFromAMappedPage) {
     const std::string program = imageProgram("one-file-segment");
     const Fixture fixture({[&] {
         keepPagesSmall();
@@ -309,8 +310,8 @@ TEST(ImageTest, HeapBesideASinglePageOfAProgramIsNotItsData) {
     EXPECT_THAT(table, AllOf(Contains(Key("__TEXT " + program)), Not(Contains(Key("__DATA " + program)))));
 }
 
-TEST(ImageTest, NoAddressBelongsToALibraryCache) {
-    // Where other systems have theirs.
+TEST(ImageTest, HasNoSharedLibraryCache) {
+    // Addresses of such caches on other systems.
     constexpr std::size_t kPages = 600;
     const Fixture fixture({[] {
         keepPagesSmall();

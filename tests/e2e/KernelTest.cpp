@@ -34,7 +34,7 @@ class KernelTest : public testing::Test {
     }
 };
 
-TEST_F(KernelTest, HasWhatIsNeitherFreeNorTheUsersAndAtLeastWhatItTellsItself) {
+TEST_F(KernelTest, TotalIsWithinTheBoundsOfMeminfo) {
     const Row total = measure({0}).tableOf(0)["TOTAL"];
     auto memory = machineMemory();
     const std::int64_t users = memory["AnonPages:"] + memory["Hugetlb:"];
@@ -43,10 +43,10 @@ TEST_F(KernelTest, HasWhatIsNeitherFreeNorTheUsersAndAtLeastWhatItTellsItself) {
     const std::int64_t own =
         memory["Slab:"] + memory["PageTables:"] + memory["KernelStack:"] + memory["Percpu:"];
     EXPECT_GE(total.dirty + total.reclaimable,
-              own * 98 / 100);  // Of slabs, what is not in use is reclaimable.
+              own * 98 / 100);  // Unused parts of slabs are reclaimable.
 }
 
-TEST_F(KernelTest, ZoneGrowsAndShrinksWithItsObjects) {
+TEST_F(KernelTest, ZoneFollowsItsObjects) {
     constexpr int kNames = 100000;
     constexpr std::int64_t kPages = kNames / 50;  // At least 80 bytes each.
     const std::filesystem::path directory = testing::TempDir() + "names-" + std::to_string(getpid());
@@ -55,11 +55,11 @@ TEST_F(KernelTest, ZoneGrowsAndShrinksWithItsObjects) {
     const std::int64_t before = dentries();
     struct stat status {};
     for (int i = 0; i < kNames; ++i)
-        stat((directory / std::to_string(i)).c_str(), &status);  // Kept as missing.
+        stat((directory / std::to_string(i)).c_str(), &status);  // The kernel caches missing names.
     const std::int64_t full = dentries();
     std::filesystem::remove(directory);
     EXPECT_THAT(full - before, Ge(kPages));
-    // The kernel frees them when it gets round to it.
+    // The kernel frees them later.
     std::int64_t after = full;
     for (int i = 0; i < 100 && after - full > -kPages; ++i) {
         usleep(100000);
@@ -68,7 +68,7 @@ TEST_F(KernelTest, ZoneGrowsAndShrinksWithItsObjects) {
     EXPECT_THAT(after - full, Le(-kPages));
 }
 
-TEST_F(KernelTest, IsFoundInEveryWay) {
+TEST_F(KernelTest, AcceptsAllWaysToSelectTheKernel) {
     const Fixture fixture;
     const std::pair<Words, bool> rows[] = {
         {{"kernel"}, false}, {{"-p", "0"}, false}, {{"-a"}, true}, {{"-t", "--pid", "0"}, true}};
@@ -81,7 +81,7 @@ TEST_F(KernelTest, IsFoundInEveryWay) {
     EXPECT_THAT(runZorbel({"-v", "kernel"}).output, HasSubstr("   dentry zone\n"));
 }
 
-TEST_F(KernelTest, TakesRoot) {
+TEST_F(KernelTest, RequiresRoot) {
     const std::filesystem::path copy = "/tmp/zorbel-" + std::to_string(getpid());
     std::filesystem::copy_file(kZorbel, copy);
     const Outcome outcome =

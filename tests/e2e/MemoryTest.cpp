@@ -1,4 +1,4 @@
-// What zorbel counts, page by page, of processes whose memory is known.
+// Figures for processes with known memory, to the page.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -16,12 +16,12 @@ namespace {
 const std::string kUntagged = "untagged (\"VM_ALLOCATE\")";
 const std::string kSharedAnonymous = "shared anonymous memory";
 
-/// The row of its own in the report on the process alone.
+/// The process's own row of a category, in a report on this process alone.
 Row ownRow(const Fixture& fixture, const std::string& category) {
     return measure({fixture.pid()}).tableOf(fixture.pid())[category];
 }
 
-/// Steps of a fixture, and what each adds to a row of its own.
+/// Runs the steps, and expects what each adds to a row.
 void expectGrowth(const std::string& category, const std::vector<std::pair<Fixture::Step, Row>>& growths) {
     std::vector<Fixture::Step> steps = {[] {}};
     for (const auto& [step, growth] : growths) steps.push_back(step);
@@ -47,7 +47,7 @@ TEST(MemoryTest, PrivateAnonymousPages) {
 TEST(MemoryTest, LazilyFreedPages) {
     const Region region(70);
     expectGrowth(kUntagged, {{[&] { region.touch(0, 70), region.freeLazily(); }, {.reclaimable = 70}},
-                             // Of what may be dropped, pages that are written again may not.
+                             // Pages that are written again are no longer reclaimable.
                              {[&] { region.touch(10, 5); }, {.dirty = 5, .reclaimable = -5}}});
 }
 
@@ -63,13 +63,13 @@ TEST(MemoryTest, PagesOfFiles) {
 
 TEST(MemoryTest, SharedMemoryCountsOnce) {
     const Region file(20, MAP_SHARED, newFile(20));
-    const Region other(3, MAP_SHARED, newFile(3));  // Of the same name.
+    const Region other(3, MAP_SHARED, newFile(3));  // Has the same name.
     const Region anonymous(30, MAP_SHARED);
     const Fixture first({[&] { file.touch(0, 20), other.touch(0, 3), anonymous.touch(0, 18); }});
     const Fixture second({[&] { file.touch(5, 6), anonymous.touch(10, 20); }});
     const Outcome both = measure({first.pid(), second.pid()});
-    // What two processes have on common pages is taken for the same memory, and is never less than what one
-    // of them has: 18 and 20 pages of 30.
+    // Pages of two processes at the same offsets count as the same memory, at least as much as one
+    // process has: 18 and 20 pages of 30.
     const std::pair<std::string, Row> expected[] = {{"memfd", {.dirty = 23, .regions = 4}},
                                                     {kSharedAnonymous, {.dirty = 20, .regions = 2}}};
     for (const auto& [category, row] : expected) {
@@ -81,7 +81,7 @@ TEST(MemoryTest, SharedMemoryCountsOnce) {
         }
     }
     EXPECT_EQ(measure({first.pid(), second.pid()}).output, both.output);
-    // Alone, each has what it has touched itself.
+    // In separate reports, each has the pages that it touched.
     EXPECT_EQ(measure({first.pid()}).summary(), Table());
     EXPECT_EQ(ownRow(first, kSharedAnonymous), (Row{.dirty = 18, .regions = 1}));
     EXPECT_EQ(ownRow(second, "memfd"), (Row{.dirty = 6, .regions = 2}));
@@ -91,7 +91,7 @@ TEST(MemoryTest, CopiedPagesCountForEachProcess) {
     const Region copied(20, MAP_PRIVATE, newFile(20, "/dev/shm"));
     const Fixture reader({[&] { copied.read(0, 20); }});
     const Fixture writer({[&] { copied.read(0, 20); }, [&] { copied.touch(0, 5); }});
-    // As long as nobody has written, the pages are the file's, which lives in memory.
+    // Until the first write, the pages belong to the file, which is in memory.
     const auto both = [&] { return measure({reader.pid(), writer.pid()}); };
     EXPECT_EQ(both().summary()["POSIX shared memory"], (Row{.dirty = 20, .regions = 2}));
     writer.next();
@@ -161,7 +161,7 @@ TEST(MemoryTest, PagesInSwap) {
     expectGrowth(kUntagged, {{[&] { own.touch(0, 50); }, {.dirty = 50}},
                              {[&] { own.pageOut(); }, {.swapped = 50}},
                              {[&] { own.touch(0, 10); }, {.swapped = -10}}});
-    // Of shared memory, the object's pages in swap show in every process that maps it.
+    // Swapped pages of shared memory show in every process that maps it.
     const Region shared(20, MAP_SHARED, newFile(20));
     const Fixture first({[&] { shared.touch(0, 20), shared.pageOut(); }});
     const Fixture second({[&] { shared.touch(0, 4); }});

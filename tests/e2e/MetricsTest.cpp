@@ -1,4 +1,4 @@
-// The figures of a process as a whole, beside what the kernel tells elsewhere.
+// Metrics of whole processes, compared with other figures of the kernel.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -33,7 +33,7 @@ std::string reportInBytes(const Fixture& fixture) {
     return runZorbel({"-f", "bytes", "--pid", std::to_string(fixture.pid())}).output;
 }
 
-/// Has the heap of another process go to swap.
+/// Moves the heap of another process to swap.
 void pageOutHeap(pid_t pid) {
     std::ifstream maps("/proc/" + std::to_string(pid) + "/maps");
     std::string line;
@@ -46,7 +46,7 @@ void pageOutHeap(pid_t pid) {
     close(handle);
 }
 
-TEST(MetricsTest, ChargeOfPrivateAnonymousMemoryIsItsZorbel) {
+TEST(MetricsTest, ChargeOfPrivateMemoryEqualsZorbel) {
     const std::string program = PROGRAM_DIR "/image-program-static";
     const int file = open(program.c_str(), O_RDONLY);
     check(fsync(file) == 0 && close(file) == 0, program);  // Pages of a new file are dirty, but not charged.
@@ -72,18 +72,18 @@ TEST(MetricsTest, ChargeOfPrivateAnonymousMemoryIsItsZorbel) {
     EXPECT_EQ(chargeThatAgrees() - before, static_cast<std::int64_t>(70 * kPageSize));
 }
 
-TEST(MetricsTest, KernelMemoryGrowsAsTheMachinesDoes) {
-    // Enough to drown what other programs begin or end meanwhile.
+TEST(MetricsTest, KernelMemoryGrowsWithTheMachine) {
+    // Enough to outweigh other programs that start or end.
     const Fixture fixture({[] {},
                            [] {
                                for (int i = 0; i < 2000; ++i) std::thread(pause).detach();
                            }});
     const auto reading = [] {
-        writeFile("/proc/sys/vm/stat_refresh", "1");  // Otherwise a little is missing.
+        writeFile("/proc/sys/vm/stat_refresh", "1");  // Otherwise the figures lag behind.
         const std::string memory = contentsOf("/proc/meminfo");
         return (numberIn(memory, "\nKernelStack:") + numberIn(memory, "\nPageTables:")) * 1024;
     };
-    // What has ended shortly before is freed bit by bit: until that is done.
+    // Memory of ended processes is freed later. Waits until that is done.
     const auto machines = [&] {
         std::int64_t before = -1, now = reading();
         for (int i = 0; i < 50 && std::exchange(before, now) != now; ++i) {

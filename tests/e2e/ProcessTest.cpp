@@ -1,5 +1,5 @@
-// Whom zorbel looks at and whom it may look at, what they are called, processes that end while they are
-// measured or have ended by halves, and runs that are cut short.
+// Selection, permissions and names of processes, processes that end during the run or in part, and
+// interrupted runs.
 
 #include <gmock/gmock.h>
 #include <sys/prctl.h>
@@ -23,7 +23,7 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-/// A copy of a program where everybody may run it, removed at the end.
+/// A copy of a program that everybody may run. Removed at the end.
 struct Copy {
     Copy(const std::string& program, const std::string& name) : path("/tmp/" + name) {
         std::filesystem::copy_file(program, path, std::filesystem::copy_options::overwrite_existing);
@@ -51,7 +51,7 @@ TEST(ProcessTest, EscapesHostileNames) {
     const Copy shell("/bin/sh", "evil\x1B[31m\n\xFF\xC2\x9B (deleted)");
     const std::string printed = "evil\\x1B[31m\\x0A\\xFF\\xC2\\x9B";
     const Fixture fixture({[&] { execl(shell.path.c_str(), "sh", "-c", "kill -STOP $$", nullptr); }});
-    EXPECT_THAT(runZorbel({printed}).output,  // The name that is shown finds it.
+    EXPECT_THAT(runZorbel({printed}).output,  // The name in the report selects it.
                 AllOf(HasSubstr("\n" + printed + headerOf(fixture.pid())), Not(HasSubstr("\x1B"))));
 }
 
@@ -63,7 +63,7 @@ TEST(ProcessTest, MeasuresOwnProcessesWithoutRoot) {
     const Fixture own({[&] {
         memory.touch(0, 9);
         check(setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0, "setresuid");
-        prctl(PR_SET_DUMPABLE, 1);  // This and the next are lost with root.
+        prctl(PR_SET_DUMPABLE, 1);  // This and the next setting are lost with root.
         prctl(PR_SET_PDEATHSIG, SIGKILL);
     }});
     const Fixture others;
@@ -77,7 +77,7 @@ TEST(ProcessTest, MeasuresOwnProcessesWithoutRoot) {
                 AllOf(HasSubstr(headerOf(own.pid())), Not(HasSubstr("kthreadd"))));  // No kernel threads.
 }
 
-TEST(ProcessTest, GoesOnWithoutWhatEvenRootMayNotOpen) {
+TEST(ProcessTest, ContinuesWithoutProtectedProcesses) {
     const Fixture fixture;
     std::string errors;
     if (!std::ifstream("/proc/1/maps").is_open())
@@ -87,7 +87,7 @@ TEST(ProcessTest, GoesOnWithoutWhatEvenRootMayNotOpen) {
     EXPECT_THAT(outcome.output, HasSubstr(headerOf(fixture.pid())));
 }
 
-TEST(ProcessTest, MeasuresMoreProcessesThanItMayOpen) {
+TEST(ProcessTest, MeasuresMoreProcessesThanOpenFiles) {
     const Region memory(2, MAP_SHARED, newFile(2));
     std::list<Fixture> fixtures;
     std::vector<pid_t> pids;
@@ -99,8 +99,8 @@ TEST(ProcessTest, MeasuresMoreProcessesThanItMayOpen) {
     EXPECT_EQ(row, (Row{.dirty = 2, .regions = 120}));
 }
 
-/// A run of zorbel, stopped while it reads the regions of the first process, of which there are many. On a
-/// machine that has much else to do it may be stopped too late; then it is tried again.
+/// A run of zorbel, stopped while it reads the many regions of the first process. On a busy
+/// machine the stop may come too late, so it is retried.
 std::unique_ptr<ProgramRun> stoppedRun(const std::vector<pid_t>& pids, bool isOnTerminal = false) {
     Words command = wide(pids);
     command.insert(command.begin(), kZorbel);
@@ -111,7 +111,7 @@ std::unique_ptr<ProgramRun> stoppedRun(const std::vector<pid_t>& pids, bool isOn
     throw std::runtime_error("zorbel can't be stopped in time");
 }
 
-TEST(ProcessTest, ProcessEndsWhileItIsRead) {
+TEST(ProcessTest, ProcessExitsDuringRead) {
     const Region memory(3, MAP_SHARED, newFile(3));
     const Fixture witness({[&] { memory.touch(0, 3); }});
     for (const bool isReaped : {false, true}) {
@@ -132,7 +132,7 @@ TEST(ProcessTest, ProcessEndsWhileItIsRead) {
     }
 }
 
-TEST(ProcessTest, ProcessExecsWhileItIsRead) {
+TEST(ProcessTest, ProcessExecsDuringRead) {
     const Fixture fixture({makeManyRegions, [] { execl("/bin/sh", "sh", "-c", "kill -STOP $$", nullptr); }});
     const auto run = stoppedRun({fixture.pid()});
     fixture.next();
@@ -150,7 +150,7 @@ TEST(ProcessTest, ZombieGetsAWarning) {
                                                          ": Address space no longer exists (zombie)\n"));
 }
 
-TEST(ProcessTest, ProcessOutlivesItsMainThread) {
+TEST(ProcessTest, MainThreadExitsFirst) {
     const Region memory(8, MAP_SHARED, newFile(8));
     alignas(4096) static volatile char zeroed[64 * 4096];
     const Fixture fixture({[&] {
@@ -168,7 +168,7 @@ TEST(ProcessTest, ProcessOutlivesItsMainThread) {
     EXPECT_GE(outcome.tableOf(fixture.pid())["__DATA " PROGRAM_DIR "/e2e-tests"].dirty,
               static_cast<std::int64_t>(sizeof zeroed / kPageSize));
     EXPECT_THAT(outcome.output, HasSubstr("\n\tphys_zorbel: "));
-    // The number of the other thread is not that of a process.
+    // The id of the other thread is not a pid.
     const std::string pid = std::to_string(fixture.pid());
     for (const auto& thread : std::filesystem::directory_iterator("/proc/" + pid + "/task")) {
         const std::string number = thread.path().filename();

@@ -19,7 +19,7 @@ namespace zorbel::e2e {
 
 namespace {
 
-/// The descriptors become standard input, output and error; -1 leaves one as it is.
+/// The descriptors become standard input, output and error; -1 keeps one unchanged.
 pid_t start(Words command, const std::array<int, 3>& streams) {
     std::vector<char*> argv;
     for (std::string& word : command) argv.push_back(word.data());
@@ -33,11 +33,11 @@ pid_t start(Words command, const std::array<int, 3>& streams) {
     _exit(127);
 }
 
-/// Everything from where the descriptor stands.
+/// Everything from the current position of the descriptor.
 std::string readAll(int fd) {
     std::string text;
     char buffer[4096];
-    // A terminal fails once nobody has it open any more.
+    // Reading a terminal fails after its last writer closes it.
     for (ssize_t count = 0; (count = read(fd, buffer, sizeof buffer)) > 0;)
         text.append(buffer, static_cast<std::size_t>(count));
     return text;
@@ -46,12 +46,12 @@ std::string readAll(int fd) {
 bool hasOpen(pid_t process, const std::string& path) {
     const std::string descriptors = "/proc/" + std::to_string(process) + "/fd/";
     std::error_code error;
-    for (int fd = 0; fd < 32; ++fd)  // More than zorbel has.
+    for (int fd = 0; fd < 32; ++fd)  // More than zorbel opens.
         if (std::filesystem::read_symlink(descriptors + std::to_string(fd), error) == path) return true;
     return false;
 }
 
-/// How the process has changed, in those of the ways that are asked for; it is not reaped.
+/// State change of the process, among those asked for. Does not reap it.
 int changeOf(pid_t pid, int changes) {
     siginfo_t info{};
     waitid(P_PID, static_cast<id_t>(pid), &info, changes | WNOWAIT);

@@ -32,14 +32,14 @@ struct ListedRegion {
     [[nodiscard]] std::int64_t resident() const { return dirty - swapped + clean + reclaimable; }
 };
 
-/// What a program left.
+/// Result of a program.
 struct Outcome {
-    int status = -1;  ///< As waitpid() gives it.
+    int status = -1;  ///< As waitpid() returns it.
     std::string output;
     std::string error;
 
-    /// The table behind the texts, each of which follows the one before, in a report of the widest form in
-    /// pages; empty when there is none.
+    /// The table after these texts, which follow each other in a report of the widest form in
+    /// pages. Empty if there is none.
     [[nodiscard]] Table tableAfter(const Words& texts) const;
     /// The process's own categories.
     [[nodiscard]] Table tableOf(pid_t pid) const;
@@ -59,11 +59,11 @@ class ProgramRun {
     ProgramRun(const ProgramRun&) = delete;
     ~ProgramRun();
 
-    /// Stops it while it reads the regions of the target; false when it was done too soon.
+    /// Stops it while it reads the regions of the target. False if it finished too early.
     [[nodiscard]] bool stopWhileReading(pid_t target) const;
     /// Interrupts it as Ctrl-C does.
     void interrupt() const;
-    /// Has it go on where it was stopped, and awaits its end. What it prints on a terminal comes as output.
+    /// Continues it after a stop, and waits for its end. Output on a terminal is returned as output.
     Outcome finish();
 
   private:
@@ -76,7 +76,7 @@ class ProgramRun {
 /// The arguments for a report of the widest form in pages.
 Words wide(const std::vector<pid_t>& pids);
 
-/// Runs zorbel to its end, by way of other programs where some are given.
+/// Runs zorbel to its end, or another program that runs it.
 Outcome runZorbel(const Words& arguments, Words program = {kZorbel});
 inline Outcome measure(const std::vector<pid_t>& pids) { return runZorbel(wide(pids)); }
 

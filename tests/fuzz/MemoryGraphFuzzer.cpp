@@ -1,4 +1,4 @@
-// Whole runs on whatever files may come: from the reading of a memory graph to its report.
+// Whole runs on arbitrary files, from reading a memory graph to its report.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -30,7 +30,7 @@ static std::string fileWith(const std::uint8_t* data, std::size_t size) {
 }  // namespace zorbel
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    // Of the reports, nothing is to be read.
+    // Reports are discarded.
     return std::freopen("/dev/null", "w", stdout) == nullptr ? 1 : 0;
 }
 

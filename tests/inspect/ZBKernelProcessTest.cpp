@@ -98,7 +98,7 @@ TEST_F(ZBKernelProcessTest, ZonesComeBeforeSites) {
                                               Pair(machine.kernelRecords.data(), 10 * sizeof(R))));
 }
 
-TEST_F(ZBKernelProcessTest, SitesAreNamedByTheirKind) {
+TEST_F(ZBKernelProcessTest, KindDecidesNameOfSite) {
     for (std::uint16_t i = 0; i < 5; ++i) zone("zone" + std::to_string(i), {});
     machine.modules = {{"org.one", 7}, {"org.none", std::nullopt}, {std::nullopt, 8}};
     machine.kernelSymbols = {{0, "never"}, {0xABC, "_alloc"}};
@@ -125,7 +125,7 @@ TEST_F(ZBKernelProcessTest, SitesAreNamedByTheirKind) {
     EXPECT_EQ(nameOf(R::kNamed | R::kZone, 1, "own", 4), "own[zone4]");
     EXPECT_EQ(nameOf(R::kZone, 1, "", 5), "VM_KERN_MEMORY_OSFMK");
     machine.zones.clear(), machine.zoneNames.clear(), machine.kernelRecords.clear();
-    // The place in the source is worth more than that the memory is hidden.
+    // A source location is shown even for hidden memory.
     record(R::kAddressSite | R::kHidden, 0xABC, 8);
     record(R::kModuleSite, 7, 8);
     record(R::kCounter | R::kWired, 1, 8);
@@ -135,7 +135,7 @@ TEST_F(ZBKernelProcessTest, SitesAreNamedByTheirKind) {
                                       "unknown site (0x7, 0x1) 100000001 8 0 8 0 0"));
 }
 
-TEST_F(ZBKernelProcessTest, CountersAreFurtherData) {
+TEST_F(ZBKernelProcessTest, CountersAreAuxiliaryData) {
     const auto figures = [this] { return boost::json::serialize(process->auxData()->jsonRepresentation()); };
     EXPECT_THAT(gather(), IsEmpty());
     EXPECT_EQ(figures(), R"({"Maps":{}})");
@@ -149,7 +149,7 @@ TEST_F(ZBKernelProcessTest, CountersAreFurtherData) {
     EXPECT_EQ(process->auxData()->mergeWithData(nullptr), nullptr);
 }
 
-TEST_F(ZBKernelProcessTest, FailuresAreSaid) {
+TEST_F(ZBKernelProcessTest, ReportsFailures) {
     zone("one", {1, 8, 8, 0});
     machine.deallocateCode = kKernFailure;
     EXPECT_THAT(gather(), SizeIs(1));

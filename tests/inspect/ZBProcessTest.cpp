@@ -14,7 +14,7 @@ using std::string_literals::operator""s;
 
 class ZBProcessTest : public WalkTest {
   protected:
-    /// The one region of a process that maps nothing else.
+    /// The only region of a process.
     const ZBMemoryRegion& onlyRegion(ScriptedRegion region) {
         baker.regions.clear();
         baker.maps(0x1000, region);
@@ -28,7 +28,7 @@ class ZBProcessTest : public WalkTest {
     }
 };
 
-TEST_F(ZBProcessTest, NameIsTheExecutablesFileNameElseTheRecords) {
+TEST_F(ZBProcessTest, NameComesFromExecutableOrRecord) {
     BsdInfoRecord record{.pbi_pid = 100};
     const auto name = [&](const std::optional<std::string>& area) {
         baker.argumentArea = area;
@@ -42,7 +42,7 @@ TEST_F(ZBProcessTest, NameIsTheExecutablesFileNameElseTheRecords) {
         EXPECT_EQ(name(broken), std::string(32, 'l'));
     EXPECT_EQ(name("\2\0\0\0/usr/bin/foo\0\0\0foo\0-x\0"s), "foo");
     EXPECT_EQ(name("\0\0\0\0c d\0"s), "c d");
-    EXPECT_EQ(name("\1\0\0\0/usr/bin/cut!"s), "cut");  // The last byte always ends the text.
+    EXPECT_EQ(name("\1\0\0\0/usr/bin/cut!"s), "cut");  // The last byte always terminates the text.
 }
 
 TEST_F(ZBProcessTest, SizesFollowPurgeableStateFileAndMode) {
@@ -75,7 +75,7 @@ TEST_F(ZBProcessTest, SizesFollowPurgeableStateFileAndMode) {
     EXPECT_EQ(sizesOf({.info = {.pages_resident = 1, .pages_dirtied = 2}}), (Pages{2, 0, 0xFFFFFFFF, 0, 0}));
 }
 
-TEST_F(ZBProcessTest, NamesSayWhatIsMapped) {
+TEST_F(ZBProcessTest, NamesShowWhatIsMapped) {
     const auto names = [this](ScriptedRegion region) {
         const ZBMemoryRegion& gathered = onlyRegion(region);
         return gathered.name().text() + (gathered.purgeableNonVolatile() ? " ! " : " ") +
@@ -90,7 +90,7 @@ TEST_F(ZBProcessTest, NamesSayWhatIsMapped) {
     EXPECT_EQ(names({.path = Name("/bin/x"), .purgeable = kPurgeableNonVolatile}), "mapped file /bin/x");
 }
 
-TEST_F(ZBProcessTest, WalksToTheEndOfAddresses) {
+TEST_F(ZBProcessTest, WalksToTheLastAddress) {
     baker.maps(0x0, {}).maps(0x1000, {}).maps(0xFFFF'FFFF'FFFF'F000, {});
     baker.maps(0x5000, {.pages = 2, .info = {.offset = 0x2000, .user_tag = kStack, .object_id = 77}});
     gather();
@@ -101,7 +101,7 @@ TEST_F(ZBProcessTest, WalksToTheEndOfAddresses) {
               std::tuple(0x7000U, kStack, 77U, 0x2000U));
 }
 
-TEST_F(ZBProcessTest, RegionThatGrewDownwardsIsTakenWhole) {
+TEST_F(ZBProcessTest, RegionThatGrewDownwardsIsCountedWhole) {
     baker.maps(0x1000, {}).maps(0x8000, {}).maps(0xA000, {});
     baker.beforeLookup = [this] {
         if (baker.lookups != 2) return;
@@ -112,24 +112,24 @@ TEST_F(ZBProcessTest, RegionThatGrewDownwardsIsTakenWhole) {
     EXPECT_THAT(starts(), ElementsAre(0x1000, 0x0, 0xA000));
 }
 
-TEST_F(ZBProcessTest, MemoryWithTheTagOfAllOnesComesLast) {
+TEST_F(ZBProcessTest, RegionWithTheLastTagEndsTheWalk) {
     const ScriptedRegion last{.info = {.user_tag = kTagAllOnes}};
     baker.maps(0x1000, {}).maps(0x2000, last).maps(0x3000, last).maps(0x4000, {}).maps(0x5000, last);
     gather();
     EXPECT_THAT(starts(), ElementsAre(0x1000, 0x2000, 0x3000));
     EXPECT_EQ(process->memoryRegions().back().name().text(), "Non-volatile physical zorbel");
-    // Behind it even a failure is only the end.
+    // After it, even a failure is only the end.
     failAtThirdLookup(kKernFailure);
     EXPECT_THAT(process->errors(), IsEmpty());
     EXPECT_EQ(said, "");
 }
 
-TEST_F(ZBProcessTest, FailureEndsTheWalkAndOnlyADeadTaskExcusesIt) {
+TEST_F(ZBProcessTest, FailureEndsTheWalk) {
     constexpr std::uint32_t kZombie = BsdShortInfoRecord::kStateZombie;
     const std::tuple<KernReturn, int, std::uint32_t, std::string> rows[] = {
         {kMachSendInvalidDest, ESRCH, 0, " (process exited)"},
         {kMachSendInvalidDest, 0, kZombie, " (zombie)"},
-        // The process still runs, or can't be asked, or the failure is another one's doing.
+        // The process still runs, or its state can't be read, or the code is another one.
         {kMachSendInvalidDest, 0, 0, ""},
         {kMachSendInvalidDest, EPERM, kZombie, ""},
         {kKernFailure, ESRCH, kZombie, ""},

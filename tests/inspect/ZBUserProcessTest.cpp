@@ -31,7 +31,7 @@ class ZBUserProcessTest : public WalkTest {
         for (std::uint64_t i = 0; i < pages; ++i) baker.maps(kShared + i * kPage, {});
     }
 
-    /// Page after page: D dirty, S swapped out, B both, A anonymous, X of a file, anything else not there.
+    /// A letter for each page: D dirty, S swapped out, B both, A anonymous, X of a file, others absent.
     void setPages(const std::string& pages) {
         const std::map<char, std::int32_t> words = {
             {'D', 0x1 | 0x8}, {'S', 0x10}, {'B', 0x8 | 0x10}, {'A', 0x1}, {'X', 0x1 | 0x80}};
@@ -42,7 +42,7 @@ class ZBUserProcessTest : public WalkTest {
         }
     }
 
-    /// What lies in the shared region: offset+size, name or - if unused, dirty/swapped bytes.
+    /// The pieces of the shared region: offset+size, name or - if unused, dirty/swapped bytes.
     std::string pieces() const {
         std::ostringstream text;
         text << std::hex;
@@ -66,7 +66,7 @@ class ZBUserProcessTest : public WalkTest {
         return text.str();
     }
 
-    /// The pieces and the queries for an image with these segments, told by their offset, and these pages.
+    /// The pieces and the queries for an image with segments at these offsets, and these pages.
     void expectSplit(std::vector<SymbolSegment> segments, const std::string& pages, const char* expected) {
         for (SymbolSegment& segment : segments) segment.location += kShared;
         baker.images.clear();
@@ -77,10 +77,10 @@ class ZBUserProcessTest : public WalkTest {
     }
 };
 
-TEST_F(ZBUserProcessTest, EnumeratorFindsTheFirstOverlapAndOnlyMovesForward) {
+TEST_F(ZBUserProcessTest, EnumeratorFindsOverlapsInOrder) {
     using Range = std::pair<std::uint64_t, std::uint64_t>;
     std::vector<ZBImage> images;
-    // The third has no bytes, and the last one ends behind all addresses.
+    // The third has no bytes, and the last one ends beyond the last address.
     const Range places[] = {{0x1000, 0x1000}, {0x3000, 0x1000}, {0x5000, 0},
                             {0x6000, 0x3000}, {0x7000, 0x1000}, {0xA000, kHighest}};
     for (const auto& [start, size] : places) {
@@ -98,7 +98,7 @@ TEST_F(ZBUserProcessTest, EnumeratorFindsTheFirstOverlapAndOnlyMovesForward) {
     }
 }
 
-TEST_F(ZBUserProcessTest, RegionsOfImagesAreNamedAfterThem) {
+TEST_F(ZBUserProcessTest, RegionsOfImagesHaveTheirNames) {
     const std::tuple<const char*, std::string, SegmentCode> rows[] = {
         {"MACH_HEADER", "__TEXT", SegmentCode::kText},
         {"__TEXT", "__TEXT", SegmentCode::kText},
@@ -111,7 +111,7 @@ TEST_F(ZBUserProcessTest, RegionsOfImagesAreNamedAfterThem) {
     const auto path = [](std::size_t i) { return i % 2 == 0 ? "/lib/even" : "/lib/odd"; };
     const std::size_t count = std::size(rows);
     for (std::size_t i = 0; i < count; ++i) {
-        const std::uint64_t address = (count - i) * kPage;  // The platform tells the highest first.
+        const std::uint64_t address = (count - i) * kPage;  // The platform returns the highest first.
         baker.loads(path(i), {{address, kPage, Name(std::get<0>(rows[i]))}});
         baker.maps(address, {.info = {.user_tag = kStack}, .path = Name("/elsewhere")});
     }
@@ -127,10 +127,10 @@ TEST_F(ZBUserProcessTest, RegionsOfImagesAreNamedAfterThem) {
     EXPECT_EQ(process->memoryRegions().back().segment(), SegmentCode::kNotInImage);
     ZBImage image;
     for (const char* name : {"__TEXT", "__OBJC"}) image.setName(Name(name));
-    EXPECT_EQ(image.segment(), SegmentCode::kText);  // Of the last name that has a code.
+    EXPECT_EQ(image.segment(), SegmentCode::kText);  // From the last name that has a code.
 }
 
-TEST_F(ZBUserProcessTest, FiguresOfTheProcessAsAWhole) {
+TEST_F(ZBUserProcessTest, ProcessMetrics) {
     const auto expectFigures = [this](const std::string& expected) {
         gather();
         EXPECT_EQ(boost::json::serialize(process->auxData()->jsonRepresentation()), expected);
@@ -151,12 +151,12 @@ TEST_F(ZBUserProcessTest, FiguresOfTheProcessAsAWhole) {
         EXPECT_EQ(process->idleExitStatus(), statuses[baker.dirtyFlags % 8]) << baker.dirtyFlags;
     }
     baker.dirtyFlags = 3;
-    baker.hasFigures = false;  // What can't be read is as if there were nothing.
+    baker.hasFigures = false;  // Figures that can't be read are left out.
     expectFigures(none);
     EXPECT_EQ(process->idleExitStatus(), ZBIdleExitStatus::kNotIdleExit);
 }
 
-TEST_F(ZBUserProcessTest, SharedRegionLiesWhereTheKindOfMachineHasIt) {
+TEST_F(ZBUserProcessTest, KindOfMachineDecidesSharedRegion) {
     constexpr std::uint32_t k64Bit = BsdInfoRecord::kFlag64Bit;
     const std::tuple<std::optional<ZBPlatform>, std::uint32_t, std::uint64_t, std::uint64_t, bool> rows[] = {
         {ZBPlatform::kX86, 0, 0x90000000, 0x20000000, true},
@@ -182,24 +182,24 @@ TEST_F(ZBUserProcessTest, SharedRegionLiesWhereTheKindOfMachineHasIt) {
     EXPECT_EQ(said, "Unable to determine platform architecture of target\n");
 }
 
-TEST_F(ZBUserProcessTest, LooksFromTheTopOnlyNearTheSharedRegion) {
+TEST_F(ZBUserProcessTest, TopLevelLookupsStayNearTheSharedRegion) {
     nest(4);
     baker.regions.erase(kBelow);
     baker.maps(0x1000, {}).maps(0x1'0000'0000, {}).maps(0x1'7000'0000, {}).maps(kSharedEnd, {});
     gather();
     EXPECT_THAT(starts(), ElementsAre(0x1000, 0x1'0000'0000, 0x1'7000'0000, kShared, kSharedEnd));
     EXPECT_EQ(pieces(), "0+4000 -; ");
-    EXPECT_EQ(baker.lookups, 5);  // One finds the end.
+    EXPECT_EQ(baker.lookups, 5);  // The last one finds the end.
     EXPECT_THAT(baker.topLookups, AllOf(Contains(0x1'7000'1000), Contains(kShared + 0x4000),
                                         Not(Contains(0x1'0000'1000)), SizeIs(Le(12U))));
-    // The search found nothing: the leaves inside are split one by one.
+    // The search found nothing, so the leaves inside are split one by one.
     for (const std::uint64_t address : {0x1000ULL, 0x1'0000'0000ULL, 0x1'7000'0000ULL})
         baker.regions.erase(address);
     gather();
     EXPECT_EQ(pieces(), "0+1000 -; 1000+1000 -; 2000+1000 -; 3000+1000 -; ");
     EXPECT_EQ(baker.lookups, 6);
     EXPECT_THAT(baker.topLookups, Each(Lt(kShared)));
-    // What a region reaches over is not told twice.
+    // An overlapped part is not counted twice.
     baker.maps(kShared - kPage, {.pages = 2});
     gather();
     EXPECT_THAT(starts(), ElementsAre(kShared - kPage, kShared + kPage, kSharedEnd));
@@ -245,13 +245,13 @@ TEST_F(ZBUserProcessTest, StretchIsSplitByImages) {
     for (const std::size_t outside : {0U, 6U}) EXPECT_EQ(regions[outside].name().text(), "__TEXT /lib");
 }
 
-TEST_F(ZBUserProcessTest, PiecesAreRoundedAndCoverTheWholeStretch) {
+TEST_F(ZBUserProcessTest, PiecesCoverTheWholeStretch) {
     nest(4);
     expectSplit({{0, 0x1800, kText}}, "", "0+2000 TEXT; 2000+2000 -; ");
     expectSplit({{0x800, 0x1000, kText}}, "", "0+800 -; 800+1000 TEXT; 1800+2800 -; ");
     expectSplit({{0, 0x1800, kText}, {0x1900, 0x700, kText}}, "",
                 "0+1800 TEXT; 1800+100 -; 1900+700 TEXT; 2000+2000 -; ");
-    // Images as no linker lays them down: without bytes, over one another, and behind all addresses.
+    // Images that no linker makes: empty, overlapping, and beyond the last address.
     expectSplit({{0x1000, 0, kData}, {0x1000, 0x1000, kText}, {0x2000, 0, kData}}, "",
                 "0+1000 -; 1000+1000 TEXT; 2000+2000 -; ");
     expectSplit({{0, 0x800, kText}, {0, 0x900, kData}, {0x1000, 0x1000, kText}}, "",
@@ -265,26 +265,26 @@ TEST_F(ZBUserProcessTest, PiecesAreRoundedAndCoverTheWholeStretch) {
     EXPECT_EQ(process->memoryRegions().back().end(), kHighest);
 }
 
-TEST_F(ZBUserProcessTest, PiecesAreChargedTheirOwnBytesOfEachPage) {
+TEST_F(ZBUserProcessTest, PiecesAreChargedTheirShareOfPages) {
     nest(4);
     expectSplit({{0, 0x4000, kData}}, "DSX.", "0+4000 DATA 1000/1000; 0:4 ");
     expectSplit({{0, 0x4000, kData}}, "ABXS", "0+4000 DATA 2000/1000; 0:4 ");
-    // A page that counts is asked for once, by the first piece that has a part in it.
+    // A page that counts is queried once, by the first piece that shares it.
     const std::vector<SymbolSegment> touching = {{0x800, 0x2400, kData}, {0x2C00, 0x1400, kData2}};
     expectSplit(touching, "DSDD", "0+800 -; 800+2400 DATA 1400/1000; 2c00+1400 DATA2 1400/0; 0:3 3:1 ");
     expectSplit(touching, "DDXD", "0+800 -; 800+2400 DATA 1800/0; 2c00+1400 DATA2 1000/0; 0:3 2:2 ");
-    // Unused memory is charged on the pages that it shares, by its neighbours' queries.
+    // Unused memory is charged for shared pages, by the queries of its neighbours.
     const std::vector<SymbolSegment> apart = {{0, 0x1800, kData}, {0x3800, 0x800, kData2}};
     expectSplit(apart, "DDDD", "0+1800 DATA 1800/0; 1800+2000 - 1000/0; 3800+800 DATA2 800/0; 0:2 3:1 ");
     expectSplit(apart, "DSDB", "0+1800 DATA 1000/800; 1800+2000 - 800/800; 3800+800 DATA2 800/0; 0:2 3:1 ");
     expectSplit(apart, "DDDX", "0+1800 DATA 1800/0; 1800+2000 - 800/0; 3800+800 DATA2; 0:2 3:1 ");
-    // Behind text nothing is known of the page that the unused memory ends on.
+    // After text, nothing is known of the page where the unused memory ends.
     expectSplit({{0, 0x1800, kData}, {0x3400, 0x400, kText}, {0x3800, 0x800, kData2}}, "DDDD",
                 "0+1800 DATA 1800/0; 1800+1c00 - 800/0; 3400+400 TEXT; 3800+800 DATA2 800/0; 0:2 3:1 ");
     // Several in one page.
     expectSplit({{0, 0x1200, kData}, {0x1400, 0x400, kData}, {0x1800, 0x2800, kData2}}, "DDXX",
                 "0+1200 DATA 1200/0; 1200+200 - 200/0; 1400+400 DATA 400/0; 1800+2800 DATA2 800/0; 0:2 2:2 ");
-    // Pages may be larger than what images are aligned to.
+    // Pages may be larger than the alignment of images.
     machine.pageSize = 4 * kPage;
     expectSplit({{0, 0x800, kData}, {0x1000, 0x2000, kData2}}, "D",
                 "0+1000 DATA 1000/0; 1000+2000 DATA2 2000/0; 3000+1000 - 1000/0; 0:1 ");

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::uint64_t kLargest = 1 << 28;  // Sanitizers reserve terabytes.
 
-/// A process with memory of several kinds, stopped.
+/// A stopped process with several kinds of memory.
 class LinuxPlatformTest : public testing::Test {
   protected:
     LinuxPlatformTest() : page(machine.vm_kernel_page_size()), child(fork()) {
@@ -53,7 +53,7 @@ class LinuxPlatformTest : public testing::Test {
     bool isStopped = false;
 };
 
-TEST_F(LinuxPlatformTest, PageQueriesAgreeWithTheCountsOfRegions) {
+TEST_F(LinuxPlatformTest, PageQueriesMatchRegionCounts) {
     ASSERT_TRUE(isStopped);
     TaskName task = kTaskNull;
     ASSERT_EQ(machine.task_for_pid(child, task), kKernSuccess);
@@ -64,7 +64,7 @@ TEST_F(LinuxPlatformTest, PageQueriesAgreeWithTheCountsOfRegions) {
     for (std::uint64_t address = 0;
          machine.mach_vm_region_recurse(task, address, size, record) == kKernSuccess; address += size) {
         if (size > kLargest || machine.proc_regionfilename(task, address).text().starts_with('[')) continue;
-        // From the middle of the first page on, and with more room than is wanted.
+        // From the middle of the first page, with a buffer larger than needed.
         std::vector<std::int32_t> dispositions(size / page + 3, -1);
         std::uint64_t count = dispositions.size();
         ASSERT_EQ(machine.mach_vm_page_range_query(task, address + page / 2, size - page / 2 - 1,
@@ -85,7 +85,7 @@ TEST_F(LinuxPlatformTest, PageQueriesAgreeWithTheCountsOfRegions) {
     EXPECT_GT(pages, 2000U);
 }
 
-TEST_F(LinuxPlatformTest, PageQueriesReachOverGapsAndFailForTheDead) {
+TEST_F(LinuxPlatformTest, PageQueriesCoverGapsAndFailAfterExit) {
     ASSERT_TRUE(isStopped);
     TaskName task = kTaskNull;
     ASSERT_EQ(machine.task_for_pid(child, task), kKernSuccess);

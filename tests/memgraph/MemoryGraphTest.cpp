@@ -1,4 +1,4 @@
-// Files of memory graphs: what is read of them, and what is refused.
+// Files of memory graphs: what is read, and what is rejected.
 
 #include "memgraph/MemoryGraph.h"
 
@@ -15,7 +15,7 @@ using namespace testing;
 
 const std::string kSample = testData("graphs/arm.memgraph");
 
-/// What a graph reads as when it is written again; what is wrong with it where it can't be read.
+/// The graph after reading and writing it again, or the error if it can't be read.
 std::string rewritten(std::string_view contents) {
     const auto graph = parseMemoryGraph(contents);
     if (!graph) return graph.error().description;
@@ -29,7 +29,7 @@ std::string rewritten(std::string_view contents) {
     return result;
 }
 
-/// The sample with another text in place of the first one like this.
+/// The sample with one text replaced, where it occurs first.
 std::string sampleWith(const std::string& text, const std::string& other) {
     std::string changed = kSample;
     const std::size_t at = changed.find(text);
@@ -42,7 +42,7 @@ std::string withoutBlanks(std::string text) {
     return text;
 }
 
-TEST(MemoryGraphTest, IsWrittenAsItWasReadCompressedOrNot) {
+TEST(MemoryGraphTest, RoundTripKeepsTheGraph) {
     const std::string text = rewritten(kSample);
     EXPECT_EQ(withoutBlanks(text), withoutBlanks(kSample));
     EXPECT_EQ(rewritten(text), text);
@@ -54,14 +54,14 @@ TEST(MemoryGraphTest, IsWrittenAsItWasReadCompressedOrNot) {
     EXPECT_EQ(rewritten(sampleWith("\"prot\": 5, \"maxProt\": 7",
                                    "\"maxProt\": 7, \"new\": {\"prot\": [6]}, \"prot\": 5")),
               text);
-    // Texts are to be printed, and come in parts where they are escaped.
+    // Texts become printable. The parser delivers escaped ones in parts.
     EXPECT_THAT(rewritten(sampleWith("\"Foo\"", "\"F\\u006f\\u001B[2J\"")), HasSubstr("\"Fo\\\\x1B[2J\""));
     EXPECT_EQ(rewritten(sampleWith("\"processName\"", "\"process\\u004Eame\"")), text);
     EXPECT_THAT(rewritten(sampleWith("\"length\": 65536", "\"length\": 9223372036854775807")),
                 HasSubstr("begins before"));
 }
 
-TEST(MemoryGraphTest, WhatIsWrongIsSaidWithItsPlace) {
+TEST(MemoryGraphTest, ErrorsHaveLineAndColumn) {
     const std::tuple<const char*, const char*, const char*> rows[] = {
         {"{", "[", "the document must be an object (line 1, column 1)"},
         {"zorbel-memgraph", "zorbel-graph", "format is not \"zorbel-memgraph\" (line 2, column 25)"},
@@ -102,7 +102,7 @@ TEST(MemoryGraphTest, WhatIsWrongIsSaidWithItsPlace) {
          "the document is nested too deep (line 1, column 3"},
         {"\"version\": 1,", "\"version\": 1", "not JSON: syntax error (line 4, column 2)"},
     };
-    const std::string longText(70000, 'x');  // Longer than what is parsed at a time.
+    const std::string longText(70000, 'x');  // Longer than the parser's buffer.
     EXPECT_THAT(rewritten(sampleWith("\"/tmp/data\"", "\"" + longText + "\"")),
                 StartsWith("regions[7].path is longer than 1024 bytes (line 21, column "));
     EXPECT_EQ(rewritten(sampleWith("{", "{\"" + longText + "\": \"" + longText + "\", ")),
@@ -115,7 +115,7 @@ TEST(MemoryGraphTest, WhatIsWrongIsSaidWithItsPlace) {
     EXPECT_THAT(rewritten(kSample + std::string(70000, '\n') + "x"), StartsWith("not JSON: extra data"));
 }
 
-TEST(MemoryGraphTest, NoPartOfAFileIsAGraph) {
+TEST(MemoryGraphTest, RejectsTruncatedFiles) {
     for (const char* name :
          {"arm.memgraph", "arm.memgraph.gz", "arm.memgraph.zst", "arm-in-two.memgraph.gz"}) {
         const std::string whole = testData(std::string("graphs/") + name);

@@ -16,7 +16,7 @@ Tree tree(ZBAuxDataDictionary::Entries entries) {
     return std::make_shared<ZBAuxDataDictionary>(std::move(entries));
 }
 
-TEST(ZBAuxDataTest, MergingSumsWhatAggregatesAndDropsTheRest) {
+TEST(ZBAuxDataTest, MergeSumsAggregatesAndDropsOthers) {
     const Tree nested = tree({{"m", tree({{"x", agg(1)}, {"y", plain(2)}})}});
     EXPECT_EQ(serialize(nested->jsonRepresentation()), R"({"m":{"x":1,"y":2}})");
     const std::tuple<Tree, Tree, const char*> rows[] = {

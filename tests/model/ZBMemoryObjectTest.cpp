@@ -69,9 +69,9 @@ class PlainRangeList {
     std::vector<Range> _ranges;
 };
 
-/// An object beside the plain list of the same ranges.
+/// An object, and the plain list of the same ranges.
 struct Folding {
-    /// Without identity, the region is a member without bytes, of which the plain list does not hear.
+    /// A region without an object has no bytes, so the plain list does not get it.
     void add(const Range& range, std::uint32_t pageSize = kSmall, bool identified = true) {
         ZBMemoryRegion& region = regions.emplace_back();
         region.setName(Name("region " + std::to_string(regions.size())));
@@ -117,13 +117,13 @@ TEST(ZBMemoryObjectTest, CommonPagesCountOnce) {
     EXPECT_EQ(dirtyOf({range(100, 200, 4096), range(300, 400, 4096)}), 4096U);
     // The second range closes the gap to the first, so the third finds both in one.
     EXPECT_EQ(dirtyOf({range(0, 4096, 4096), range(4096, 8192, 0), range(4096, 8192, 4096)}), 4096U);
-    // The last one bridges two, with one page in common with each: 8192 + 16384 - 4096 + 8192 - 4096.
+    // The last one joins two, with one page in common with each: 8192 + 16384 - 4096 + 8192 - 4096.
     EXPECT_EQ(dirtyOf({range(0, 8192, 8192), range(12288, 20480, 8192), range(4096, 16384, 16384)}), 24576U);
     // A range as large as the address space allows.
     EXPECT_EQ(dirtyOf({range(0, ~0ULL - 8191, 8192), range(4096, 8192, 4096)}), 8192U);
 }
 
-TEST(ZBMemoryObjectTest, RandomRangesFoldAsInThePlainList) {
+TEST(ZBMemoryObjectTest, FoldsRandomRangesLikeThePlainList) {
     for (unsigned seed = 0; seed < 600 && !testing::Test::HasFailure(); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         std::mt19937_64 random(seed);

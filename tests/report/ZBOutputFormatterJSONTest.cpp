@@ -13,8 +13,8 @@ using namespace testing;
 
 class ZBOutputFormatterJSONTest : public CoordinatorTest {
   protected:
-    /// Expects a report to replace whatever its file held, and to say what the file of that name says,
-    /// without any white space.
+    /// Expects a report to replace the content of its file, and to equal the expected document,
+    /// without white space.
     void expectDocument(const std::string& name) {
         gather();
         const std::string path = TempDir() + "report-" + std::to_string(getpid()) + ".json";
@@ -42,7 +42,7 @@ TEST_F(ZBOutputFormatterJSONTest, ProcessesThatShareMemory) {
     expectDocument("report-of-shared-memory.json");
 }
 
-TEST_F(ZBOutputFormatterJSONTest, TroubleAndTheLargestFigures) {
+TEST_F(ZBOutputFormatterJSONTest, ErrorsAndLargestFigures) {
     machine.pageSize = 1;  // Unlike that of the first process.
     fixed(-2).add("total", 10, UINT64_MAX - 5).setSwappedSize(5);
     static_cast<FixedProcess&>(*processes.back())._warnings = {"odd"};

@@ -46,7 +46,7 @@ TEST_F(ZBOutputFormatterTextTest, OneProcessWithAllColumns) {
               testData("report-with-all-columns.txt"));
 }
 
-TEST_F(ZBOutputFormatterTextTest, WarningsErrorsAndFurtherFigures) {
+TEST_F(ZBOutputFormatterTextTest, WarningsErrorsAndAuxiliaryData) {
     using Entries = ZBAuxDataDictionary::Entries;
     const auto tree = [](Entries entries) {
         return std::make_shared<ZBAuxDataDictionary>(std::move(entries));

@@ -89,6 +89,11 @@ void ScriptedPlatform::_note(std::string phase) {
     phases.push_back(std::move(phase));
 }
 
+bool ScriptedPlatform::hasReached(const std::string& phase) {
+    const std::lock_guard lock(_mutex);
+    return std::ranges::find(phases, phase) != phases.end();
+}
+
 void ScriptedPlatform::readTask(TaskName task) {
     _note("read " + std::to_string(task));
     _ofTask(task).beforeReading();

@@ -16,7 +16,7 @@
 
 namespace zorbel::test {
 
-/// Keeps the messages of a run.
+/// Records the messages of a run.
 class RecordedDiagnostics final : public Diagnostics {
   public:
     void report(std::string_view message) override;
@@ -38,12 +38,12 @@ inline constexpr KernReturn kKernFailure = 5;
 /// A stretch of memory of a scripted process. All counts are pages.
 struct ScriptedRegion {
     std::uint64_t pages = 1;
-    RegionInfoRecord info{};  ///< Memory of its own unless an object is told.
-    Name path{};              ///< A file has a pager without being told.
+    RegionInfoRecord info{};  ///< Has its own object by default.
+    Name path{};              ///< A file always has a pager.
     int purgeable = kPurgeableDeny;
 };
 
-/// A process of a scripted machine. What is not told is as with any healthy process.
+/// A process of a scripted machine. By default it is healthy.
 struct ScriptedProcess {
     std::int32_t pid = 0;
     std::int32_t parent = 1;
@@ -57,27 +57,27 @@ struct ScriptedProcess {
     KernelMemoryRecord kernelMemory;
     ResourceUsageRecord charges;
     std::uint32_t dirtyFlags = 0;
-    bool hasFigures = true;  ///< Whether the three can be read.
+    bool hasFigures = true;  ///< Whether these three can be read.
     std::map<std::uint64_t, ScriptedRegion> regions;
-    /// Maps that are nested into the process: one entry from the top, in place of the regions inside.
+    /// Nested maps: a top-level look-up shows one entry in place of the regions inside.
     std::map<std::uint64_t, ScriptedRegion> nestedMaps;
-    std::map<std::uint64_t, std::int32_t> dispositions;  ///< By page; 0 where none is told.
+    std::map<std::uint64_t, std::int32_t> dispositions;  ///< By page; the default is 0.
     std::vector<std::pair<Name, std::vector<SymbolSegment>>> images;
     int lookups = 0;
-    /// Where top-level look-ups and page queries were asked for, and for how many pages.
+    /// Addresses of top-level look-ups and page queries, and the pages asked for.
     std::vector<std::uint64_t> topLookups;
     std::vector<std::pair<std::uint64_t, std::uint64_t>> pageQueries;
-    /// These fail from the one with that index on.
+    /// These fail from this index on.
     std::size_t failingTopLookup = SIZE_MAX;
     std::size_t failingPageQuery = SIZE_MAX;
     KernReturn topLookupCode = kKernFailure;
     /// Called on the worker that reads the process.
     std::function<void()> beforeReading = [] {};
-    /// Called on the thread that looks a region up, once the look-up has been counted.
+    /// Called on the thread that looks up a region, after the look-up has been counted.
     std::function<void()> beforeLookup = [] {};
 
     ScriptedProcess& maps(std::uint64_t address, ScriptedRegion region) {
-        // No two processes come to the same number, and none to the small ones that tests choose.
+        // Different for all processes, and never one of the small numbers that tests choose.
         if (region.info.object_id == 0)
             region.info.object_id =
                 static_cast<std::uint32_t>((static_cast<std::size_t>(pid) << 12) + 0x800 + regions.size());
@@ -92,8 +92,8 @@ struct ScriptedProcess {
     }
 };
 
-/// A machine that a test writes down: processes, their regions, and what goes wrong with them. It answers as
-/// a kernel does: a look-up yields the first region that ends above the address, where it begins below too.
+/// A machine that a test describes: processes, their regions, and their failures. It answers like
+/// a kernel: a look-up returns the first region that ends above the address, even if it starts below.
 class ScriptedPlatform : public Platform, private Symbolicator {
   public:
     /// A process with 64-bit addresses whose executable is /usr/bin/NAME.
@@ -106,10 +106,10 @@ class ScriptedPlatform : public Platform, private Symbolicator {
     std::int32_t breakDownMode = 0;
     int sysctlError = 0;
     std::uint32_t pageSize = kPage;
-    /// Kind of the machine; where none is told, ARM of the processes' word size.
+    /// Kind of the machine. The default is ARM with the word size of the processes.
     std::optional<ZBPlatform> kind;
 
-    // The kernel's account of its own memory, and what was given back of it.
+    // The kernel's account of its own memory, and which parts were released.
     std::vector<ZoneNameRecord> zoneNames;
     std::vector<ZoneInfoRecord> zones;
     std::vector<MemoryInfoRecord> kernelRecords;
@@ -128,8 +128,10 @@ class ScriptedPlatform : public Platform, private Symbolicator {
 
     /// What was reported.
     RecordedDiagnostics messages;
-    /// Which phases the run went through, such as "read 100" for a process.
+    /// The phases of the run, such as "read 100" for a process.
     std::vector<std::string> phases;
+    /// Whether the run went through a phase; may be called while it goes on.
+    bool hasReached(const std::string& phase);
 
     Diagnostics& diagnostics() override { return messages; }
 
@@ -199,7 +201,7 @@ class ScriptedPlatform : public Platform, private Symbolicator {
   private:
     void _note(std::string phase);
 
-    /// The first that ends above the address: by its last byte, since the end of the last of all may be 0.
+    /// The first that ends above the address. Compares last bytes, since the end of the last region may be 0.
     static KernReturn _lookUp(const std::map<std::uint64_t, ScriptedRegion>& regions, std::uint64_t& address,
                               std::uint64_t& size, RegionInfoRecord& record);
 

@@ -12,7 +12,7 @@
 
 namespace zorbel::test {
 
-/// A target whose regions and further data a test lays down itself, for what no walk yields.
+/// A target with regions and auxiliary data that a test sets directly, for cases that no walk produces.
 class FixedProcess : public ZBProcess {
   public:
     FixedProcess(Platform& platform, std::int32_t pid) : ZBProcess(platform) {

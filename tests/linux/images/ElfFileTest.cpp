@@ -1,4 +1,4 @@
-// Layouts of ELF files, from whatever bytes a file may hold.
+// Layouts of ELF files, correct and corrupt.
 
 #include "linux/images/ElfFile.h"
 
@@ -28,7 +28,7 @@ std::optional<ElfLayout> layoutOf(const std::string& content, std::uint64_t at =
     return readElfLayout(file.get());
 }
 
-/// Code, and data of which two pages are made read-only, with the headers where the caller puts them.
+/// Code, and data with two pages that become read-only. Tests change the headers.
 class ElfFileTest : public Test {
   protected:
     std::optional<ElfLayout> layout() const {
@@ -64,16 +64,16 @@ MATCHER_P(IsWhatIsExpected, code, "") {
            segments[1].memorySize == 0x9000 && arg.relroStart == 0x6000 && arg.relroEnd == 0x8000;
 }
 
-TEST_F(ElfFileTest, HeadersMayStandAnywhere) {
+TEST_F(ElfFileTest, AcceptsHeadersAtAnyOffset) {
     EXPECT_THAT(layout(), Optional(IsWhatIsExpected(true)));
     header.e_phoff = 0x12345678;  // Tools that edit files append a new table.
     EXPECT_THAT(layout(), Optional(IsWhatIsExpected(true)));
-    header.e_shoff = 64;  // As if there were countless sections.
+    header.e_shoff = 64;  // Claims sections that do not exist.
     header.e_shentsize = sizeof(Elf64_Shdr);
     EXPECT_THAT(layout(), Optional(IsWhatIsExpected(true)));
 }
 
-TEST_F(ElfFileTest, EitherWordSizeAndByteOrder) {
+TEST_F(ElfFileTest, AcceptsAnyWordSizeAndByteOrder) {
     Elf32_Ehdr narrow{};
     std::memcpy(narrow.e_ident, header.e_ident, sizeof narrow.e_ident);
     narrow.e_ident[EI_CLASS] = ELFCLASS32;
@@ -103,7 +103,7 @@ TEST_F(ElfFileTest, EitherWordSizeAndByteOrder) {
     }
 }
 
-TEST_F(ElfFileTest, WhatContradictsItselfIsNoImage) {
+TEST_F(ElfFileTest, RejectsInconsistentHeaders) {
     const auto isRefused = [this](const std::function<void()>& spoil) {
         const auto intact = std::pair(header, rows);
         spoil();

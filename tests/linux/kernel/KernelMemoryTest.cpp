@@ -1,4 +1,4 @@
-// The kernel's memory, as kernels of several versions tell it.
+// The kernel's memory, from the texts of several kernel versions.
 
 #include "linux/kernel/KernelMemory.h"
 
@@ -7,23 +7,20 @@
 #include <algorithm>
 #include <sstream>
 
+#include "linux/LinuxPlatform.h"
+#include "support/ScriptedPlatform.h"
 #include "support/TestData.h"
 
 namespace zorbel::test {
 namespace {
 
-/// All that comes of the texts in a directory: zones, other records, modules and sources.
+/// All results from the texts in a directory: zones, other records, modules and sources.
 std::string accountOf(const std::string& directory) {
-    KernelTexts texts;
-    texts.slabinfo = testData(directory + "/slabinfo");
-    texts.vmallocinfo = testData(directory + "/vmallocinfo");
-    texts.allocinfo = testData(directory + "/allocinfo");
-    texts.modules = testData(directory + "/modules");
-    texts.meminfo = testData(directory + "/meminfo");
-    texts.zoneinfo = testData(directory + "/zoneinfo");
-    texts.zramStats = {testData(directory + "/mm_stat"), ""};
-    KernelMemory memory(texts, 4096);
-    const KernelMemoryAccount account = memory.account();
+    const std::string root = SOURCE_DIR "/tests/data/" + directory;
+    RecordedDiagnostics messages;
+    LinuxPlatform machine(messages, {root, root + "/sys"});
+    KernelMemoryAccount account;
+    EXPECT_EQ(machine.mach_memory_info(account), kKernSuccess);
     std::ostringstream text;
     for (std::size_t i = 0; i < account.zones.size(); ++i) {
         const ZoneInfoRecord& zone = account.zones[i];
@@ -33,30 +30,31 @@ std::string accountOf(const std::string& directory) {
     for (const MemoryInfoRecord& record : account.memory) {
         text << std::hex << record.flags << " " << record.site << std::dec << ": " << record.size << "+"
              << record.mapped << " " << record.name;
-        if (const auto symbol = memory.symbolOfSite(record.site); symbol && (record.flags & 0xFF) == 2)
+        if (const auto symbol = machine.nameOfKernelSymbol(record.site); symbol && (record.flags & 0xFF) == 2)
             text << *symbol;
-        if (const auto source = memory.sourceOfSite(record.site); source && (record.flags & 0xFF) == 2)
+        if (const auto source = machine.sourceOfKernelAddress(record.site);
+            source && (record.flags & 0xFF) == 2)
             text << " " << source->path << ":" << source->line;
         text << "\n";
     }
-    for (const KernelModuleInfo& module : memory.modules())
+    for (const KernelModuleInfo& module : machine.OSKextCopyLoadedKextInfo())
         text << *module.bundleIdentifier << " " << *module.loadTag << "\n";
-    EXPECT_EQ(memory.release(&text), false);
+    EXPECT_EQ(machine.vm_deallocate(&text, 1), kKernInvalidAddress);
     for (const void* array :
          {static_cast<const void*>(account.zoneNames.data()), static_cast<const void*>(account.zones.data()),
           static_cast<const void*>(account.memory.data())}) {
-        EXPECT_TRUE(memory.release(array));
-        EXPECT_FALSE(memory.release(array));
+        EXPECT_EQ(machine.vm_deallocate(array, 1), kKernSuccess);
+        EXPECT_EQ(machine.vm_deallocate(array, 1), kKernInvalidAddress);
     }
     return text.str();
 }
 
-TEST(KernelMemoryTest, EveryVersionOfTheTextsIsUnderstood) {
+TEST(KernelMemoryTest, ReadsTextsOfAllKernelVersions) {
     for (const std::string directory : {"kernel-5.10", "kernel-6.1", "kernel-6.18"})
         EXPECT_EQ(accountOf(directory), testData(directory + "/account.txt")) << directory;
 }
 
-TEST(KernelMemoryTest, NoModuleAndNoFunctionIsTakenForLockedMemory) {
+TEST(KernelMemoryTest, NumbersDoNotCollideWithLockedMemory) {
     KernelTexts texts;
     for (int i = 0; i < 30; ++i) {
         texts.modules += "module 4096 0 - Live 0x0\n";

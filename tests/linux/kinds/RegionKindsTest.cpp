@@ -1,4 +1,4 @@
-// The kinds, objects and figures of regions, from smaps to snapshot.
+// Kinds, objects and figures of regions, from smaps to snapshot.
 
 #include "linux/kinds/RegionKinds.h"
 
@@ -21,8 +21,8 @@ namespace {
 
 using enum Tag;
 
-/// Devices that no machine has: ffe:1 is a tmpfs and ffe:2 a disk. On ffe:3 is what the kernel mounts
-/// nowhere.
+/// Devices that no machine has: ffe:1 is a tmpfs and ffe:2 a disk. ffe:3 is not mounted, like the
+/// kernel's internal file systems.
 constexpr const char* kMounts =
     "31 28 4094:1 / /srv/dev\\040x rw shared:1 master:2 - tmpfs none rw\n"
     "32 28 4094:2 / / rw - ext4 /dev/vda rw\n";
@@ -31,7 +31,7 @@ class RegionKindsTest : public testing::Test {
   protected:
     ~RegionKindsTest() override { std::filesystem::remove_all(_path); }
 
-    /// Every region of a process that is only text, in an IPC namespace of its own.
+    /// All regions of a process made of text, in its own IPC namespace.
     std::vector<SnapshotRegion> regionsOfText(const std::string& smaps) {
         const std::string process = _path + "/" + std::to_string(++_processes);
         std::filesystem::create_directories(process + "/ns");
@@ -47,7 +47,7 @@ class RegionKindsTest : public testing::Test {
         return regions;
     }
 
-    /// The same of entries without addresses, which stand apart from each other.
+    /// The same for entries without addresses. They get addresses that do not touch.
     std::vector<SnapshotRegion> regionsOf(const std::vector<std::string>& entries) {
         std::string smaps;
         for (int page = 1000; const std::string& entry : entries) {
@@ -65,7 +65,7 @@ class RegionKindsTest : public testing::Test {
     ObjectIds _objectIds;
 };
 
-TEST_F(RegionKindsTest, PathsAndFlagsTell) {
+TEST_F(RegionKindsTest, PathsAndFlagsDecideKind) {
     const std::string own = "rw-p 0 00:00 0 ";
     const std::string memory = "rw-s 0 ffe:1 7 ";
     const std::string disk = "rw-s 0 ffe:2 7 ";
@@ -114,17 +114,17 @@ TEST_F(RegionKindsTest, PathsAndFlagsTell) {
     }
 }
 
-TEST_F(RegionKindsTest, NeighboursTellOfPlainAnonymousMemory) {
+TEST_F(RegionKindsTest, NeighboursDecideKindOfAnonymousMemory) {
     const std::pair<std::string, std::vector<Tag>> rows[] = {
         {"400000 rwxp 402000", {kExecutableAnonymous}},
         {"bffffff000 rw-p c000000000 rw-p c000400000 ---p c004000000", {kNone, kGoHeap, kReserved}},
-        // An arena, one that is all in use, one whose rest is as small as a guard, and two that are none.
+        // An arena, a full one, one with a rest as small as a guard, and two that are no arenas.
         {"7f0000000000 rw-p 7f0000021000 ---p 7f0004000000", {kMallocSmall, kReserved}},
         {"7f0008000000 rw-p 7f000c000000", {kMallocSmall}},
         {"7f0010000000 rw-p 7f0013fff000 ---p 7f0014000000", {kMallocSmall, kReserved}},
         {"7f0018000000 rw-p 7f0018021000 ---p 7f001b000000", {kNone, kReserved}},
         {"7f0020000000 r--p 7f0020021000 ---p 7f0024000000", {kNone, kReserved}},
-        // Thread stacks; what is too large for a guard.
+        // A thread stack; too large for a guard.
         {"7f0030000000 ---p 7f0030001000 rw-p 7f0030801000 ---p 7f0030901000", {kGuard, kStack, kGuard}},
         {"7f0040000000 ---p 7f0040101000 rw-p 7f0040102000", {kReserved, kNone}},
         // With 32-bit addresses.
@@ -142,19 +142,20 @@ TEST_F(RegionKindsTest, NeighboursTellOfPlainAnonymousMemory) {
             tags.push_back(static_cast<Tag>(region.record.user_tag));
         EXPECT_EQ(tags, expected) << layout;
     }
-    // Zeroed data of an executable image is no generated code.
+    // Zeroed data of an executable image is not generated code.
     const auto image = regionsOfText("1000-2000 rwxp 0 ffe:2 5 /usr/bin/old\n2000-3000 rwxp 0 00:00 0 \n");
     EXPECT_EQ(static_cast<Tag>(image.at(1).record.user_tag), kNone);
 }
 
-TEST_F(RegionKindsTest, ObjectsAreTheSameExactlyWhenTheFilesAre) {
+TEST_F(RegionKindsTest, EqualFilesAreEqualObjects) {
     struct stat inode {};
     ASSERT_EQ(fstat(FileDescriptor(eventfd(0, EFD_CLOEXEC)).get(), &inode), 0);
-    std::ostringstream bpfMap;  // One inode stands for all that there are.
+    std::ostringstream bpfMap;  // All BPF maps have one inode.
     bpfMap << std::hex << "rw-s 0 " << major(inode.st_dev) << ':' << minor(inode.st_dev) << ' ' << std::dec
            << inode.st_ino << " anon_inode:bpf-map";
-    const std::string segment = "rw-s 0 ffe:3 32769 /SYSV00000000 (deleted)";  // Numbered on its own.
-    const std::string zeros = "rw-p 0 ffe:1 4 /dev/zero";  // Private, it is anonymous memory.
+    const std::string segment =
+        "rw-s 0 ffe:3 32769 /SYSV00000000 (deleted)";      // Numbers of segments are separate from inodes.
+    const std::string zeros = "rw-p 0 ffe:1 4 /dev/zero";  // A private mapping of it is anonymous memory.
     const auto mine =
         regionsOf({"rw-s 0 ffe:3 32769 /memfd:a (deleted)", "r--p 0 ffe:2 32769 /lib/a",
                    "rw-p 0 ffe:2 32769 /lib/a", segment, bpfMap.str(), bpfMap.str(), zeros, zeros});
@@ -168,13 +169,13 @@ TEST_F(RegionKindsTest, ObjectsAreTheSameExactlyWhenTheFilesAre) {
     EXPECT_EQ(different.size(), 1 + mine.size() + theirs.size() - 2);
 }
 
-TEST_F(RegionKindsTest, PagesAreSharedOrNot) {
+TEST_F(RegionKindsTest, ShareModeFollowsPages) {
     const std::string memory = "p 0 ffe:1 4 /run/x";
     const std::tuple<std::string, std::uint8_t, std::uint32_t> rows[] = {
         {"rw-p 0 00:00 0 \nRss: 0 kB", kShareModeEmpty, 0},
         {"rw-p 0 00:00 0 \nSwap: 4 kB", kShareModePrivate, 0},
         {"rw-s 0 ffe:3 3 /m\nShared_Hugetlb: 2048 kB\nPrivate_Hugetlb: 4096 kB", kShareModeShared, 6144},
-        // A private mapping of a file in memory is the file, until something may have been written.
+        // A private mapping of a file in memory shares the file's pages until it may have been written to.
         {"rw-" + memory + "\nRss: 8 kB", kShareModeShared, 8},
         {"rw-" + memory + "\nAnonymous: 4 kB", kShareModeCopyOnWrite, 0},
         {"rw-" + memory + "\nSwap: 4 kB", kShareModeCopyOnWrite, 0},
@@ -189,7 +190,7 @@ TEST_F(RegionKindsTest, PagesAreSharedOrNot) {
     }
 }
 
-TEST(FileSystemsTest, OverlaysAreAsLocalAsTheirLayers) {
+TEST(FileSystemsTest, OverlayIsLocalIfAllLayersAre) {
     const auto kind = [](const std::string& options, bool areOurs = true) {
         FileSystems fileSystems;
         fileSystems.addMounts(

@@ -1,4 +1,4 @@
-// The texts under /proc, taken apart.
+// Parsers of the texts under /proc.
 
 #include <gmock/gmock.h>
 
@@ -9,7 +9,6 @@
 
 #include "base/Files.h"
 #include "base/Utf8.h"
-#include "linux/process/ProcessStat.h"
 #include "linux/process/ProcessStatus.h"
 #include "linux/process/Smaps.h"
 #include "support/TestData.h"
@@ -17,8 +16,8 @@
 namespace zorbel::test {
 namespace {
 
-// As the kernel printed them, with figures that tell the fields apart. Of others there are a few only, or one
-// has outgrown its column.
+// As the kernel printed them, with a different figure in each field. Other entries have fewer fields, or a
+// number that is wider than its column.
 const std::string kEntry = testData("smaps-entry.txt");
 const std::string kOthers = testData("smaps-others.txt");
 
@@ -32,7 +31,7 @@ std::string textOf(const SmapsEntry& entry) {
     return text + std::string(entry.path);
 }
 
-/// The entries of a text that comes from a file that gives so many bytes at a time.
+/// The entries of a text that is read in pieces of a given size.
 std::vector<std::string> parsePieces(std::string_view text, std::size_t pieceSize) {
     std::vector<std::string> entries;
     std::string buffer;
@@ -40,7 +39,7 @@ std::vector<std::string> parsePieces(std::string_view text, std::size_t pieceSiz
         atEnd = text.empty();
         buffer += text.substr(0, pieceSize);
         text.remove_prefix(std::min(pieceSize, text.size()));
-        const std::string piece = buffer;  // Of its exact size, so that a sanitizer sees reads beyond.
+        const std::string piece = buffer;  // Has the exact size, so that a sanitizer detects reads beyond it.
         buffer.erase(
             0, parseSmaps(piece, atEnd, [&](const SmapsEntry& entry) { entries.push_back(textOf(entry)); }));
     }
@@ -48,11 +47,11 @@ std::vector<std::string> parsePieces(std::string_view text, std::size_t pieceSiz
     return entries;
 }
 
-TEST(ProcTextTest, PiecesOfAnySizeGiveTheSameEntries) {
+TEST(ProcTextTest, AnyBufferSizeGivesTheSameEntries) {
     const std::string entry =
         "556c3323b000-556c3323f000 5p 4000 fe10:247767 flags 4f: 16 8+12 24 20 2048+4096 28 /usr/lib/a "
         "name\\012of two lines (deleted)";
-    // Fields stand where they stood before, then elsewhere.
+    // Fields at the same positions as before, then at others.
     const std::string text = kEntry + kEntry + kOthers;
     for (std::size_t pieceSize = 1; pieceSize <= text.size(); ++pieceSize)
         ASSERT_THAT(
@@ -65,7 +64,7 @@ TEST(ProcTextTest, PiecesOfAnySizeGiveTheSameEntries) {
             << pieceSize;
 }
 
-TEST(ProcTextTest, UnreadableLinesArePassedOver) {
+TEST(ProcTextTest, SkipsUnreadableLines) {
     const std::string text =
         "Rss: 4 kB\n1000-1000 rw-p 0 0:0 0 \nRss: 8 kB\n2000 rw-p 0 0:0 0 \nRss: 8 kB\n3000-4000 rw\n"
         "5000-6000 rw-p 0 0:0 0 \nRss: many\nSwap:\nVmFlags: x\n\nNew_Field: 7 kB\n"
@@ -76,22 +75,7 @@ TEST(ProcTextTest, UnreadableLinesArePassedOver) {
                                          "6000-7000 3p 0 0:0 flags 0: 12 0+0 0 0 0+0 0 [heap]"));
 }
 
-TEST(ProcTextTest, StatWithAHostileName) {
-    const auto stat = parseProcessStat(
-        "13569 (a) R 1 (b\n\x1b) S 1 13517 -1 34816 -1 4194304 99 0 0 0 0 0 0 0 20 0 1 0 344345 3133440 "
-        "391 18446744073709551615 94780361199616 94780361219497 140724475097168 0 0 0 0 0 0 0 0 0 17 1 0 0 "
-        "0\n");
-    ASSERT_TRUE(stat.has_value());
-    EXPECT_EQ(stat->command, "a) R 1 (b\n\x1b");
-    EXPECT_EQ(std::tuple(stat->state, stat->parentPid, stat->terminal, stat->flags, stat->startTime,
-                         stat->stackStart),
-              std::tuple('S', 1, 34816, 4194304U, 344345U, 140724475097168U));
-    for (const char* broken :
-         {"", "1 (a", "1 a) S 1", ") S (", "1 (a)", "1 (a) S", "1 (a) S 1 2 3", "1 (a) S x"})
-        EXPECT_FALSE(parseProcessStat(broken).has_value()) << broken;
-}
-
-TEST(ProcTextTest, StatusWithAHostileName) {
+TEST(ProcTextTest, ParsesStatusWithAHostileName) {
     const auto status = parseProcessStatus(testData("status.txt"));
     ASSERT_TRUE(status.has_value());
     EXPECT_EQ(status->charge(), (112 + 1024 + 8388608 + 2048) * 1024UL);
@@ -100,19 +84,19 @@ TEST(ProcTextTest, StatusWithAHostileName) {
     EXPECT_FALSE(parseProcessStatus("Name:\tgone\nState:\tZ (zombie)\nThreads:\t1\n").has_value());
 }
 
-TEST(ProcTextTest, PrintableTextsKeepWhatIsSafeToPrint) {
+TEST(ProcTextTest, PrintableEscapesUnsafeBytes) {
     const std::pair<std::string, std::string> texts[] = {
         {"plain text~", "plain text~"},
         {"\xC3\xA4 \xE2\x82\xAC \xF0\x9F\x98\x80", "\xC3\xA4 \xE2\x82\xAC \xF0\x9F\x98\x80"},
         {std::string("\0\n\x1B\x7F", 4), "\\x00\\x0A\\x1B\\x7F"},
-        {"\xC2\x80\xC2\x9F\xC2\xA0", "\\xC2\\x80\\xC2\\x9F\xC2\xA0"},               // The other controls.
-        {"\x80 \xFF \xC3", "\\x80 \\xFF \\xC3"},                                    // Stray and cut off.
-        {"\xC0\xAF \xE0\x80\xAF", "\\xC0\\xAF \\xE0\\x80\\xAF"},                    // Overlong.
+        {"\xC2\x80\xC2\x9F\xC2\xA0", "\\xC2\\x80\\xC2\\x9F\xC2\xA0"},  // Other control characters.
+        {"\x80 \xFF \xC3", "\\x80 \\xFF \\xC3"},                       // Stray and cut off.
+        {"\xC0\xAF \xE0\x80\xAF", "\\xC0\\xAF \\xE0\\x80\\xAF"},       // Overlong.
         {"\xED\xA0\x80 \xF4\x90\x80\x80", "\\xED\\xA0\\x80 \\xF4\\x90\\x80\\x80"},  // No characters.
         {"\xE2\x82\x1B[m", "\\xE2\\x82\\x1B[m"},
     };
     for (const auto& [text, expected] : texts) EXPECT_EQ(printable(text), expected);
-    EXPECT_EQ(printable("ab\xC3\xA9", 3), "ab");  // Nothing is cut in the middle.
+    EXPECT_EQ(printable("ab\xC3\xA9", 3), "ab");  // Characters are not split.
     EXPECT_EQ(printable("ab\x1B", 5), "ab");
 }
 
