@@ -44,14 +44,13 @@ class MachineOfTextsTest : public Test {
 
     /// The baker's parent, flags and command, and whether it still runs.
     std::string record() {
-        LinuxPlatform platform(messages, {_path + "/proc", _path + "/sys"});
+        LinuxPlatform platform(messages, root);
         std::ostringstream text;
         BsdInfoRecord info;
         if (platform.proc_pidinfo(kBaker, info))
             text << info.pbi_ppid << ' ' << std::hex << info.pbi_flags << std::dec << ' '
                  << std::string_view(info.pbi_comm, strnlen(info.pbi_comm, sizeof info.pbi_comm));
-        TaskName task = kTaskNull;
-        EXPECT_EQ(platform.task_for_pid(kBaker, task), kKernSuccess);
+        const TaskName task = openBaker(platform);
         BsdShortInfoRecord state;
         const int error = platform.proc_pidinfo(task, state);
         text << ", " << (error != 0 ? strerrorname_np(error) : std::to_string(state.pbsi_status));
@@ -60,9 +59,8 @@ class MachineOfTextsTest : public Test {
 
     /// Each of the baker's regions with its pages: resident/dirty/swapped/reusable; then the code at the end.
     std::string regions() {
-        LinuxPlatform platform(messages, {_path + "/proc", _path + "/sys"});
-        TaskName task = kTaskNull;
-        EXPECT_EQ(platform.task_for_pid(kBaker, task), kKernSuccess);
+        LinuxPlatform platform(messages, root);
+        const TaskName task = openBaker(platform);
         platform.readTask(task);
         std::ostringstream text;
         std::uint64_t size = 0;
@@ -83,9 +81,8 @@ class MachineOfTextsTest : public Test {
 
     /// What the baker is charged, now and at most, and its memory in the kernel, in KiB.
     std::string charges() {
-        LinuxPlatform platform(messages, {_path + "/proc", _path + "/sys"});
-        TaskName task = kTaskNull;
-        EXPECT_EQ(platform.task_for_pid(kBaker, task), kKernSuccess);
+        LinuxPlatform platform(messages, root);
+        const TaskName task = openBaker(platform);
         ResourceUsageRecord usage;
         KernelMemoryRecord kernel;
         const int error = platform.proc_pid_rusage(task, usage);
@@ -97,13 +94,20 @@ class MachineOfTextsTest : public Test {
                std::to_string(kernel.total_palloc / 1024);
     }
 
+    static TaskName openBaker(LinuxPlatform& platform) {
+        TaskName task = kTaskNull;
+        EXPECT_EQ(platform.task_for_pid(kBaker, task), kKernSuccess);
+        return task;
+    }
+
     RecordedDiagnostics messages;
     const std::string _path = mkdtemp(std::string("/tmp/zorbel-unit-XXXXXX").data());
+    const SystemRoot root = {_path + "/proc", _path + "/sys"};
 };
 
 TEST_F(MachineOfTextsTest, ReportOnAHealthyMachine) {
     if (sysconf(_SC_PAGESIZE) != 4096) GTEST_SKIP() << "the report counts pages of 4 KiB";
-    LinuxPlatform platform(messages, {_path + "/proc", _path + "/sys"});
+    LinuxPlatform platform(messages, root);
     std::vector<std::int32_t> pids;
     EXPECT_TRUE(platform.proc_listallpids(pids));
     EXPECT_THAT(pids, ElementsAre(0, kBaker, kBaker + 1, kBaker + 2, kBaker + 3));
