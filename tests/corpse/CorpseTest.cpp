@@ -87,8 +87,11 @@ TEST(CorpseArgumentsTest, ErrorsKeepTheNextHandler) {
         EXPECT_EQ(parsed.status, 1) << words[0] << words[1];
         EXPECT_EQ(parsed.then, "/c d ") << words[0] << words[1];
     }
-    for (const std::vector<std::string>& words :
-         {std::vector<std::string>{}, {"1", "x", "11"}, {"1", "x", "11", "0", "--then"}}) {
+    for (const std::vector<std::string>& words : {std::vector<std::string>{},
+                                                  {"1", "x", "11"},
+                                                  {"1", "x", "11", "0", "--then"},
+                                                  {"1", "x", "11", "0", "then", "/c"},
+                                                  {"-1", "x", "11", "0", "--then", "/c", "d"}}) {
         const Parsed parsed = parse(words);
         EXPECT_EQ(parsed.status, 1);
         EXPECT_EQ(parsed.settings.then, nullptr);
@@ -213,7 +216,7 @@ TEST_F(CorpsePartsTest, FilesOfReports) {
     EXPECT_THAT(files(""), ElementsAre("a.json", "a.txt"));
     EXPECT_THAT(fill("new ", true, 13, true), FieldsAre("", "head new ", "new "));
     fs::remove(_path + "/a.txt"), fs::remove(_path + "/a.json");
-    EXPECT_EQ(fill("four", true, 12, false).error, "the report is larger than a tenth of what may be kept");
+    EXPECT_EQ(fill("four", true, 12, false).error, "the report is larger than a tenth of --keepMiB");
     EXPECT_EQ(fill("slow", false, 99, false).error, "the report takes too long");
     EXPECT_THAT(files(""), IsEmpty());
 }

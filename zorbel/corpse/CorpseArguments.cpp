@@ -84,8 +84,11 @@ std::optional<int> parseCorpseArguments(int argc, char* argv[], Diagnostics& dia
     isRight = isRight && count >= kArguments && takeWhole(rest[0], crash.pid) && crash.pid > 0 &&
               takeWhole(rest[2], crash.signal) && takeWhole(rest[3], crash.time);
     if (count > kArguments) {
-        isRight = isRight && count > kArguments + 1 && std::string_view(rest[kArguments]) == "--then";
-        if (count > kArguments + 1) settings.then = rest + kArguments + 1;
+        // A next handler gets its turn even where the other arguments are wrong, but only behind its own
+        // word.
+        const bool hasThen = std::string_view(rest[kArguments]) == "--then" && count > kArguments + 1;
+        if (hasThen) settings.then = rest + kArguments + 1;
+        isRight = isRight && hasThen;
     }
     if (!isRight) {
         diagnostics.report("wrong arguments; see --help");
