@@ -65,7 +65,7 @@ Result<void> fillFromPipes(ReportFile& text, ReportFile& document,
                 file->closeSource();
                 continue;
             }
-            const auto appended = file->append({piece.data(), static_cast<std::size_t>(count)});
+            auto appended = file->append({piece.data(), static_cast<std::size_t>(count)});
             if (!appended) return appended;
         }
         if (text.size() + document.size() > mostBytes)

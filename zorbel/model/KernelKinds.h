@@ -56,7 +56,7 @@ namespace zorbel {
     ROW(kBootStolen, 10, "BOOT_STOLEN")
 // clang-format on
 
-#define ZB_ROW_CONSTANT(constant, number, name) constant = number,
+#define ZB_ROW_CONSTANT(constant, number, name) constant = (number),
 enum class KernelTag : std::uint64_t { ZB_KERNEL_TAGS(ZB_ROW_CONSTANT) };
 enum class KernelCounter : std::uint64_t {
     ZB_KERNEL_COUNTERS(ZB_ROW_CONSTANT) kFirstOfOurOwn,  ///< Counters from here on have their own names.
@@ -69,7 +69,7 @@ struct KernelName {
     const char* name;
 };
 
-#define ZB_ROW_NAME(constant, number, name) {number, name},
+#define ZB_ROW_NAME(constant, number, name) {(number), (name)},
 inline constexpr KernelName kKernelTagNames[] = {ZB_KERNEL_TAGS(ZB_ROW_NAME)};
 inline constexpr KernelName kKernelCounterNames[] = {ZB_KERNEL_COUNTERS(ZB_ROW_NAME)};
 #undef ZB_ROW_NAME

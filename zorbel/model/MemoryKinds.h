@@ -63,7 +63,7 @@ namespace zorbel {
     ROW(kGoHeap, 68, "Go heap")
 // clang-format on
 
-#define ZB_ROW_CONSTANT(constant, tag, name) constant = tag,
+#define ZB_ROW_CONSTANT(constant, tag, name) constant = (tag),
 /// Tags of regions.
 enum class Tag : std::uint8_t {
     kNone = 0,
