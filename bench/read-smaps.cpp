@@ -44,8 +44,10 @@ std::size_t readInto(std::vector<char>& memory, const std::string& path) {
 
 }  // namespace
 
-int main() {
-    const std::vector<std::string> paths = smapsPaths();
+int main(int argc, char* argv[]) {
+    std::vector<std::string> paths;
+    for (int i = 1; i < argc; ++i) paths.push_back(std::string("/proc/") + argv[i] + "/smaps");
+    if (paths.empty()) paths = smapsPaths();
     std::atomic<std::size_t> next = 0;
     std::atomic<std::size_t> bytes = 0;
     const auto work = [&] {

@@ -17,7 +17,7 @@ foreach(manual IN LISTS manuals)
     install(FILES ${CMAKE_BINARY_DIR}/${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/${directory})
 endforeach()
 
-install(FILES README.md CHANGELOG.md docs/corpses.md docs/memgraph.md docs/memgraph.schema.json
+install(FILES README.md CHANGELOG.md docs/corpses.md docs/how-it-counts.md docs/memgraph.md docs/memgraph.schema.json
     docs/report.schema.json
     DESTINATION ${CMAKE_INSTALL_DOCDIR})
 

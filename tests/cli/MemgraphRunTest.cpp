@@ -51,6 +51,18 @@ TEST_F(MemgraphRunTest, ReportsOnAllKindsOfMachines) {
     EXPECT_EQ(reports, testData("graphs/reports.txt"));
 }
 
+TEST_F(MemgraphRunTest, SharedPartsCountForTheirObjects) {
+    const Outcome outcome = zorbel({"-w", "-f", "pages", kGraphs + "shared.memgraph"});
+    EXPECT_THAT(outcome.out, HasSubstr("\nBar [43] (memgraph): 64-bit\tZorbel: 80 pages "));
+    // Of 32 dirty and 5 swapped pages, 10 and 2 are the region's own; 44 count for what it shares.
+    EXPECT_THAT(outcome.out, HasSubstr("   56 pages       6 pages       0 pages       0 pages       0 pages"
+                                       "          2    untagged (\"VM_ALLOCATE\")\n"
+                                       "   17 pages       1 pages       0 pages       0 pages       0 pages"
+                                       "          1    memfd\n"
+                                       "    7 pages       0 pages      23 pages       0 pages       0 pages"
+                                       "          2    mapped file\n"));
+}
+
 TEST_F(MemgraphRunTest, DescriptionSelectsTheKindOfMachine) {
     const auto isSplit = [&](const std::string& description) {
         const Outcome outcome = zorbel({graphOf(description)});

@@ -68,10 +68,9 @@ TEST(MemoryTest, SharedMemoryCountsOnce) {
     const Fixture first({[&] { file.touch(0, 20), other.touch(0, 3), anonymous.touch(0, 18); }});
     const Fixture second({[&] { file.touch(5, 6), anonymous.touch(10, 20); }});
     const Outcome both = measure({first.pid(), second.pid()});
-    // Pages of two processes at the same offsets count as the same memory, at least as much as one
-    // process has: 18 and 20 pages of 30.
+    // Every page of the object counts, once, no matter who touched it.
     const std::pair<std::string, Row> expected[] = {{"memfd", {.dirty = 23, .regions = 4}},
-                                                    {kSharedAnonymous, {.dirty = 20, .regions = 2}}};
+                                                    {kSharedAnonymous, {.dirty = 30, .regions = 2}}};
     for (const auto& [category, row] : expected) {
         EXPECT_EQ(both.summary()[category], row);
         for (const auto& [self, peer] : {std::pair(&first, &second), std::pair(&second, &first)}) {
@@ -81,10 +80,10 @@ TEST(MemoryTest, SharedMemoryCountsOnce) {
         }
     }
     EXPECT_EQ(measure({first.pid(), second.pid()}).output, both.output);
-    // In separate reports, each has the pages that it touched.
+    // Also in a report on one of them.
     EXPECT_EQ(measure({first.pid()}).summary(), Table());
-    EXPECT_EQ(ownRow(first, kSharedAnonymous), (Row{.dirty = 18, .regions = 1}));
-    EXPECT_EQ(ownRow(second, "memfd"), (Row{.dirty = 6, .regions = 2}));
+    EXPECT_EQ(ownRow(first, kSharedAnonymous), (Row{.dirty = 30, .regions = 1}));
+    EXPECT_EQ(ownRow(second, "memfd"), (Row{.dirty = 23, .regions = 2}));
 }
 
 TEST(MemoryTest, CopiedPagesCountForEachProcess) {
@@ -95,7 +94,10 @@ TEST(MemoryTest, CopiedPagesCountForEachProcess) {
     const auto both = [&] { return measure({reader.pid(), writer.pid()}); };
     EXPECT_EQ(both().summary()["POSIX shared memory"], (Row{.dirty = 20, .regions = 2}));
     writer.next();
-    EXPECT_EQ(both().tableOf(writer.pid())["POSIX shared memory"], (Row{.dirty = 20, .regions = 1}));
+    // The copies are the writer's own, and the file still has what they were made of.
+    const Outcome copied5 = both();
+    EXPECT_EQ(copied5.tableOf(writer.pid())["POSIX shared memory"], (Row{.dirty = 5, .regions = 1}));
+    EXPECT_EQ(copied5.summary()["POSIX shared memory"], (Row{.dirty = 25, .regions = 2}));
 }
 
 TEST(MemoryTest, NoRegionHasMorePagesThanAddresses) {

@@ -117,11 +117,11 @@ ProgramRun::~ProgramRun() {
 }
 
 bool ProgramRun::stopWhileReading(pid_t target) const {
-    const std::string smaps = "/proc/" + std::to_string(target) + "/smaps";
-    while (!hasOpen(_pid, smaps))
+    const std::string maps = "/proc/" + std::to_string(target) + "/maps";
+    while (!hasOpen(_pid, maps))
         if (changeOf(_pid, WEXITED | WNOHANG) != 0) return false;
     kill(_pid, SIGSTOP);
-    return changeOf(_pid, WSTOPPED | WEXITED) == CLD_STOPPED && hasOpen(_pid, smaps);
+    return changeOf(_pid, WSTOPPED | WEXITED) == CLD_STOPPED && hasOpen(_pid, maps);
 }
 
 void ProgramRun::interrupt() const {

@@ -158,25 +158,26 @@ TEST_F(MachineOfTextsTest, RecordsFromHostileStats) {
 
 TEST_F(MachineOfTextsTest, RegionsFromHostileSmaps) {
     const std::string entry = "1000-3000 rw-p 0 0:0 0 [heap]\nRss: 8 kB\nPrivate_Dirty: 4 kB\n";
-    const std::string regionOfEntry = "1000-3000 2/1/0/0 ";
+    const std::string regionOfEntry = "1000-3000 2/2/0/0 ";
     const std::string second = "8000-9000 rw-p 0 0:0 0 \nRss: 4 kB\n";
-    const std::string regionOfSecond = "8000-9000 1/0/0/0 ";
+    const std::string regionOfSecond = "8000-9000 1/1/0/0 ";
     const std::pair<std::string, std::string> rows[] = {
         {entry + second, regionOfEntry + regionOfSecond + "1"},
         {entry + second.substr(0, 4), regionOfEntry + "1"},
         {entry + second.substr(0, 12), regionOfEntry + "1"},
         {entry + second.substr(0, 27), regionOfEntry + "8000-9000 0/0/0/0 1"},
-        {entry + "Rss: 12 kB\nUnknown: 4 kB\n\n\xff\n" + second, "1000-3000 3/1/0/0 " + regionOfSecond + "1"},
+        {entry + "Rss: 12 kB\nUnknown: 4 kB\n\n\xff\n" + second, "1000-3000 3/3/0/0 " + regionOfSecond + "1"},
         // Of entries that overlap, the later one counts: the kernel has merged the others into it.
         {entry + "2000-4000 rw-p 0 0:0 0 \nRss: 4 kB\n" + second,
-         "2000-4000 1/0/0/0 " + regionOfSecond + "1"},
+         "2000-4000 1/1/0/0 " + regionOfSecond + "1"},
         {entry + entry, regionOfEntry + "1"},
         {second + entry, regionOfEntry + "1"},
         {"3000-1000 rw-p 0 0:0 0 \nRss: 4 kB\n" + second, regionOfSecond + "1"},
         {"10000000000000000-10000000000001000 rw-p 0 0:0 0 \n" + second, regionOfSecond + "1"},
         {"ffffffffff600000-ffffffffffffffff r--p 0 0:0 0 \nRss: 4 kB\n",
-         "ffffffffff600000-ffffffffffffffff 1/0/0/0 1"},
-        {"1000-5000000000000 rw-p 0 0:0 0 \nRss: 17179869180 kB\n", "1000-5000000000000 4294967295/0/0/0 1"},
+         "ffffffffff600000-ffffffffffffffff 1/1/0/0 1"},
+        {"1000-5000000000000 rw-p 0 0:0 0 \nRss: 17179869180 kB\n",
+         "1000-5000000000000 4294967295/4294967295/0/0 1"},
         {"1000-3000 rw-s 0 ffe:1 7 /" + std::string(200000, 'x') + "\nRss: 4 kB\n" + second,
          regionOfSecond + "1"},
         {std::string("\x7f"

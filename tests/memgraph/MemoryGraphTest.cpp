@@ -42,6 +42,23 @@ std::string withoutBlanks(std::string text) {
     return text;
 }
 
+/// The sample, of which a region with 40960 resident, 20000 dirty and 16384 swapped bytes has these parts.
+std::string sampleWithParts(const std::string& parts) {
+    const std::string purgeable = "\"object_id\": 3, \"purgeable\": 3";
+    return sampleWith(purgeable, purgeable + ", \"shared\": [" + parts + "]");
+}
+
+/// A part with these members in place of its usual ones.
+std::string partWith(const std::string& member, const std::string& value) {
+    std::string text =
+        "{\"object_id\": 9, \"resident_size\": 8192, \"swapped_out_size\": 4096, "
+        "\"dirty_size\": 4096, \"object_resident_size\": 69632, "
+        "\"object_swapped_out_size\": 16384, \"object_dirty_size\": 65536}";
+    const std::size_t start = text.find("\"" + member + "\": ") + member.size() + 4;
+    return text.replace(start, text.find_first_of(",}", start) - start, value);
+}
+const std::string kPart = partWith("object_id", "9");
+
 TEST(MemoryGraphTest, RoundTripKeepsTheGraph) {
     const std::string text = rewritten(kSample);
     EXPECT_EQ(withoutBlanks(text), withoutBlanks(kSample));
@@ -59,6 +76,61 @@ TEST(MemoryGraphTest, RoundTripKeepsTheGraph) {
     EXPECT_EQ(rewritten(sampleWith("\"processName\"", "\"process\\u004Eame\"")), text);
     EXPECT_THAT(rewritten(sampleWith("\"length\": 65536", "\"length\": 9223372036854775807")),
                 HasSubstr("begins before"));
+}
+
+TEST(MemoryGraphTest, RoundTripKeepsSharedParts) {
+    const std::string sample = sampleWithParts(kPart + ", " + partWith("object_id", "0"));
+    const std::string text = rewritten(sample);
+    EXPECT_EQ(withoutBlanks(text), withoutBlanks(sample));
+    EXPECT_EQ(rewritten(text), text);
+    // A region without parts does not have the member, and parts may have members of later versions.
+    EXPECT_EQ(rewritten(sampleWithParts("")), rewritten(kSample));
+    EXPECT_EQ(rewritten(sampleWithParts("{\"new\": [{\"shared\": [0]}], " + kPart.substr(1))),
+              rewritten(sampleWithParts(kPart)));
+    // As large as the region allows, and as many.
+    EXPECT_THAT(rewritten(sampleWithParts(partWith("dirty_size", "8192") + ", " + kPart)), StartsWith("{"));
+    std::string many = kPart;
+    for (int i = 1; i < 8; ++i) many += ", " + partWith("swapped_out_size", "0");
+    EXPECT_THAT(rewritten(sampleWithParts(many)),
+                StartsWith("regions[2] has fewer dirty bytes than its parts"));
+    EXPECT_THAT(rewritten(sampleWithParts(many + ", 1")),
+                StartsWith("regions[2].shared[8] must be an object"));
+    EXPECT_THAT(rewritten(sampleWithParts(many + ", " + kPart)),
+                StartsWith("regions[2].shared[8] is more than the 8 that a region may have (line 16, "));
+}
+
+TEST(MemoryGraphTest, RejectsWrongParts) {
+    const std::pair<std::string, const char*> rows[] = {
+        {"3", "regions[2].shared[0] must be an object (line 16, column "},
+        {"[" + kPart + "]", "regions[2].shared[0] must be an object"},
+        {kPart + ", null", "regions[2].shared[1] must be an object"},
+        {kPart + ", {}", "regions[2].shared[1] \"object_id\" is missing"},
+        {kPart + ", " + partWith("dirty_size", "-1"),
+         "regions[2].shared[1].dirty_size must be a whole number"},
+        {partWith("dirty_size", "{}"), "regions[2].shared[0].dirty_size must be a whole number"},
+        {partWith("dirty_size", "8193"), "regions[2].shared[0] has more dirty than resident bytes"},
+        {partWith("dirty_size", "1, \"dirty_size\": 1"), "regions[2].shared[0].dirty_size appears twice"},
+        {partWith("object_id", "4294967296"), "regions[2].shared[0].object_id must be a whole number"},
+        {partWith("object_dirty_size", "69633"),
+         "regions[2].shared[0] has an object with more dirty than resident bytes"},
+        {partWith("object_swapped_out_size", "17592186040321"),
+         "regions[2].shared[0].object_swapped_out_size must be a whole number from 0 to 17592186040320"},
+        {kPart + ", " + partWith("swapped_out_size", "12289"),
+         "regions[2] has fewer swapped bytes than its parts"},
+        {kPart + ", " + partWith("resident_size", "20961"),
+         "regions[2] has fewer clean bytes than its parts"},
+        {kPart + "], \"shared\": [", "regions[2].shared appears twice"},
+        {kPart + "], \"purgeable\": [", "regions[2].purgeable must be a whole number"},
+    };
+    for (const auto& [parts, wrong] : rows)
+        EXPECT_THAT(rewritten(sampleWithParts(parts)), StartsWith(wrong)) << parts;
+    for (const char* other : {"1", "null", "{}", "\"\""})
+        EXPECT_THAT(
+            rewritten(sampleWith("\"purgeable\": 3", "\"purgeable\": 3, \"shared\": " + std::string(other))),
+            StartsWith("regions[0].shared must be an array"));
+    const std::string whole = sampleWithParts(kPart);
+    for (std::size_t size = 0; size + 2 < whole.size(); ++size)
+        ASSERT_FALSE(rewritten(whole.substr(0, size)).starts_with('{')) << size;
 }
 
 TEST(MemoryGraphTest, ErrorsHaveLineAndColumn) {

@@ -88,7 +88,7 @@ class ZBZorbel {
 
     /// Separate tables, because the same id in two of them means different memory.
     struct ObjectTables {
-        ObjectTable _memoryObjects;
+        ObjectTable _memoryObjects;  ///< Also what processes share after a fork, and files that are memory.
         ObjectTable _sharedCache64MemoryObjects;
         ObjectTable _sharedCache32MemoryObjects;
         ObjectTable _textMemoryObjects;

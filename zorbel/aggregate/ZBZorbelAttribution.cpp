@@ -10,10 +10,17 @@ namespace zorbel {
 
 namespace {
 
-/// Whether the region has pages copied on write, which belong to its process only.
-bool hasPagesOfItsOwn(const ZBMemoryRegion& region) {
-    return region.share_mode() == kShareModeCopyOnWrite &&
-           (region.dirtySize() != 0 || region.swappedSize() != 0);
+/// Whether the region's pages are no longer what they are a copy of, and so its process's own.
+bool hasPagesOfItsOwn(const ZBMemoryRegion& region, const SizeCounts& own) {
+    return region.share_mode() == kShareModeCopyOnWrite && own.charged() != 0;
+}
+
+/// The object that everything in a region counts for, where that is not one of its own; 0 otherwise.
+std::uint64_t onlySharedObject(const ZBMemoryRegion& region, const SizeCounts& own) {
+    if (own != SizeCounts()) return 0;
+    for (const SharedPart& part : region.sharedParts())
+        if (part.object_id != 0) return part.object_id;
+    return 0;
 }
 
 }  // namespace
@@ -35,21 +42,33 @@ ZBZorbel::ObjectTable& ZBZorbel::ObjectTables::tableForRegion(const ZBProcess& p
 ZBMemoryObject& ZBZorbel::_newObject() { return _objects.emplace_back(_objects.size()); }
 
 void ZBZorbel::_addProcess(ZBProcess& process) {
-    ObjectTables ownTables;  // Objects that no other process can map.
+    ObjectTables ownTables;  // Of the objects that no other process can map.
+    ObjectTable& sharedTable = _objectTables._memoryObjects;
+    const auto objectAt = [this](ObjectTable& table, std::uint64_t key) {
+        ZBMemoryObject*& known = table[key];
+        if (known == nullptr) known = &_newObject();
+        return known;
+    };
     for (ZBMemoryRegion& region : process.memoryRegions()) {
+        const SizeCounts own = region.ownSizes();
         const std::uint64_t key = region.inSharedCache() ? region.start() : region.object_id();
-        const bool isOwn = hasPagesOfItsOwn(region);
+        const bool isOwn = hasPagesOfItsOwn(region, own);
         ZBMemoryObject* object = nullptr;
-        if (key == 0 && !isOwn) {
+        if (const std::uint64_t shared = onlySharedObject(region, own))
+            object = objectAt(sharedTable, shared);
+        else if (key == 0 && !isOwn)
             object = &_newObject();
-        } else {
-            ObjectTables& tables = isOwn ? ownTables : _objectTables;
-            ZBMemoryObject*& known = tables.tableForRegion(process, region)[key];
-            if (known == nullptr) known = &_newObject();
-            object = known;
-        }
+        else
+            object = objectAt((isOwn ? ownTables : _objectTables).tableForRegion(process, region), key);
         object->addRegion(region, process.pageSize());
         region.setMemoryObject(object);
+        for (SharedPart& part : region.sharedParts()) {
+            if (part.object_id == 0) continue;
+            // What is dirty of a file on disk is part of the file, whose clean pages the region maps as well.
+            const bool isOfSame = part.object_id == region.object_id() && own != SizeCounts();
+            part.memoryObject = isOfSame ? object : objectAt(sharedTable, part.object_id);
+            part.memoryObject->addSharedPart(region, part, process.pageSize());
+        }
     }
 }
 
@@ -60,7 +79,8 @@ void ZBZorbel::_calculateSizes() {
 std::uint64_t ZBZorbel::_calculateZorbelForProcess(const ZBProcess& process) const {
     std::vector<const ZBMemoryObject*> objects;
     objects.reserve(process.memoryRegions().size());
-    for (const ZBMemoryRegion& region : process.memoryRegions()) objects.push_back(region.memoryObject());
+    for (const ZBMemoryRegion& region : process.memoryRegions())
+        forEachObject(region, [&](const ZBMemoryObject& object) { objects.push_back(&object); });
     std::sort(objects.begin(), objects.end(), std::less<>());
     objects.erase(std::unique(objects.begin(), objects.end()), objects.end());
     std::uint64_t zorbel = 0;
@@ -90,7 +110,9 @@ ZBZorbelSharingData ZBZorbel::_sharingData() {
     std::vector<const ZBProcess*> mappers(count);
     for (const auto& process : _processes)
         for (const ZBMemoryRegion& region : process->memoryRegions())
-            mappers[places[region.memoryObject()->ordinal()]++] = process.get();
+            forEachObject(region, [&](const ZBMemoryObject& object) {
+                mappers[places[object.ordinal()]++] = process.get();
+            });
 
     ZBZorbelSharingData data;
     auto first = mappers.begin();

@@ -44,12 +44,12 @@ Categories ZBZorbel::_categoriesForAllProcesses() const {
     Categories categories;
     std::vector<bool> seen(_objects.size());
     for (const auto& process : _processes)
-        for (const ZBMemoryRegion& region : process->memoryRegions()) {
-            ZBMemoryObject& object = *region.memoryObject();
-            if (seen[object.ordinal()]) continue;
-            seen[object.ordinal()] = true;
-            categoryNamed(categories, region.name(), region.segment()).addMemoryObject(object);
-        }
+        for (const ZBMemoryRegion& region : process->memoryRegions())
+            forEachObject(region, [&](ZBMemoryObject& object) {
+                if (seen[object.ordinal()]) return;
+                seen[object.ordinal()] = true;
+                categoryNamed(categories, region.name(), region.segment()).addMemoryObject(object);
+            });
     return categories;
 }
 

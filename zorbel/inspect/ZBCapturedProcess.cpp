@@ -1,8 +1,12 @@
 #include "inspect/ZBCapturedProcess.h"
 
 #include <algorithm>
+#include <boost/unordered/unordered_flat_map.hpp>
+#include <boost/unordered/unordered_flat_set.hpp>
 #include <limits>
 #include <tuple>
+
+#include "model/ZBMemoryObject.h"
 
 namespace zorbel {
 
@@ -25,7 +29,31 @@ void ZBCapturedProcess::enumerateRegions(const RegionVisitor& visitor) {
     });
 }
 
-void ZBCapturedProcess::separateObjects(std::span<ZBCapturedProcess* const> processes) {
+void ZBCapturedProcess::_stateAll(ZBMemoryRegion& region) {
+    ZBMemoryObject* object = region.memoryObject();
+    const SizeCounts own = region.ownSizes();
+    std::vector<SharedPart>& parts =
+        _wholeParts.emplace_back(region.sharedParts().begin(), region.sharedParts().end());
+    auto whole = std::ranges::find(parts, object, &SharedPart::memoryObject);
+    if (whole == parts.end()) whole = parts.insert(whole, {region.object_id(), {}, {}, object});
+    whole->sizes += own;
+    whole->objectSizes = object->totalSizes();
+    region.setSharedParts(parts);
+}
+
+void ZBCapturedProcess::_stateWholeObjects(std::span<ZBCapturedProcess* const> processes) {
+    boost::unordered_flat_set<const ZBMemoryObject*> partlyStated;
+    for (const ZBCapturedProcess* process : processes)
+        for (const ZBMemoryRegion& region : process->memoryRegions())
+            for (const SharedPart& part : region.sharedParts())
+                if (part.memoryObject == region.memoryObject() && region.ownSizes() != SizeCounts())
+                    partlyStated.insert(part.memoryObject);
+    for (ZBCapturedProcess* process : processes)
+        for (ZBMemoryRegion& region : process->memoryRegions())
+            if (partlyStated.contains(region.memoryObject())) process->_stateAll(region);
+}
+
+std::uint32_t ZBCapturedProcess::_separateRanges(std::span<ZBCapturedProcess* const> processes) {
     struct Range {
         ZBMemoryRegion* region;
         std::uint64_t start;
@@ -48,7 +76,7 @@ void ZBCapturedProcess::separateObjects(std::span<ZBCapturedProcess* const> proc
     std::ranges::sort(ranges, [](const Range& a, const Range& b) {
         return std::tuple(a.object(), a.start) < std::tuple(b.object(), b.start);
     });
-    std::uint64_t id = 0;
+    std::uint32_t id = 0;
     std::uint64_t end = 0;
     auto object = decltype(ranges.front().object())();
     for (const Range& range : ranges) {
@@ -60,6 +88,49 @@ void ZBCapturedProcess::separateObjects(std::span<ZBCapturedProcess* const> proc
         end = std::max(end, range.end);
         range.region->setObject_id(id);
     }
+    return id;
+}
+
+void ZBCapturedProcess::separateObjects(std::span<ZBCapturedProcess* const> processes) {
+    _stateWholeObjects(processes);
+    std::uint32_t id = _separateRanges(processes);
+    boost::unordered_flat_map<const ZBMemoryObject*, std::uint32_t> ids;
+    for (ZBCapturedProcess* process : processes)
+        for (ZBMemoryRegion& region : process->memoryRegions())
+            for (SharedPart& part : region.sharedParts()) {
+                if (part.memoryObject == nullptr) continue;
+                const auto [known, isNew] = ids.try_emplace(part.memoryObject, id + 1);
+                if (isNew) ++id;
+                part.object_id = known->second;
+            }
+}
+
+std::vector<GraphSharedPart> ZBCapturedProcess::_graphPartsOf(const ZBMemoryRegion& region) {
+    // Graphs have no reclaimable bytes, but clean ones.
+    const auto residentOf = [](const SizeCounts& sizes) {
+        return sizes.dirty + sizes.clean + sizes.reclaimable;
+    };
+    std::vector<GraphSharedPart> parts;
+    std::uint64_t dirty = region.dirtySize();
+    std::uint64_t other = residentOf(region.sizes()) - dirty;
+    std::uint64_t swapped = region.swappedSize();
+    const auto take = [](std::uint64_t& from, std::uint64_t size) {
+        const std::uint64_t taken = std::min(from, size);
+        from -= taken;
+        return taken;
+    };
+    for (const SharedPart& part : region.sharedParts()) {
+        GraphSharedPart& saved = parts.emplace_back();
+        saved.object_id = static_cast<std::uint32_t>(part.object_id);
+        // Together, the parts have no more than the region.
+        saved.dirty_size = take(dirty, part.sizes.dirty);
+        saved.resident_size = saved.dirty_size + take(other, residentOf(part.sizes) - part.sizes.dirty);
+        saved.swapped_out_size = take(swapped, part.sizes.swapped);
+        saved.object_dirty_size = part.objectSizes.dirty;
+        saved.object_resident_size = residentOf(part.objectSizes);
+        saved.object_swapped_out_size = part.objectSizes.swapped;
+    }
+    return parts;
 }
 
 GraphRegion ZBCapturedProcess::_graphRegionOf(const ZBMemoryRegion& region, const Details& details,
@@ -84,6 +155,7 @@ GraphRegion ZBCapturedProcess::_graphRegionOf(const ZBMemoryRegion& region, cons
     saved.is_submap = record.is_submap;
     saved.object_id = static_cast<std::uint32_t>(region.object_id());
     saved.purgeable = details.purgeableState;
+    saved.shared = _graphPartsOf(region);
     return saved;
 }
 

@@ -97,7 +97,21 @@ void ZBMemgraphProcess::_gatherPhysZorbel() {
     _phys_zorbel_peak = _graph->process().physZorbelPeak;
 }
 
-RegionInfoRecord ZBMemgraphProcess::_recordOf(const GraphRegion& region) const {
+SharedPages ZBMemgraphProcess::_pagesOf(const GraphSharedPart& part) const {
+    const auto pages = [this](std::uint64_t size) { return size / _pageSize; };
+    const auto pages32 = [&](std::uint64_t size) { return static_cast<std::uint32_t>(pages(size)); };
+    SharedPages shared;
+    shared.object_id = part.object_id;
+    shared.pages_resident = pages32(part.resident_size);
+    shared.pages_swapped_out = pages32(part.swapped_out_size);
+    shared.pages_clean = shared.pages_resident - pages32(part.dirty_size);
+    shared.object_pages_resident = pages(part.object_resident_size);
+    shared.object_pages_swapped_out = pages(part.object_swapped_out_size);
+    shared.object_pages_clean = shared.object_pages_resident - pages(part.object_dirty_size);
+    return shared;
+}
+
+RegionInfoRecord ZBMemgraphProcess::_recordOf(const GraphRegion& region) {
     // Pieces of the shared region may share pages, so their sizes are counted in bytes.
     const std::uint64_t unit = _isInSharedRegion(region.address) ? 1 : _pageSize;
     const auto count = [unit](std::uint64_t size) { return static_cast<std::uint32_t>(size / unit); };
@@ -114,6 +128,9 @@ RegionInfoRecord ZBMemgraphProcess::_recordOf(const GraphRegion& region) const {
     record.share_mode = region.share_mode;
     record.is_submap = region.is_submap;
     record.object_id = region.object_id;
+    _shared.clear();
+    for (const GraphSharedPart& part : region.shared) _shared.push_back(_pagesOf(part));
+    record.shared = _shared;
     return record;
 }
 

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "inspect/ZBUserProcess.h"
 #include "platform/MemoryGraphReader.h"
@@ -37,9 +38,12 @@ class ZBMemgraphProcess : public ZBUserProcess {
     [[nodiscard]] bool _isAlive() const override { return false; }
 
   private:
-    [[nodiscard]] RegionInfoRecord _recordOf(const GraphRegion& region) const;
+    /// The record lends what the next call overwrites.
+    [[nodiscard]] RegionInfoRecord _recordOf(const GraphRegion& region);
+    [[nodiscard]] SharedPages _pagesOf(const GraphSharedPart& part) const;
 
     std::unique_ptr<MemoryGraphReader> _graph;
+    std::vector<SharedPages> _shared;  ///< Of the region of the last record.
 };
 
 }  // namespace zorbel

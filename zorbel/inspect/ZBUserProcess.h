@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <forward_list>
 #include <functional>
 #include <memory>
 #include <span>
@@ -107,8 +108,11 @@ class ZBUserProcess : public ZBProcess {
     static void _setNames(ZBMemoryRegion& region, const RegionInfoRecord& record, int purgeableState,
                           Name path, bool breakDown);
 
+    /// Takes over what of a region's sizes counts for objects of its own.
+    void _setSharedParts(ZBMemoryRegion& region, const RegionInfoRecord& record);
     bool _queryPages(std::uint64_t start, std::span<std::int32_t> dispositions);
 
+    std::forward_list<std::vector<SharedPart>> _sharedParts;  ///< Lent to the regions.
     SharedRegionSplit _sharedRegionSplit{_memoryRegions};
 };
 

@@ -41,6 +41,7 @@ void ZBUserProcess::_gatherMemoryData() {
         if (!_isInSharedRegion(address)) {
             _memoryRegions.push_back(
                 _regionFromRecord(address, size, record, purgeableState, path, breakDown, images));
+            if (!record.shared.empty()) _setSharedParts(_memoryRegions.back(), record);
             return false;
         }
         const auto populate = [this](ZBMemoryRegion& piece, const RegionInfoRecord& whole) {
@@ -90,6 +91,28 @@ void ZBUserProcess::_setSizes(ZBMemoryRegion& region, const RegionInfoRecord& re
     region.setReclaimableSize(page * record.pages_reusable);
     region.setSwappedSize(page * record.pages_swapped_out);
     region.setCleanNonSpecSize(page * cleanPages);
+}
+
+void ZBUserProcess::_setSharedParts(ZBMemoryRegion& region, const RegionInfoRecord& record) {
+    const std::uint64_t page = _pageSize;
+    const bool isWired = record.user_wired_count != 0;
+    const auto sizes = [&](std::uint64_t resident, std::uint64_t swapped, std::uint64_t reusable,
+                           std::uint64_t clean) {
+        return SizeCounts{.dirty = page * (resident - reusable - clean),
+                          .swapped = page * swapped,
+                          .clean = page * clean,
+                          .reclaimable = page * reusable,
+                          .wired = isWired ? page * resident : 0};
+    };
+    std::vector<SharedPart>& parts = _sharedParts.emplace_front();
+    parts.reserve(record.shared.size());
+    for (const SharedPages& shared : record.shared)
+        parts.push_back({shared.object_id,
+                         sizes(shared.pages_resident, shared.pages_swapped_out, shared.pages_reusable,
+                               shared.pages_clean),
+                         sizes(shared.object_pages_resident, shared.object_pages_swapped_out,
+                               shared.object_pages_reusable, shared.object_pages_clean)});
+    region.setSharedParts(parts);
 }
 
 void ZBUserProcess::_setNames(ZBMemoryRegion& region, const RegionInfoRecord& record, int purgeableState,

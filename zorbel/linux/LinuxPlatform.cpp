@@ -16,9 +16,11 @@
 #include <thread>
 
 #include "base/Utf8.h"
+#include "linux/Settlement.h"
 #include "linux/process/PageSize.h"
 #include "linux/process/ProcessDirectory.h"
 #include "linux/process/ProcessStat.h"
+#include "linux/process/VmStatistics.h"
 #include "memgraph/MemoryGraph.h"
 
 namespace zorbel {
@@ -158,6 +160,7 @@ bool LinuxPlatform::proc_pidinfo(std::int32_t pid, BsdInfoRecord& record) {
     const auto text = readWholeFile(_root.ofProcess(pid, "/stat").c_str(), AT_FDCWD);
     const auto stat = text ? parseProcessStat(*text) : std::nullopt;
     if (!stat || (stat->flags & ProcessStat::kKernelThread) != 0) return false;
+    _stackStarts[pid] = stat->stackStart;
     record = {};
     record.pbi_pid = static_cast<std::uint32_t>(pid);
     record.pbi_ppid = static_cast<std::uint32_t>(stat->parentPid);
@@ -210,6 +213,8 @@ KernReturn LinuxPlatform::task_for_pid(std::int32_t pid, TaskName& task) {
     } else if (!saysGone(errno)) {
         return kernReturnFromErrno(errno);
     }
+    if (const auto known = _stackStarts.find(pid); known != _stackStarts.end())
+        opened.stackStart = known->second;
     _tasks.push_back(std::move(opened));
     task = static_cast<TaskName>(_tasks.size());
     return kKernSuccess;
@@ -262,11 +267,61 @@ int LinuxPlatform::proc_get_dirty(std::int32_t /*pid*/, std::uint32_t& flags) {
     return 0;
 }
 
+/// What all readings need to know: once, when all tasks are open.
+void LinuxPlatform::_prepareReading() {
+    std::vector<Families::Process> processes;
+    processes.reserve(_tasks.size());
+    for (const Task& task : _tasks)
+        processes.push_back({task.pid, task.stackStart, task.status && task.status->swapped != 0});
+    _families.emplace(processes);
+    _mayScan = PageTables::canScan(_root);
+    const auto merged = readWholeFile((_root.sys + "/kernel/mm/ksm/pages_shared").c_str(), AT_FDCWD);
+    _mergesPages = merged && *merged != "0\n";
+    if (const auto statistics = readWholeFile((_root.proc + "/vmstat").c_str(), AT_FDCWD)) {
+        const VmStatistics pages = parseVmStatistics(*statistics);
+        _hasLazyPages = pages.hasLazyPages;
+        _lazyPages = pages.lazyPages;
+    }
+}
+
+// smaps holds up a process that maps memory, and costs as much as all else. Lazily freed pages are counted by
+// the kernel with those of files, so their number is known within a few hundred pages: where there are hardly
+// any, only small processes of small runs are looked at for them.
+bool LinuxPlatform::_mayHaveDetails(const Task& task) const {
+    constexpr std::uint64_t kUncertainty = 256;
+    constexpr std::size_t kFewTasks = 16;
+    constexpr std::uint64_t kSmallProcess = 64 << 20;
+    if (!task.status || task.status->locked != 0) return true;
+    if (!_hasLazyPages) return false;
+    return _lazyPages > kUncertainty ||
+           (_tasks.size() <= kFewTasks && task.status->residentAnonymous <= kSmallProcess);
+}
+
 void LinuxPlatform::readTask(TaskName name) {
+    std::call_once(_isReadingPrepared, [this] { _prepareReading(); });
     Task& task = _taskNamed(name);
     const TaskDirectory directory(task, _root);
     if (directory.get() < 0) return;
-    task.snapshot = std::make_unique<TaskSnapshot>(directory.get(), _fileSystems, _elfFiles, _objectIds);
+    bool hasMergedPages = false;
+    if (_mergesPages) {
+        const auto merged = readWholeFile("ksm_merging_pages", directory.get());
+        hasMergedPages = !merged || *merged != "0\n";
+    }
+    const LineageUse use = _families->useOf(name - 1, hasMergedPages);
+    task.lineages = use.lineages;
+    task.snapshot = std::make_unique<TaskSnapshot>(directory.get(), _services(), use, _mayHaveDetails(task));
+}
+
+void LinuxPlatform::settleTasks() {
+    if (_families) _families->settle();
+    std::vector<ReadTask> tasks;
+    tasks.reserve(_tasks.size());
+    for (const Task& task : _tasks) {
+        const std::size_t index = tasks.size();
+        const std::size_t first = _families ? _families->firstOfAddressSpace(index) : index;
+        tasks.push_back({task.snapshot.get(), first, task.lineages});
+    }
+    settle(tasks, _services());
 }
 
 void LinuxPlatform::forgetTask(TaskName task) { _taskNamed(task).snapshot.reset(); }
@@ -349,8 +404,13 @@ Result<std::unique_ptr<MemoryGraphReader>> LinuxPlatform::openMemoryGraph(std::s
     auto graph = parseMemoryGraph(contents);
     if (!graph) return graph.error();
     const Name capture(graph->capture);
-    for (GraphRegion& region : graph->regions)
-        if (region.object_id != 0) region.object_id = _objectIds.idOfSaved(capture, region.object_id);
+    const auto translate = [&](std::uint32_t& id) {
+        if (id != 0) id = _objectIds.idOfSaved(capture, id);
+    };
+    for (GraphRegion& region : graph->regions) {
+        translate(region.object_id);
+        for (GraphSharedPart& part : region.shared) translate(part.object_id);
+    }
     return std::make_unique<LoadedMemoryGraph>(*std::move(graph));
 }
 

@@ -3,11 +3,14 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "base/Files.h"
+#include "linux/Families.h"
 #include "linux/TaskSnapshot.h"
 #include "linux/kernel/KernelMemory.h"
 #include "linux/kinds/FileSystems.h"
@@ -64,10 +67,10 @@ class LinuxPlatform : public Platform, private Symbolicator {
     /// Linux does not end idle processes.
     int proc_get_dirty(std::int32_t pid, std::uint32_t& flags) override;
 
-    /// Takes a snapshot of /proc/PID/smaps and finds the images in it.
+    /// From /proc/PID/maps, the page tables, and the ELF files that are mapped. smaps is read where the
+    /// kernel can't scan page tables, and where a process may have locked or lazily freed pages.
     void readTask(TaskName task) override;
-    /// Does nothing: so far nothing depends on several tasks.
-    void settleTasks() override {}
+    void settleTasks() override;
     void forgetTask(TaskName task) override;
 
     /// From the snapshot.
@@ -108,7 +111,9 @@ class LinuxPlatform : public Platform, private Symbolicator {
         std::int32_t pid = 0;
         std::uint64_t startTime = 0;
         FileDescriptor directory;
+        std::uint64_t stackStart = 0;  ///< 0 where it is not known.
         std::optional<ProcessStatus> status;
+        const Lineages* lineages = nullptr;  ///< Where its pages are noted.
         std::unique_ptr<TaskSnapshot> snapshot;
     };
     class TaskDirectory;
@@ -120,8 +125,23 @@ class LinuxPlatform : public Platform, private Symbolicator {
     Diagnostics& _diagnostics;
     SystemRoot _root;
     FileSystems _fileSystems;
+    [[nodiscard]] SnapshotServices _services() {
+        return {_fileSystems, _elfFiles, _objectIds, _sharedFiles, _mayScan};
+    }
+    void _prepareReading();
+    [[nodiscard]] bool _mayHaveDetails(const Task& task) const;
+
     ElfFiles _elfFiles;
     ObjectIds _objectIds;
+    SharedFiles _sharedFiles;
+    std::once_flag _isReadingPrepared;
+    std::optional<Families> _families;  ///< Of the tasks, from the first reading on.
+    bool _mayScan = true;
+    bool _mergesPages = false;     ///< Whether KSM has merged pages of any process.
+    std::uint64_t _lazyPages = 0;  ///< About how many pages of all processes are lazily freed.
+    bool _hasLazyPages = false;    ///< Whether any page ever was.
+    /// By pid, from the records of processes.
+    std::unordered_map<std::int32_t, std::uint64_t> _stackStarts;
     std::unique_ptr<KernelMemory> _kernelMemory;  ///< Null until mach_memory_info is called.
     /// Grows only while processes are opened, before any of them is read.
     std::deque<Task> _tasks;

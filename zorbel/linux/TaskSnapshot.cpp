@@ -32,38 +32,10 @@ constexpr std::size_t kLongestPath = 1024;
 /// A process that calls exec during each of these readings is reported as exited.
 constexpr int kMostReadings = 3;
 
-std::uint32_t pagesOf(std::uint64_t kibibytes) {
-    return static_cast<std::uint32_t>(kibibytes * 1024 / pageSize());
-}
-
-/// Whether the address space that the smaps was opened for still exists. If not, reading returns nothing.
-bool isAlive(int smaps) {
+/// Whether the address space that maps or smaps was opened for still exists. If not, reading returns nothing.
+bool isAlive(int maps) {
     char byte = 0;
-    return pread(smaps, &byte, 1, 0) == 1;
-}
-
-/// Whether a region of a file may have pages that are no longer the file's. Swapped pages of a mapping that
-/// is not writable are still the file's.
-bool hasOwnPages(const SmapsEntry& entry) {
-    return !entry.isShared && (entry.anonymous != 0 || entry.hugetlb() != 0 ||
-                               (entry.swap != 0 && (entry.permissions & SmapsEntry::kWrite) != 0));
-}
-
-/// The share mode of an entry. All pages of a file that lives in memory only are charged. So a private
-/// mapping of it without own pages counts as shared, like the file's other mappings.
-std::uint8_t shareModeOf(const SmapsEntry& entry, bool hasStorage) {
-    if (entry.isShared) return kShareModeShared;
-    if (!mapsFile(entry))
-        return entry.resident + entry.hugetlb() + entry.swap == 0 ? kShareModeEmpty : kShareModePrivate;
-    return !hasStorage && !hasOwnPages(entry) ? kShareModeShared : kShareModeCopyOnWrite;
-}
-
-/// Resident KiB charged to the process. The pages of vdso and vvar belong to the kernel and are the same in
-/// every process. A process has own pages there only if a debugger has written to them.
-std::uint64_t residentOf(const SmapsEntry& entry, const RegionKind& kind) {
-    const bool isKernels = kind.tag == Tag::kVdso || kind.tag == Tag::kVvar || kind.tag == Tag::kVsyscall;
-    // "Rss" does not include huge pages.
-    return isKernels ? entry.anonymous : entry.resident + entry.hugetlb();
+    return pread(maps, &byte, 1, 0) == 1;
 }
 
 FileUse fileUseOf(const RegionKind& kind, FileSystems::Kind fileSystem) {
@@ -75,33 +47,43 @@ FileUse fileUseOf(const RegionKind& kind, FileSystems::Kind fileSystem) {
     return mayHang ? FileUse::kLookOnly : FileUse::kMayBeRead;
 }
 
-RegionInfoRecord recordOf(const SmapsEntry& entry, const RegionKind& kind) {
-    RegionInfoRecord record;
-    record.protection = entry.permissions;
-    record.max_protection = static_cast<std::int32_t>(
-        entry.flags & (SmapsEntry::kMayRead | SmapsEntry::kMayWrite | SmapsEntry::kMayExecute));
-    record.offset = mapsFile(entry) ? entry.offset : entry.start;
-    record.user_tag = static_cast<std::uint32_t>(kind.tag);
-    record.pages_resident = pagesOf(residentOf(entry, kind));
-    record.pages_dirtied = pagesOf(entry.sharedDirty + entry.privateDirty + entry.hugetlb());
-    record.pages_swapped_out = pagesOf(entry.swap);
-    record.pages_reusable = pagesOf(entry.lazyFree);
-    const bool isWired = (entry.flags & (SmapsEntry::kLocked | SmapsEntry::kHugePages)) != 0;
-    record.user_wired_count = isWired ? record.pages_resident : 0;
-    record.external_pager = kind.hasStorage ? 1 : 0;
-    record.share_mode = shareModeOf(entry, kind.hasStorage);
-    return record;
+/// What smaps says about the pages of a region; nothing of that is in maps.
+RegionPages pagesOf(const SmapsEntry& entry, bool hasStorage) {
+    RegionPages pages;
+    // "Rss" has no huge pages.
+    pages.anonymous = pagesOfKibibytes(entry.anonymous + (entry.isShared ? 0 : entry.hugetlb()));
+    pages.file = pagesOfKibibytes(entry.resident - std::min(entry.anonymous, entry.resident) +
+                                  (entry.isShared ? entry.hugetlb() : 0));
+    // "Swap" counts the pages of a file in memory as well. A private mapping that is not writable has none of
+    // its own.
+    const bool isOfFile =
+        entry.isShared || (mapsFile(entry) && !hasStorage && (entry.permissions & SmapsEntry::kWrite) == 0);
+    (isOfFile ? pages.fileSwapped : pages.swapped) = pagesOfKibibytes(entry.swap);
+    const std::uint64_t dirty = entry.sharedDirty + entry.privateDirty;
+    pages.fileDirty = pagesOfKibibytes(dirty - std::min(entry.isShared ? 0 : entry.anonymous, dirty));
+    pages.lazy = pagesOfKibibytes(entry.lazyFree);
+    return pages;
 }
 
 }  // namespace
 
-TaskSnapshot::TaskSnapshot(int processDirectory, FileSystems& fileSystems, ElfFiles& elfFiles,
-                           ObjectIds& objectIds)
-    : _fileSystems(fileSystems), _objectIds(objectIds) {
+TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& services,
+                           const LineageUse& lineageUse, bool withDetails)
+    : _services(services) {
     _readRegions(processDirectory);
-    _findImages(elfFiles, processDirectory);
+    const int memoryDirectory = _directoryOfMemory(processDirectory);
+    PageTables tables(memoryDirectory, _services.mayScan);
+    const bool isDirtyKnown = _noteFiles(memoryDirectory);
+    if (_services.mayScan && (withDetails || !isDirtyKnown)) _readDetails(memoryDirectory);
+    for (SnapshotRegion& region : _regions) region.isWritten = region.isWritten || region.hasOwnPages();
+    _findImages(processDirectory);
+    _recountSplitRegions(tables);
+    _notePages(tables, lineageUse);
+    _fillRecords();
+    findAnonymousKinds(_regions);
     // The snapshot is kept until all tasks are read, so free what is no longer needed.
     _regions.shrink_to_fit();
+    _splitRegions = {};
     _thread = FileDescriptor();
 }
 
@@ -111,7 +93,7 @@ void TaskSnapshot::_readRegions(int processDirectory) {
         _regions.clear();
         _regions.reserve(kUsualRegions);
         anyTask(processDirectory, [&](const std::string& place) {
-            _codeAtEnd = _read(processDirectory, (place + "smaps").c_str());
+            _codeAtEnd = _read(processDirectory, place);
             if (_codeAtEnd == kMachSendInvalidDest && _regions.empty()) return false;
             if (!place.empty()) _thread = openDirectory(place.c_str(), processDirectory);
             return true;
@@ -122,19 +104,19 @@ void TaskSnapshot::_readRegions(int processDirectory) {
             break;
         }
     }
-    findAnonymousKinds(_regions);
 }
 
-KernReturn TaskSnapshot::_read(int processDirectory, const char* path) {
-    const FileDescriptor smaps = openForReading(path, processDirectory);
-    if (!smaps.isOpen())
+KernReturn TaskSnapshot::_read(int processDirectory, const std::string& place) {
+    const std::string path = place + (_services.mayScan ? "maps" : "smaps");
+    const FileDescriptor maps = openForReading(path.c_str(), processDirectory);
+    if (!maps.isOpen())
         return errno == ENOENT || errno == ESRCH ? kMachSendInvalidDest : kernReturnFromErrno(errno);
     // One for each worker thread, reused for all its processes.
     thread_local const auto buffer = std::make_unique_for_overwrite<char[]>(kBufferSize);
     const auto addEntry = [&](const SmapsEntry& entry) { _addEntry(entry, processDirectory); };
     std::size_t filled = 0;
     for (;;) {
-        const std::ptrdiff_t count = readSome(smaps.get(), buffer.get() + filled, kBufferSize - filled);
+        const std::ptrdiff_t count = readSome(maps.get(), buffer.get() + filled, kBufferSize - filled);
         if (count < 0 && errno != ESRCH) return kernReturnFromErrno(errno);
         const bool atEnd = count <= 0;
         if (!atEnd) filled += static_cast<std::size_t>(count);
@@ -146,7 +128,15 @@ KernReturn TaskSnapshot::_read(int processDirectory, const char* path) {
         filled -= consumed;
         if (filled == kBufferSize) filled = 0;  // No entry is that large.
     }
-    return isAlive(smaps.get()) ? kKernInvalidAddress : kMachSendInvalidDest;
+    if (_services.mayScan) {
+        const FileDescriptor directory =
+            place.empty() ? FileDescriptor() : openDirectory(place.c_str(), processDirectory);
+        PageTables tables(directory.isOpen() ? directory.get() : processDirectory);
+        const int error = tables.isOpen() ? _countPages(tables, _regions) : errno;
+        if (error != 0 && error != ESRCH && error != ENOENT) return kernReturnFromErrno(error);
+    }
+    // Asked at the end: page tables that are gone count nothing.
+    return isAlive(maps.get()) ? kKernInvalidAddress : kMachSendInvalidDest;
 }
 
 void TaskSnapshot::_addEntry(const SmapsEntry& entry, int processDirectory) {
@@ -160,16 +150,21 @@ void TaskSnapshot::_addEntry(const SmapsEntry& entry, int processDirectory) {
     SnapshotRegion& region = _regions.emplace_back();
     region.start = entry.start;
     region.end = entry.end;
-    region.record = recordOf(entry, kind);
-    region.fileId = isFile && _objectIds.tellsFile(_file.identity) ? _file.objectId : 0;
-    // Pages that were copied for this region are no longer the file's.
-    const bool isFileItself = region.fileId != 0 && !hasOwnPages(entry);
-    region.record.object_id = isFileItself ? region.fileId : _objectIds.newId();
+    region.record.protection = entry.permissions;
+    region.record.max_protection = static_cast<std::int32_t>(
+        entry.flags & (SmapsEntry::kMayRead | SmapsEntry::kMayWrite | SmapsEntry::kMayExecute));
+    if (region.record.max_protection == 0) region.record.max_protection = entry.permissions;
+    region.record.offset = isFile ? entry.offset : entry.start;
+    region.record.user_tag = static_cast<std::uint32_t>(kind.tag);
+    region.record.external_pager = kind.hasStorage ? 1 : 0;
+    region.fileId = isFile && _services.objectIds.tellsFile(_file.identity) ? _file.number : 0;
     region.isPlainAnonymous = entry.path.empty() && !entry.isShared && kind.tag == Tag::kNone;
     region.isPrivate = !entry.isShared;
     region.isHuge = kind.tag == Tag::kHugePages;
+    region.isLocked = (entry.flags & SmapsEntry::kLocked) != 0;
     region.isWritten = !entry.isShared && ((entry.permissions & SmapsEntry::kWrite) != 0 ||
                                            (entry.flags & SmapsEntry::kAccounted) != 0);
+    region.pages = pagesOf(entry, kind.hasStorage);
     if (!isFile) return;
     region.path = _file.path;
     region.device = entry.device;
@@ -183,10 +178,10 @@ void TaskSnapshot::_lookAtFile(const SmapsEntry& entry, int processDirectory) {
         struct stat ipc {};
         if (fstatat(processDirectory, "ns/ipc", &ipc, 0) == 0) identity.ipcNamespace = ipc.st_ino;
     }
-    if (_file.objectId == 0 || identity != _file.identity) {
+    if (_file.number == 0 || identity != _file.identity) {
         _file.identity = identity;
         _file.fileSystem = _kindOfFileSystem(entry, processDirectory);
-        _file.objectId = _objectIds.idOfFile(identity);
+        _file.number = _services.objectIds.numberOfFile(identity);
     }
     if (!_file.path.isPresent() || entry.path != _file.rawPath) {
         _file.rawPath = entry.path;
@@ -196,11 +191,11 @@ void TaskSnapshot::_lookAtFile(const SmapsEntry& entry, int processDirectory) {
 
 /// If our own namespace does not mount the file system, looks at the mounts of the process, once.
 FileSystems::Kind TaskSnapshot::_kindOfFileSystem(const SmapsEntry& entry, int processDirectory) {
-    const FileSystems::Kind kind = _fileSystems.kindOf(entry.device);
+    const FileSystems::Kind kind = _services.fileSystems.kindOf(entry.device);
     if (kind != FileSystems::Kind::kUnknown || entry.path[0] != '/' || _knowsMounts) return kind;
     _knowsMounts = true;
-    _fileSystems.addMountsOf(processDirectory);
-    return _fileSystems.kindOf(entry.device);
+    _services.fileSystems.addMountsOf(processDirectory);
+    return _services.fileSystems.kindOf(entry.device);
 }
 
 const SnapshotRegion* TaskSnapshot::regionAtOrAfter(std::uint64_t address) const {

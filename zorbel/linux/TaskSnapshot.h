@@ -2,6 +2,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <forward_list>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -10,22 +12,51 @@
 #include "linux/images/LoadedImages.h"
 #include "linux/kinds/FileSystems.h"
 #include "linux/kinds/ObjectIds.h"
+#include "linux/pages/Lineages.h"
+#include "linux/pages/PageTables.h"
+#include "linux/pages/SharedFiles.h"
+#include "linux/pages/SwapCache.h"
 #include "linux/process/Smaps.h"
 #include "linux/process/SnapshotRegion.h"
 #include "platform/Platform.h"
 
 namespace zorbel {
 
-/// The regions and images of a process, from one reading of its smaps. Regions are disjoint and in ascending
-/// order.
+/// What all snapshots of a run share.
+struct SnapshotServices {
+    FileSystems& fileSystems;
+    ElfFiles& elfFiles;
+    ObjectIds& objectIds;
+    SharedFiles& sharedFiles;
+    /// Whether the kernel can scan page tables (PAGEMAP_SCAN, Linux 6.7). Otherwise smaps is read.
+    bool mayScan = true;
+};
+
+/// How a process notes its private pages, where another target may have them in common with it.
+struct LineageUse {
+    Lineages* lineages = nullptr;  ///< Null where none can.
+    /// Whether frames and slots identify pages. Without that right, addresses do, among the members of a
+    /// family.
+    bool seesFrames = true;
+    SwapCache* swapCache = nullptr;  ///< Null where no member of the family has a page in swap.
+};
+
+/// The regions and images of a process. Regions are disjoint and in ascending order.
 ///
-/// The kernel merges neighbours, such as a library's zeroed data and a heap above it. So regions are split
-/// where a segment of an image begins or ends.
+/// The regions come from maps, and their pages from the page tables. The kernel merges neighbours, such as a
+/// library's zeroed data and a heap above it: regions are split where a segment of an image begins or ends.
 class TaskSnapshot {
   public:
     /// Reads a process, given its /proc directory. If the address space disappears meanwhile, reads again:
     /// the process may have called exec.
-    TaskSnapshot(int processDirectory, FileSystems& fileSystems, ElfFiles& elfFiles, ObjectIds& objectIds);
+    /// With details, smaps is read too, which alone shows locked and lazily freed pages.
+    TaskSnapshot(int processDirectory, const SnapshotServices& services, const LineageUse& lineageUse = {},
+                 bool withDetails = false);
+
+    /// Fills in what depends on other tasks: object ids, and what counts for shared objects.
+    [[nodiscard]] std::vector<SnapshotRegion>& regions() { return _regions; }
+    /// Keeps what the records of regions lend.
+    std::span<const SharedPages> keep(std::span<const SharedPages> shared);
 
     /// The first region that ends above the address, or null.
     [[nodiscard]] const SnapshotRegion* regionAtOrAfter(std::uint64_t address) const;
@@ -44,34 +75,51 @@ class TaskSnapshot {
 
   private:
     void _readRegions(int processDirectory);
-    void _findImages(ElfFiles& files, int processDirectory);
-    void _split(std::vector<std::uint64_t> cuts, int processDirectory);
-    KernReturn _read(int processDirectory, const char* path);
+    KernReturn _read(int processDirectory, const std::string& place);
     void _addEntry(const SmapsEntry& entry, int processDirectory);
     void _lookAtFile(const SmapsEntry& entry, int processDirectory);
     [[nodiscard]] FileSystems::Kind _kindOfFileSystem(const SmapsEntry& entry, int processDirectory);
+
+    void _findImages(int processDirectory);
+    void _split(std::vector<std::uint64_t> cuts);
+
+    // In TaskSnapshotPages.cpp.
+    /// Counts the pages of regions that follow each other. 0 or an errno.
+    static int _countPages(PageTables& tables, std::span<SnapshotRegion> counted);
+    void _recountSplitRegions(PageTables& tables);
+    void _readDetails(int processDirectory);
+    /// False where the dirty pages of a file on disk can't be counted in the file: smaps shows them.
+    bool _noteFiles(int processDirectory);
+    void _notePages(PageTables& tables, const LineageUse& use);
+    static void _notePagesOf(SnapshotRegion& region, PageTables& tables, const LineageUse& use);
+    void _fillRecords();
 
     /// The directory whose files show the address space.
     [[nodiscard]] int _directoryOfMemory(int processDirectory) const {
         return _thread.isOpen() ? _thread.get() : processDirectory;
     }
 
-    FileSystems& _fileSystems;
-    ObjectIds& _objectIds;
+    SnapshotServices _services;
     FileDescriptor _thread;  ///< The /proc directory of a thread; open if the process's own files do not show
                              ///< its memory.
     std::vector<SnapshotRegion> _regions;
     LoadedImages _images;
+    std::forward_list<std::vector<SharedPages>> _shared;  ///< Lent by the records of the regions.
     KernReturn _codeAtEnd = kKernInvalidAddress;
     mutable std::size_t _lastFound = 0;
     bool _knowsMounts = false;
+    struct SplitRegion {
+        std::uint64_t start;
+        std::uint64_t end;
+    };
+    std::vector<SplitRegion> _splitRegions;
 
     /// The file of the last entry that maps one. Regions of one file follow each other, so the next entry
     /// usually maps the same file.
     struct {
         FileIdentity identity;
         FileSystems::Kind fileSystem = FileSystems::Kind::kUnknown;
-        std::uint32_t objectId = 0;
+        std::uint32_t number = 0;
         std::string rawPath;
         Name path;
     } _file;

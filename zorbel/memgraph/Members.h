@@ -3,6 +3,7 @@
 // The JSON members of a memory graph, for reading and writing.
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -71,6 +72,20 @@ inline const std::array<Member<GraphRegion>, 17> kRegionMembers = {{
     {"is_submap", &GraphRegion::is_submap},
     {"object_id", &GraphRegion::object_id, kMost32},
     {"purgeable", &GraphRegion::purgeable, kPurgeableDeny},
+}};
+
+/// The only optional member of a region, which it has if there are parts; after the others.
+inline constexpr std::string_view kSharedMember = "shared";
+inline constexpr std::size_t kMostParts = 8;
+
+inline const std::array<Member<GraphSharedPart>, 7> kPartMembers = {{
+    {"object_id", &GraphSharedPart::object_id, kMost32},
+    {"resident_size", &GraphSharedPart::resident_size, kMostBytes},
+    {"swapped_out_size", &GraphSharedPart::swapped_out_size, kMostBytes},
+    {"dirty_size", &GraphSharedPart::dirty_size, kMostBytes},
+    {"object_resident_size", &GraphSharedPart::object_resident_size, kMostBytes},
+    {"object_swapped_out_size", &GraphSharedPart::object_swapped_out_size, kMostBytes},
+    {"object_dirty_size", &GraphSharedPart::object_dirty_size, kMostBytes},
 }};
 
 }  // namespace zorbel

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <boost/json/basic_parser_impl.hpp>
 #include <new>
@@ -98,6 +99,104 @@ class MemberCursor {
     std::size_t _current = kUnknown;
 };
 
+/// Where in the document the next event belongs.
+class Place {
+  public:
+    /// Each is inside of the one before.
+    enum class Level : std::uint8_t { kStart, kDocument, kRegions, kRegion, kParts, kPart };
+
+    [[nodiscard]] Level level() const { return _level; }
+
+    void enter() {
+        _level = static_cast<Level>(static_cast<int>(_level) + 1);
+        if (isInObject()) cursor().reset();
+    }
+    void leave() { _level = static_cast<Level>(static_cast<int>(_level) - 1); }
+
+    [[nodiscard]] bool isInObject() const {
+        return _level == Level::kDocument || _level == Level::kRegion || _level == Level::kPart;
+    }
+
+    /// Members of the current object. The one after the last of its table is its array.
+    [[nodiscard]] MemberCursor& cursor() { return _cursors[static_cast<std::size_t>(_level)]; }
+    [[nodiscard]] const MemberCursor& cursor() const { return _cursors[static_cast<std::size_t>(_level)]; }
+
+    void moveTo(std::string_view name) {
+        switch (_level) {
+            case Level::kDocument:
+                return _moveTo(kGraphMembers, kRegionsMember, name);
+            case Level::kRegion:
+                return _moveTo(kRegionMembers, kSharedMember, name);
+            default:
+                return cursor().moveTo(kPartMembers, name);
+        }
+    }
+
+    [[nodiscard]] bool isAtUnknown() const {
+        return isInObject() && cursor().current() == MemberCursor::kUnknown;
+    }
+    [[nodiscard]] bool isAtArray() const {
+        return (_level == Level::kDocument && cursor().current() == kGraphMembers.size()) ||
+               (_level == Level::kRegion && cursor().current() == kRegionMembers.size());
+    }
+
+    /// The name of the first required member that the current object does not have; empty if it has all.
+    [[nodiscard]] std::string_view missingMember() const {
+        switch (_level) {
+            case Level::kDocument: {
+                const std::size_t missing = cursor().firstMissing(kGraphMembers.size() + 1);
+                if (missing == kGraphMembers.size()) return kRegionsMember;
+                return missing < kGraphMembers.size() ? kGraphMembers[missing].name : std::string_view();
+            }
+            case Level::kRegion:
+                return _missingIn(kRegionMembers);
+            default:
+                return _missingIn(kPartMembers);
+        }
+    }
+
+    /// Path of the current member, such as regions[2].type.
+    [[nodiscard]] std::string path(const MemoryGraph& graph) const {
+        const auto element = [](std::string_view array, std::size_t index) {
+            return std::string(array) + "[" + std::to_string(index) + "]";
+        };
+        std::string name;
+        if (_level == Level::kDocument) name = _memberName(kGraphMembers, kRegionsMember);
+        if (_level <= Level::kDocument) return name.empty() ? "the document" : name;
+        if (_level == Level::kRegions) return element(kRegionsMember, graph.regions.size());
+        const std::string region = element(kRegionsMember, graph.regions.size() - 1);
+        if (_level == Level::kRegion) {
+            name = _memberName(kRegionMembers, kSharedMember);
+            return name.empty() ? region : region + "." + name;
+        }
+        const std::size_t parts = graph.regions.back().shared.size();
+        if (_level == Level::kParts) return region + "." + element(kSharedMember, parts);
+        name = _memberName(kPartMembers, "");
+        return region + "." + element(kSharedMember, parts - 1) + (name.empty() ? "" : ".") + name;
+    }
+
+  private:
+    template <typename Members>
+    void _moveTo(const Members& members, std::string_view array, std::string_view name) {
+        cursor().moveTo(members, name);
+        if (name == array) cursor().setCurrent(members.size());
+    }
+    template <typename Members>
+    [[nodiscard]] std::string_view _missingIn(const Members& members) const {
+        const std::size_t missing = cursor().firstMissing(members.size());
+        return missing < members.size() ? members[missing].name : std::string_view();
+    }
+    template <typename Members>
+    [[nodiscard]] std::string _memberName(const Members& members, std::string_view array) const {
+        const std::size_t current = cursor().current();
+        if (current < members.size()) return std::string(members[current].name);
+        return current == members.size() ? std::string(array) : std::string();
+    }
+
+    Level _level = Level::kStart;
+    std::array<MemberCursor, 6> _cursors;  ///< By level.
+};
+
 /// Receives the parser's events and fills a graph. Skips unknown members.
 class Handler {
   public:
@@ -112,46 +211,41 @@ class Handler {
 
     bool on_object_begin(json::error_code& ec) {
         if (_isPassedOver()) return _passOver();
-        if (_place == Place::kDocument || _place == Place::kRegion) return _take(NoSuchValue(), ec);
-        if (_place == Place::kStart) {
-            _place = Place::kDocument;
-            _members.reset();
-            return true;
+        if (_place.isInObject()) return _take(NoSuchValue(), ec);
+        if (_place.level() == Level::kRegions) _graph.regions.emplace_back();
+        if (_place.level() == Level::kParts) {
+            std::vector<GraphSharedPart>& parts = _graph.regions.back().shared;
+            if (parts.size() == kMostParts)
+                return _fail("is more than the " + std::to_string(kMostParts) + " that a region may have",
+                             ec);
+            parts.emplace_back();
         }
-        _place = Place::kRegion;
-        _graph.regions.emplace_back();
-        _regionMembers.reset();
+        _place.enter();
         return true;
     }
 
     bool on_object_end(std::size_t /*count*/, json::error_code& ec) {
         if (_passedOver > 0) return _leave();
-        if (_place == Place::kRegion) {
-            const std::size_t missing = _regionMembers.firstMissing(kRegionMembers.size());
-            if (missing < kRegionMembers.size()) return _failMissing(kRegionMembers[missing].name, ec);
-            if (!_checkRegion(ec)) return false;
-            _place = Place::kRegions;
-            return true;
-        }
-        const std::size_t missing = _members.firstMissing(kGraphMembers.size() + 1);
-        if (missing < kGraphMembers.size()) return _failMissing(kGraphMembers[missing].name, ec);
-        if (missing == kGraphMembers.size()) return _failMissing(kRegionsMember, ec);
-        _place = Place::kStart;
+        const std::string_view missing = _place.missingMember();
+        _place.cursor().reset();  // From here on, errors are about the object, not a member.
+        if (!missing.empty()) return _fail("\"" + std::string(missing) + "\" is missing", ec);
+        if (_place.level() == Level::kRegion && !_checkRegion(ec)) return false;
+        if (_place.level() == Level::kPart && !_checkPart(ec)) return false;
+        _place.leave();
         return true;
     }
 
     bool on_array_begin(json::error_code& ec) {
         if (_isPassedOver()) return _passOver();
-        if (_place != Place::kDocument || _members.current() != kRegionsIndex)
-            return _take(NoSuchValue(), ec);
-        if (!_members.markSeen()) return _fail("appears twice", ec);
-        _place = Place::kRegions;
+        if (!_place.isAtArray()) return _take(NoSuchValue(), ec);
+        if (!_place.cursor().markSeen()) return _fail("appears twice", ec);
+        _place.enter();
         return true;
     }
 
     bool on_array_end(std::size_t /*count*/, json::error_code& /*ec*/) {
         if (_passedOver > 0) return _leave();
-        _place = Place::kDocument;
+        _place.leave();
         return true;
     }
 
@@ -162,14 +256,7 @@ class Handler {
 
     bool on_key(json::string_view rest, std::size_t /*size*/, json::error_code& /*ec*/) {
         _keep(rest);
-        if (_passedOver > 0) {
-            // Inside of an unknown member.
-        } else if (_place == Place::kRegion) {
-            _regionMembers.moveTo(kRegionMembers, _text);
-        } else {
-            _members.moveTo(kGraphMembers, _text);
-            if (_text == kRegionsMember) _members.setCurrent(kRegionsIndex);
-        }
+        if (_passedOver == 0) _place.moveTo(_text);
         _text.clear();
         return true;
     }
@@ -204,20 +291,13 @@ class Handler {
     /// What is wrong with the graph; empty if nothing is.
     [[nodiscard]] const std::string& problem() const { return _problem; }
     /// The same for what the parser itself rejects.
-    [[nodiscard]] std::string problemOfDepth() const { return _path() + " is nested too deep"; }
+    [[nodiscard]] std::string problemOfDepth() const { return _place.path(_graph) + " is nested too deep"; }
     [[nodiscard]] MemoryGraph& graph() { return _graph; }
 
   private:
-    /// Where the next event belongs.
-    enum class Place { kStart, kDocument, kRegions, kRegion };
+    using Level = Place::Level;
 
-    static constexpr std::size_t kRegionsIndex = kGraphMembers.size();
-
-    [[nodiscard]] bool _isPassedOver() const {
-        return _passedOver > 0 ||
-               (_place == Place::kDocument && _members.current() == MemberCursor::kUnknown) ||
-               (_place == Place::kRegion && _regionMembers.current() == MemberCursor::kUnknown);
-    }
+    [[nodiscard]] bool _isPassedOver() const { return _passedOver > 0 || _place.isAtUnknown(); }
     bool _passOver() {
         ++_passedOver;
         return true;
@@ -233,31 +313,30 @@ class Handler {
     template <typename Value>
     bool _take(Value value, json::error_code& ec) {
         if (_isPassedOver()) return true;
-        switch (_place) {
-            case Place::kStart:
-            case Place::kRegions:
+        if (_place.isAtArray()) return _fail("must be an array", ec);
+        switch (_place.level()) {
+            case Level::kDocument:
+                return _fillMember(static_cast<MemoryGraph&>(_graph), kGraphMembers, value, ec) &&
+                       _checkMember(ec);
+            case Level::kRegion:
+                return _fillMember(_graph.regions.back(), kRegionMembers, value, ec);
+            case Level::kPart:
+                return _fillMember(_graph.regions.back().shared.back(), kPartMembers, value, ec);
+            default:
                 return _fail("must be an object", ec);
-            case Place::kRegion:
-                return _fillMember(_graph.regions.back(), kRegionMembers, _regionMembers, value, ec);
-            case Place::kDocument:
-                break;
         }
-        if (_members.current() == kRegionsIndex) return _fail("must be an array", ec);
-        return _fillMember(static_cast<MemoryGraph&>(_graph), kGraphMembers, _members, value, ec) &&
-               _checkMember(ec);
     }
 
     template <typename Record, typename Members, typename Value>
-    bool _fillMember(Record& record, const Members& members, MemberCursor& cursor, Value value,
-                     json::error_code& ec) {
-        const std::string problem = fill(record, members[cursor.current()], value);
+    bool _fillMember(Record& record, const Members& members, Value value, json::error_code& ec) {
+        const std::string problem = fill(record, members[_place.cursor().current()], value);
         if (!problem.empty()) return _fail(problem, ec);
-        return cursor.markSeen() || _fail("appears twice", ec);
+        return _place.cursor().markSeen() || _fail("appears twice", ec);
     }
 
     /// Checks the document's last member: format, version and page size.
     bool _checkMember(json::error_code& ec) {
-        const std::string_view name = kGraphMembers[_members.current()].name;
+        const std::string_view name = kGraphMembers[_place.cursor().current()].name;
         const MemoryGraph known;
         if (name == "format" && _graph.format != known.format)
             return _fail("is not \"" + known.format + "\"", ec);
@@ -273,62 +352,46 @@ class Handler {
         return true;
     }
 
-    /// Checks the last region: its range, its order and its sizes.
+    /// Checks the last region: its range, its order, its sizes and those of its parts.
     bool _checkRegion(json::error_code& ec) {
         const GraphRegion& region = _graph.regions.back();
-        _regionMembers.reset();  // The error is about the region, not a member.
         if (region.length == 0) return _fail("has no length", ec);
         if (region.address + region.length < region.address)
             return _fail("reaches beyond the last address", ec);
         if (region.address < _end) return _fail("begins before the end of the one before", ec);
-        if (region.dirty_size > region.resident_size) return _fail("has more dirty than resident bytes", ec);
+        if (region.dirty_size > region.resident_size) return _fail(kTooDirty, ec);
+        std::uint64_t dirty = 0, clean = 0, swapped = 0;  // Can't overflow: there are few parts.
+        for (const GraphSharedPart& part : region.shared) {
+            dirty += part.dirty_size;
+            clean += part.resident_size - part.dirty_size;
+            swapped += part.swapped_out_size;
+        }
+        if (dirty > region.dirty_size) return _fail("has fewer dirty bytes than its parts", ec);
+        if (clean > region.resident_size - region.dirty_size)
+            return _fail("has fewer clean bytes than its parts", ec);
+        if (swapped > region.swapped_out_size) return _fail("has fewer swapped bytes than its parts", ec);
         _end = region.address + region.length;
         return true;
     }
 
-    bool _failMissing(std::string_view member, json::error_code& ec) {
-        _regionMembers.reset();
-        _members.reset();
-        return _fail("\"" + std::string(member) + "\" is missing", ec);
+    bool _checkPart(json::error_code& ec) {
+        const GraphSharedPart& part = _graph.regions.back().shared.back();
+        if (part.dirty_size > part.resident_size) return _fail(kTooDirty, ec);
+        if (part.object_dirty_size > part.object_resident_size)
+            return _fail("has an object with more dirty than resident bytes", ec);
+        return true;
     }
 
     bool _fail(const std::string& what, json::error_code& ec) {
-        _problem = _path() + " " + what;
+        _problem = _place.path(_graph) + " " + what;
         ec = boost::system::errc::make_error_code(boost::system::errc::invalid_argument);
         return false;
     }
 
-    /// Path of the current member, such as regions[2].type.
-    [[nodiscard]] std::string _path() const {
-        const auto nameIn = [](const auto& members, const MemberCursor& cursor) {
-            return cursor.current() < members.size() ? std::string(members[cursor.current()].name)
-                                                     : std::string();
-        };
-        const auto element = [](std::size_t index) {
-            return std::string(kRegionsMember) + "[" + std::to_string(index) + "]";
-        };
-        switch (_place) {
-            case Place::kRegions:
-                return element(_graph.regions.size());
-            case Place::kRegion: {
-                const std::string name = nameIn(kRegionMembers, _regionMembers);
-                return element(_graph.regions.size() - 1) + (name.empty() ? "" : ".") + name;
-            }
-            case Place::kDocument: {
-                if (_members.current() == kRegionsIndex) return std::string(kRegionsMember);
-                const std::string name = nameIn(kGraphMembers, _members);
-                return name.empty() ? "the document" : name;
-            }
-            case Place::kStart:
-                break;
-        }
-        return "the document";
-    }
+    static constexpr const char* kTooDirty = "has more dirty than resident bytes";
 
     MemoryGraph _graph;
-    Place _place = Place::kStart;
-    MemberCursor _members;
-    MemberCursor _regionMembers;
+    Place _place;
     std::size_t _passedOver = 0;  ///< Nesting depth inside of an unknown member.
     std::string _text;            ///< The parts so far of a text that comes in parts.
     std::uint64_t _end = 0;       ///< End of the last region.

@@ -62,11 +62,24 @@ void writeMemoryGraph(std::FILE* file, const MemoryGraph& graph) {
     RecordWriter(file, kGraphMembers).write(graph, 1);
     std::fprintf(file, ",\"%s\":[", kRegionsMember.data());
     RecordWriter regions(file, kRegionMembers);
+    RecordWriter parts(file, kPartMembers);
     const char* separator = "\n";
     for (const GraphRegion& region : graph.regions) {
         std::fputs(separator, file);
-        regions.write(region);
         separator = ",\n";
+        if (region.shared.empty()) {
+            regions.write(region);
+            continue;
+        }
+        regions.write(region, 1);
+        std::fprintf(file, ",\"%s\":", kSharedMember.data());
+        char bracket = '[';
+        for (const GraphSharedPart& part : region.shared) {
+            std::fputc(bracket, file);
+            parts.write(part);
+            bracket = ',';
+        }
+        std::fputs("]}", file);
     }
     std::fputs("\n]}\n", file);
 }

@@ -23,6 +23,17 @@ struct SizeCounts {
         wired += other.wired;
         return *this;
     }
+    /// No size goes below 0.
+    SizeCounts& operator-=(const SizeCounts& other) {
+        const auto take = [](std::uint64_t& from, std::uint64_t size) { from -= size < from ? size : from; };
+        take(dirty, other.dirty);
+        take(swapped, other.swapped);
+        take(clean, other.clean);
+        take(reclaimable, other.reclaimable);
+        take(wired, other.wired);
+        return *this;
+    }
+    friend bool operator==(const SizeCounts&, const SizeCounts&) = default;
 };
 
 /// A row of a table: sizes, and the number of regions.

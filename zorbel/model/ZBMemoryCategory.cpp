@@ -15,8 +15,9 @@ void ZBMemoryCategory::addMemoryObject(ZBMemoryObject& object) {
                            : std::lower_bound(_memoryObjects.begin(), _memoryObjects.end(), &object, before);
     if (place != _memoryObjects.end() && *place == &object) return;
     _memoryObjects.insert(place, &object);
-    // A region belongs to one object, so the numbers of regions can be added.
-    _totals += {object.totalSizes(), static_cast<std::uint32_t>(object.memoryRegions().size())};
+    _totals.sizes += object.totalSizes();
+    for (const ZBMemoryRegion* region : object.memoryRegions())
+        if (region->sharedParts().empty() || _regionsOfSeveral.insert(region).second) ++_totals.totalRegions;
 }
 
 bool ZBMemoryCategory::purgeableNonVolatile() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <boost/unordered/unordered_flat_set.hpp>
 #include <cstdint>
 #include <vector>
 
@@ -43,6 +44,8 @@ class ZBMemoryCategory {
     Name _name;
     std::vector<ZBMemoryObject*> _memoryObjects;
     SizeTotals _totals;
+    /// Regions that may be in several of the objects, and count once.
+    boost::unordered_flat_set<const ZBMemoryRegion*> _regionsOfSeveral;
     SegmentCode _segment;
 };
 

@@ -6,7 +6,7 @@ namespace zorbel {
 
 namespace {
 
-RangeNode nodeOf(const ZBMemoryRegion& region) { return {region.offset(), region.size(), region.sizes()}; }
+RangeNode nodeOf(const ZBMemoryRegion& region) { return {region.offset(), region.size(), region.ownSizes()}; }
 
 }  // namespace
 
@@ -20,18 +20,29 @@ void ZBMemoryObject::addRegion(ZBMemoryRegion& region, std::uint32_t pageSize) {
     _memoryRegions.push_back(&region);
 }
 
+void ZBMemoryObject::addSharedPart(ZBMemoryRegion& region, const SharedPart& part, std::uint32_t pageSize) {
+    _stated = part.objectSizes;
+    if (region.memoryObject() != this) addRegion(region, pageSize);
+    _accurateSizes = false;
+}
+
+bool ZBMemoryObject::_counts(const ZBMemoryRegion& region) const {
+    const bool isOwn = region.memoryObject() == nullptr || region.memoryObject() == this;
+    return isOwn && region.object_id() != 0;
+}
+
 std::uint32_t ZBMemoryObject::_pageSizeOfRegion(std::size_t index) const {
     return _pageSizes ? (*_pageSizes)[index] : _firstPageSize;
 }
 
 void ZBMemoryObject::calculateSizes() {
     if (_accurateSizes) return;
-    _totals = {};
+    _totals = _stated;
     _accurateSizes = true;
     if (_memoryRegions.size() > 1) return _foldRegions();
     // Most objects have one region and need no folding.
     for (const ZBMemoryRegion* region : _memoryRegions)
-        if (region->object_id() != 0) _totals += region->sizes();
+        if (_counts(*region)) _totals += region->ownSizes();
 }
 
 /// Splits the regions into runs of ranges that meet, and adds the runs up.
@@ -43,7 +54,7 @@ void ZBMemoryObject::_foldRegions() {
     spans.reserve(_memoryRegions.size());
     for (std::size_t i = 0; i < _memoryRegions.size(); ++i) {
         const ZBMemoryRegion& region = *_memoryRegions[i];
-        if (region.object_id() != 0)
+        if (_counts(region))
             spans.push_back(
                 {region.offset(), nodeOf(region).roundedEnd(page), static_cast<std::uint32_t>(i)});
     }
@@ -65,8 +76,8 @@ void ZBMemoryObject::_foldRegions() {
         }
         if (overlap) {
             _foldRun({first, last});
-        } else {  // Ranges that only touch share no page, so the order does not matter.
-            for (; first != last; ++first) _totals += _memoryRegions[first->index]->sizes();
+        } else {  // Ranges that at most touch have no page in common: their counts add up in any order.
+            for (; first != last; ++first) _totals += _memoryRegions[first->index]->ownSizes();
         }
         first = last;
     }

@@ -35,6 +35,11 @@ class ZBMemoryObject {
     /// overflow.
     void addRegion(ZBMemoryRegion& region, std::uint32_t pageSize);
 
+    /// Adds a region that has a part of this object beside its own memory: a member whose other sizes don't
+    /// count here. The sizes of the part as a whole, the same for all regions that have it, are stated and
+    /// not folded.
+    void addSharedPart(ZBMemoryRegion& region, const SharedPart& part, std::uint32_t pageSize);
+
     /// Updates the totals. Does nothing if no region was added since the last call.
     void calculateSizes();
 
@@ -62,6 +67,8 @@ class ZBMemoryObject {
     };
 
     [[nodiscard]] std::uint32_t _pageSizeOfRegion(std::size_t index) const;
+    /// Whether the region's own sizes count for this object.
+    [[nodiscard]] bool _counts(const ZBMemoryRegion& region) const;
     void _foldRegions();
     void _foldRun(std::span<const Span> run);
 
@@ -69,11 +76,21 @@ class ZBMemoryObject {
     boost::container::small_vector<ZBMemoryRegion*, 1> _memoryRegions;
     /// Page size of each region; null if all have the same.
     std::unique_ptr<std::vector<std::uint32_t>> _pageSizes;
+    SizeCounts _stated;  ///< Of the part that is known to the page.
     SizeCounts _totals;
     Name _name;
     std::size_t _ordinal;
     std::uint32_t _firstPageSize = 0;
     bool _accurateSizes = false;
 };
+
+/// Calls with each object that a region is attached to, once.
+template <typename Visitor>
+void forEachObject(const ZBMemoryRegion& region, const Visitor& visit) {
+    visit(*region.memoryObject());
+    for (const SharedPart& part : region.sharedParts())
+        if (part.memoryObject != nullptr && part.memoryObject != region.memoryObject())
+            visit(*part.memoryObject);
+}
 
 }  // namespace zorbel

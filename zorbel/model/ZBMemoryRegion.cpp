@@ -26,6 +26,12 @@ std::array<Name, kTagCount> makeTagNames() {
 
 }  // namespace
 
+SizeCounts ZBMemoryRegion::ownSizes() const {
+    SizeCounts own = _sizes;
+    for (const SharedPart& part : _sharedParts) own -= part.sizes;
+    return own;
+}
+
 std::strong_ordering ZBMemoryRegion::compare(const ZBMemoryRegion& other) const {
     if (_start != other._start) return _start <=> other._start;
     return other._size <=> _size;

@@ -2,6 +2,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <span>
 
 #include "base/Assert.h"
 #include "base/Name.h"
@@ -23,6 +24,14 @@ enum class SegmentCode : std::uint8_t {
 
 /// Tag of non-volatile purgeable memory that is charged to the process. No real tag has this value.
 inline constexpr std::uint32_t kTagAllOnes = 0xFFFFFFFF;
+
+/// A part of a region's sizes that counts for an object of its own, since other regions have it too.
+struct SharedPart {
+    std::uint64_t object_id = 0;  ///< 0 for pages that the region maps twice: they don't count a second time.
+    SizeCounts sizes;             ///< Of the region's.
+    SizeCounts objectSizes;       ///< Of the object, known to the page.
+    ZBMemoryObject* memoryObject = nullptr;
+};
 
 /// A contiguous part of a target's address space: its place, what it maps, and the state of its pages.
 ///
@@ -64,8 +73,14 @@ class ZBMemoryRegion {
     [[nodiscard]] SegmentCode segment() const { return _segment; }
     void setSegment(SegmentCode segment) { _segment = segment; }
 
-    /// The five sizes below.
+    /// The five sizes below: what the process maps here.
     [[nodiscard]] const SizeCounts& sizes() const { return _sizes; }
+    /// What of them counts for the region's own object.
+    [[nodiscard]] SizeCounts ownSizes() const;
+
+    /// What counts for objects of its own; lent by the process.
+    [[nodiscard]] std::span<SharedPart> sharedParts() const { return _sharedParts; }
+    void setSharedParts(std::span<SharedPart> parts) { _sharedParts = parts; }
 
     /// Resident dirty bytes charged to the region.
     [[nodiscard]] std::uint64_t dirtySize() const { return _sizes.dirty; }
@@ -118,6 +133,7 @@ class ZBMemoryRegion {
 
   private:
     ZBMemoryObject* _memoryObject = nullptr;
+    std::span<SharedPart> _sharedParts;
     Name _name;
     Name _detailedName;
     std::uint64_t _offset = 0;

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "base/Name.h"
 #include "platform/Records.h"
@@ -20,6 +21,19 @@ struct GraphProcess {
     std::uint64_t physZorbel = 0;
     std::uint64_t physZorbelPeak = 0;
     bool breakDownPhysZorbel = false;  ///< Whether it was saved in breakdown mode.
+};
+
+/// A part of a region that counts for an object of its own, as in SharedPages. Sizes are bytes.
+struct GraphSharedPart {
+    std::uint32_t object_id = 0;
+    // Of the sizes of the region.
+    std::uint64_t resident_size = 0;
+    std::uint64_t swapped_out_size = 0;
+    std::uint64_t dirty_size = 0;
+    // Of the object as a whole.
+    std::uint64_t object_resident_size = 0;
+    std::uint64_t object_swapped_out_size = 0;
+    std::uint64_t object_dirty_size = 0;
 };
 
 /// One region of a memory graph. Sizes are bytes.
@@ -42,6 +56,7 @@ struct GraphRegion {
     bool is_submap = false;
     std::uint32_t object_id = 0;
     std::int32_t purgeable = kPurgeableDeny;
+    std::vector<GraphSharedPart> shared;
 };
 
 /// An open memory graph: the state of one process when it was saved.

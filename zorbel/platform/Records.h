@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "model/ShareMode.h"
 
@@ -59,7 +60,26 @@ inline constexpr std::uint32_t kProcDirtyTracked = 0x1;
 inline constexpr std::uint32_t kProcDirtyAllowsIdleExit = 0x2;
 inline constexpr std::uint32_t kProcDirtyIsDirty = 0x4;
 
-/// A leaf region of an address space. Page counts use the kernel's page size.
+/// Pages of a region that count for an object of their own, since other regions map them too: what processes
+/// still share after a fork, or the pages of a file that is memory. Page counts are in pages of the kernel's
+/// page size.
+struct SharedPages {
+    std::uint32_t object_id = 0;  ///< 0 for pages of which the region maps one several times.
+    // Of the counts of the region.
+    std::uint32_t pages_resident = 0;
+    std::uint32_t pages_swapped_out = 0;
+    std::uint32_t pages_reusable = 0;  ///< Of the resident ones.
+    // Of the object as a whole, the same in each of its regions; each page counts once.
+    std::uint64_t object_pages_resident = 0;
+    std::uint64_t object_pages_swapped_out = 0;
+    std::uint64_t object_pages_reusable = 0;
+    // Of the resident ones: those that can be read again from a file. Only saved graphs have such parts.
+    std::uint32_t pages_clean = 0;
+    std::uint64_t object_pages_clean = 0;
+};
+
+/// One region of an address space as a leaf look-up returns it. Page counts are in pages of the kernel's page
+/// size.
 struct RegionInfoRecord {
     std::int32_t protection = 0;      ///< Read 1, write 2, execute 4.
     std::int32_t max_protection = 0;  ///< Highest protection that can be set.
@@ -79,6 +99,8 @@ struct RegionInfoRecord {
     std::uint16_t shadow_depth = 0;
     std::uint8_t external_pager = 0;  ///< Non-zero if clean pages can be read again from a file.
     std::uint8_t share_mode = 0;      ///< One of the kShareMode constants.
+    /// What does not count for the region's own object; lent until the task is forgotten.
+    std::span<const SharedPages> shared{};
     bool is_submap = false;
 };
 

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -14,6 +15,7 @@
 #include <tuple>
 
 #include "base/Files.h"
+#include "linux/Settlement.h"
 #include "linux/TaskSnapshot.h"
 
 namespace zorbel::test {
@@ -31,24 +33,25 @@ class RegionKindsTest : public testing::Test {
   protected:
     ~RegionKindsTest() override { std::filesystem::remove_all(_path); }
 
-    /// All regions of a process made of text, in its own IPC namespace.
-    std::vector<SnapshotRegion> regionsOfText(const std::string& smaps) {
-        const std::string process = _path + "/" + std::to_string(++_processes);
+    /// A snapshot of a process made of text, in its own IPC namespace.
+    TaskSnapshot& snapshotOfText(const std::string& smaps) {
+        const std::string process = _path + "/" + std::to_string(_snapshots.size());
         std::filesystem::create_directories(process + "/ns");
         std::ofstream(process + "/ns/ipc");
         std::ofstream(process + "/mountinfo") << kMounts;
         std::ofstream(process + "/smaps") << smaps;
         const FileDescriptor directory = openForReading(process.c_str(), -1);
-        const TaskSnapshot snapshot(directory.get(), _fileSystems, _elfFiles, _objectIds);
+        TaskSnapshot& snapshot = _snapshots.emplace_back(directory.get(), _services);
         EXPECT_EQ(snapshot.codeAtEnd(), kKernInvalidAddress);
-        std::vector<SnapshotRegion> regions;
-        for (std::uint64_t at = 0; const SnapshotRegion* next = snapshot.regionAtOrAfter(at); at = next->end)
-            regions.push_back(*next);
-        return regions;
+        return snapshot;
+    }
+
+    std::vector<SnapshotRegion>& regionsOfText(const std::string& smaps) {
+        return snapshotOfText(smaps).regions();
     }
 
     /// The same for entries without addresses. They get addresses that do not touch.
-    std::vector<SnapshotRegion> regionsOf(const std::vector<std::string>& entries) {
+    std::vector<SnapshotRegion>& regionsOf(const std::vector<std::string>& entries) {
         std::string smaps;
         for (int page = 1000; const std::string& entry : entries) {
             const std::string start = "7f" + std::to_string(++page);
@@ -57,12 +60,21 @@ class RegionKindsTest : public testing::Test {
         return regionsOfText(smaps);
     }
 
+    /// Gives the objects of all snapshots their ids.
+    void settleAll() {
+        std::vector<ReadTask> tasks;
+        for (TaskSnapshot& snapshot : _snapshots) tasks.push_back({&snapshot, tasks.size(), nullptr});
+        settle(tasks, _services);
+    }
+
   private:
     const std::string _path = mkdtemp(std::string("/tmp/zorbel-unit-XXXXXX").data());
-    int _processes = 0;
     FileSystems _fileSystems;
     ElfFiles _elfFiles;
+    SharedFiles _sharedFiles;
     ObjectIds _objectIds;
+    const SnapshotServices _services{_fileSystems, _elfFiles, _objectIds, _sharedFiles, false};
+    std::deque<TaskSnapshot> _snapshots;
 };
 
 TEST_F(RegionKindsTest, PathsAndFlagsDecideKind) {
@@ -156,16 +168,17 @@ TEST_F(RegionKindsTest, EqualFilesAreEqualObjects) {
     const std::string segment =
         "rw-s 0 ffe:3 32769 /SYSV00000000 (deleted)";      // Numbers of segments are separate from inodes.
     const std::string zeros = "rw-p 0 ffe:1 4 /dev/zero";  // A private mapping of it is anonymous memory.
-    const auto mine =
+    const auto& mine =
         regionsOf({"rw-s 0 ffe:3 32769 /memfd:a (deleted)", "r--p 0 ffe:2 32769 /lib/a",
                    "rw-p 0 ffe:2 32769 /lib/a", segment, bpfMap.str(), bpfMap.str(), zeros, zeros});
-    const auto theirs =
+    const auto& theirs =
         regionsOf({"rw-s 0 ffe:3 32769 /memfd:b (deleted)", "r--p 0 ffe:2 32770 /lib/a", segment});
+    settleAll();
     EXPECT_EQ(theirs.at(0).record.object_id, mine.at(0).record.object_id);
     EXPECT_EQ(mine.at(1).record.object_id, mine.at(2).record.object_id);
     std::set<std::uint32_t> different = {0};
-    for (const auto& regions : {mine, theirs})
-        for (const SnapshotRegion& region : regions) different.insert(region.record.object_id);
+    for (const auto* regions : {&mine, &theirs})
+        for (const SnapshotRegion& region : *regions) different.insert(region.record.object_id);
     EXPECT_EQ(different.size(), 1 + mine.size() + theirs.size() - 2);
 }
 
@@ -177,7 +190,7 @@ TEST_F(RegionKindsTest, ShareModeFollowsPages) {
         {"rw-s 0 ffe:3 3 /m\nShared_Hugetlb: 2048 kB\nPrivate_Hugetlb: 4096 kB", kShareModeShared, 6144},
         // A private mapping of a file in memory shares the file's pages until it may have been written to.
         {"rw-" + memory + "\nRss: 8 kB", kShareModeShared, 8},
-        {"rw-" + memory + "\nAnonymous: 4 kB", kShareModeCopyOnWrite, 0},
+        {"rw-" + memory + "\nAnonymous: 4 kB", kShareModeCopyOnWrite, 4},
         {"rw-" + memory + "\nSwap: 4 kB", kShareModeCopyOnWrite, 0},
         {"r--" + memory + "\nSwap: 4 kB", kShareModeShared, 0},
         {"r--p 0 ffe:2 4 /lib/x\nRss: 8 kB", kShareModeCopyOnWrite, 8},

@@ -18,7 +18,7 @@ namespace zorbel {
 namespace {
 
 FileSystems::Kind kindOfType(std::string_view type) {
-    constexpr std::string_view kMemoryTypes[] = {"tmpfs", "ramfs", "devtmpfs", "rootfs", "hugetlbfs"};
+    constexpr std::string_view kMemoryTypes[] = {"tmpfs", "ramfs", "devtmpfs", "rootfs"};
     constexpr std::string_view kLocalTypes[] = {
         "bcachefs", "btrfs",   "cramfs", "erofs", "exfat", "ext2",   "ext3",  "ext4",     "f2fs",
         "hfsplus",  "iso9660", "jffs2",  "jfs",   "msdos", "nilfs2", "ntfs3", "reiserfs", "romfs",
@@ -27,6 +27,7 @@ FileSystems::Kind kindOfType(std::string_view type) {
     const auto isOneOf = [type](const auto& types) {
         return std::find(std::begin(types), std::end(types), type) != std::end(types);
     };
+    if (type == "hugetlbfs") return FileSystems::Kind::kHuge;
     if (isOneOf(kMemoryTypes)) return FileSystems::Kind::kMemory;
     return isOneOf(kLocalTypes) ? FileSystems::Kind::kLocal : FileSystems::Kind::kRemote;
 }
@@ -96,9 +97,16 @@ bool hasLocalLayers(const Mount& overlay, const std::vector<Mount>& mounts) {
 
 FileSystems::FileSystems(const std::string& proc) {
     if (const auto text = readWholeFile((proc + "/self/mountinfo").c_str(), AT_FDCWD)) addMounts(*text, true);
-    const FileDescriptor probe(memfd_create("zorbel", MFD_CLOEXEC));
-    struct stat status {};
-    if (probe.isOpen() && fstat(probe.get(), &status) == 0) _kinds[status.st_dev] = Kind::kKernel;
+    const auto addKernelMount = [this](unsigned flags, Kind kind) {
+        const FileDescriptor probe(memfd_create("zorbel", MFD_CLOEXEC | flags));
+        struct stat status {};
+        if (probe.isOpen() && fstat(probe.get(), &status) == 0) _kinds[status.st_dev] = kind;
+    };
+    addKernelMount(0, Kind::kKernel);
+    // One for each size of huge pages. A file without contents takes no page.
+    constexpr unsigned kSizeShift = 26;
+    for (unsigned sizeLog = 12; sizeLog < 40; ++sizeLog)
+        addKernelMount(MFD_HUGETLB | sizeLog << kSizeShift, Kind::kHuge);
 }
 
 FileSystems::Kind FileSystems::kindOf(std::uint64_t device) {

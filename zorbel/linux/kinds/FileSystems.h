@@ -16,6 +16,7 @@ class FileSystems {
         kUnknown,  ///< No mount that we can see has this device.
         kMemory,   ///< In memory only: pages can't be read from storage again.
         kKernel,   ///< The kernel's unlisted mount for memfd, SysV and shared anonymous memory.
+        kHuge,     ///< A hugetlbfs, listed or the kernel's own.
         kLocal,    ///< On this machine's storage, so it always answers.
         kRemote,   ///< Served by a process or another machine, or of an unknown type.
     };

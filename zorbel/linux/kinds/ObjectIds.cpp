@@ -24,11 +24,11 @@ ObjectIds::ObjectIds() {
         _anonymousInode = {status.st_dev, status.st_ino, 0};
 }
 
-std::uint32_t ObjectIds::idOfFile(const FileIdentity& file) {
+std::uint32_t ObjectIds::numberOfFile(const FileIdentity& file) {
     const std::lock_guard lock(_mutex);
-    std::uint32_t& id = _files[file];
-    if (id == 0) id = newId();
-    return id;
+    std::uint32_t& number = _files[file];
+    if (number == 0) number = static_cast<std::uint32_t>(_files.size());
+    return number;
 }
 
 std::uint32_t ObjectIds::idOfSaved(Name capture, std::uint32_t number) {

@@ -22,9 +22,8 @@ struct FileIdentity {
     friend std::size_t hash_value(const FileIdentity& file);
 };
 
-/// Assigns object ids: one for each file (the same for all processes), one for each object of a saved memory
-/// graph, and a new one for each mapping that is not shared. An id is never 0 and never used for two objects.
-/// Shared by the workers.
+/// Numbers files, and assigns object ids. An id is never 0 and never used for two objects. Shared by the
+/// workers.
 class ObjectIds {
   public:
     ObjectIds();
@@ -32,7 +31,8 @@ class ObjectIds {
     /// Whether the identity belongs to a single file. The kernel uses one inode for all BPF maps, perf rings
     /// and the like, so it does not show what is mapped.
     [[nodiscard]] bool tellsFile(const FileIdentity& file) const { return file != _anonymousInode; }
-    std::uint32_t idOfFile(const FileIdentity& file);
+    /// Number of a file in the run, from 1 on, in the order in which workers come across it: no object id.
+    std::uint32_t numberOfFile(const FileIdentity& file);
     std::uint32_t newId() { return ++_last; }
     /// The id for an object of a saved memory graph. Graphs of one capture use the same number for the same
     /// object.

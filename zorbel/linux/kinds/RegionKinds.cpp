@@ -1,5 +1,7 @@
 #include "linux/kinds/RegionKinds.h"
 
+#include <algorithm>
+#include <iterator>
 #include <string_view>
 
 namespace zorbel {
@@ -149,6 +151,7 @@ bool mapsFile(const SmapsEntry& entry) {
 
 RegionKind kindOfEntry(const SmapsEntry& entry, FileSystems::Kind fileSystem) {
     if ((entry.flags & SmapsEntry::kHugePages) != 0) return {Tag::kHugePages, false};
+    if (mapsFile(entry) && fileSystem == FileSystems::Kind::kHuge) return {Tag::kHugePages, false};
     if (!mapsFile(entry)) {
         if (entry.path.empty()) return {};
         return {tagOfNamedAnonymous(entry), false};
@@ -166,6 +169,12 @@ RegionKind kindOfEntry(const SmapsEntry& entry, FileSystems::Kind fileSystem) {
         fileSystem == FileSystems::Kind::kMemory || fileSystem == FileSystems::Kind::kKernel;
     if (livesInMemory) return {Tag::kTmpfs, false};
     return {Tag::kNone, true};
+}
+
+bool hasSharedPages(Tag tag) {
+    constexpr Tag kTags[] = {Tag::kMemfd, Tag::kPosixShared, Tag::kSysVShared, Tag::kSharedAnonymous,
+                             Tag::kTmpfs};
+    return std::find(std::begin(kTags), std::end(kTags), tag) != std::end(kTags);
 }
 
 void findAnonymousKinds(std::span<SnapshotRegion> regions) {

@@ -24,6 +24,9 @@ RegionKind kindOfEntry(const SmapsEntry& entry, FileSystems::Kind fileSystem);
 /// Whether the entry maps a file, including a file that is in memory only.
 bool mapsFile(const SmapsEntry& entry);
 
+/// Whether memory of this kind is the pages of a file without storage, which the kernel can count for us.
+bool hasSharedPages(Tag tag);
+
 /// Sets the kinds of plain anonymous regions, which have no name, by their addresses and neighbours. The
 /// regions are those of one address space, in ascending order.
 void findAnonymousKinds(std::span<SnapshotRegion> regions);

@@ -13,6 +13,11 @@ inline std::uint64_t pageSize() {
     return kPageSize;
 }
 
+/// Pages of a size that the kernel prints in KiB.
+inline std::uint32_t pagesOfKibibytes(std::uint64_t kibibytes) {
+    return static_cast<std::uint32_t>(kibibytes * 1024 / pageSize());
+}
+
 /// Bytes of a thread's stack in the kernel: THREAD_SIZE of the architectures in use. That is 8 KiB on 32-bit
 /// machines and 16 KiB on others, but at least one page.
 inline std::uint64_t kernelStackSize() {

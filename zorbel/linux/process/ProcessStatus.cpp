@@ -11,6 +11,7 @@ std::optional<ProcessStatus> parseProcessStatus(std::string_view text) {
         std::uint64_t ProcessStatus::*value;
     };
     constexpr Field kKibibyteFields[] = {
+        {"\nVmLck:\t", &ProcessStatus::locked},
         {"\nVmHWM:\t", &ProcessStatus::residentPeak},
         {"\nRssAnon:\t", &ProcessStatus::residentAnonymous},
         {"\nRssShmem:\t", &ProcessStatus::residentShared},

@@ -14,6 +14,7 @@ struct ProcessStatus {
     std::uint64_t hugePages = 0;          ///< HugetlbPages: not included in any other field.
     std::uint64_t residentPeak = 0;       ///< VmHWM: peak resident size, including clean pages of files.
     std::uint64_t pageTables = 0;         ///< VmPTE
+    std::uint64_t locked = 0;             ///< VmLck
     std::uint64_t threads = 0;
 
     /// Bytes that the process is charged for.

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "base/Name.h"
+#include "model/MemoryKinds.h"
 #include "platform/Records.h"
 
 namespace zorbel {
@@ -14,6 +15,17 @@ enum class FileUse : std::uint8_t {
     kMayBeRead,
 };
 
+/// Pages of a region, by what its page tables show.
+struct RegionPages {
+    std::uint32_t anonymous = 0;  ///< Resident, and no file's: also private copies of pages of files.
+    std::uint32_t file = 0;       ///< Resident, of a file or of shared memory.
+    std::uint32_t swapped = 0;    ///< Private pages in swap.
+    std::uint32_t fileSwapped =
+        0;  ///< Pages of a file in memory that are in swap; known only where smaps was read.
+    std::uint32_t fileDirty = 0;  ///< Of those of a file, dirty ones; known only where smaps was read.
+    std::uint32_t lazy = 0;       ///< Of the anonymous ones, free for the system to take back.
+};
+
 /// One region of a snapshot.
 struct SnapshotRegion {
     std::uint64_t start = 0;
@@ -22,16 +34,24 @@ struct SnapshotRegion {
     Name path;                 ///< Of the mapped file, printable; absent for anonymous memory.
     std::uint64_t device = 0;  ///< Of the mapped file, as returned by makedev().
     std::uint64_t inode = 0;   ///< Of the mapped file.
-    std::uint32_t fileId = 0;  ///< Object id of the mapped file; 0 if there is none.
+    std::uint32_t fileId = 0;  ///< Number of the mapped file in the run; 0 if there is none.
+    RegionPages pages;
+    /// Resident pages that nobody else maps, of those looked at for the region's lineage.
+    std::uint32_t exclusive = 0;
+    std::uint32_t member = 0;  ///< In the lineages of the run, plus 1; 0 if nothing had to be noted.
     FileUse fileUse = FileUse::kNone;
     bool isPrivate = false;
     bool isPlainAnonymous = false;  ///< Private, without file or name.
     bool isHuge = false;            ///< In hugetlbfs.
+    bool isLocked = false;          ///< By mlock() and its like.
+    bool isDevice = false;          ///< Maps memory of a device, which is none of the system's.
     bool isWritten = false;         ///< Private, and writable now or in the past.
 
-    /// Whether its object is not the mapped file. Then each part of it is a separate object too.
-    [[nodiscard]] bool hasOwnObject() const { return record.object_id != fileId; }
-
+    [[nodiscard]] Tag tag() const { return static_cast<Tag>(record.user_tag); }
+    /// Whether the file lives in memory only, so that all of its pages are charged.
+    [[nodiscard]] bool isOfMemoryFile() const { return fileId != 0 && record.external_pager == 0 && !isHuge; }
+    /// Whether it has pages that are its own and no file's.
+    [[nodiscard]] bool hasOwnPages() const { return isPrivate && pages.anonymous + pages.swapped != 0; }
     [[nodiscard]] std::uint64_t size() const { return end - start; }
 };
 

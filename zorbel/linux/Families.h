@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "linux/TaskSnapshot.h"
+#include "linux/pages/Lineages.h"
+
+namespace zorbel {
+
+/// Which of the processes of a run may have private memory in common.
+///
+/// Private pages come to be shared by fork, and exec gives all of them up. A new program gets its stack at a
+/// place of its own, which its children inherit: so processes whose stacks begin at the same address are a
+/// family, and processes of different families share nothing but what KSM has merged. Only families of
+/// several address spaces have to look at single pages, and of a usual machine those are few.
+class Families {
+  public:
+    struct Process {
+        std::int32_t pid = 0;
+        std::uint64_t stackStart = 0;  ///< 0 where it is not known: such processes count as one family.
+        bool hasSwap = false;          ///< Whether it has pages in swap.
+    };
+
+    explicit Families(std::span<const Process> processes);
+
+    /// The index of the first process that has the same address space, as after vfork().
+    [[nodiscard]] std::size_t firstOfAddressSpace(std::size_t process) const { return _firsts[process]; }
+
+    /// How a process notes its private pages. One that has pages merged by KSM may share them with any other.
+    LineageUse useOf(std::size_t process, bool hasMergedPages);
+
+    /// When all processes are read.
+    void settle();
+
+  private:
+    bool _seesFrames;
+    std::vector<std::size_t> _firsts;
+    std::vector<std::uint32_t> _families;              ///< Of each process.
+    std::vector<bool> _isAlone;                        ///< Of each family: whether it is one address space.
+    std::vector<std::unique_ptr<Lineages>> _lineages;  ///< Of each family; with frames, one for all.
+    std::vector<std::unique_ptr<SwapCache>> _swapCaches;  ///< Of each family; null where nothing is in swap.
+};
+
+}  // namespace zorbel

@@ -1,0 +1,54 @@
+#include "linux/pages/SwapCache.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace zorbel {
+
+namespace {
+
+// A slot is a place in one of 32 areas. 28 bits of the place, 1 TiB on small pages, and 4 of the area fit
+// into a word.
+constexpr unsigned kPlaceBits = 28;
+constexpr std::uint64_t kPlaceMask = (std::uint64_t{1} << kPlaceBits) - 1;
+
+std::uint32_t packed(std::uint64_t slot) {
+    return static_cast<std::uint32_t>((slot & kPlaceMask) | (slot >> 32) << kPlaceBits);
+}
+std::uint64_t unpacked(std::uint32_t word) {
+    return (word & kPlaceMask) | std::uint64_t{word >> kPlaceBits} << 32;
+}
+
+}  // namespace
+
+SwapCache::SwapCache(const char* flagsFile) : _flags(openForReading(flagsFile, AT_FDCWD)) {}
+
+void SwapCache::noteSlot(std::uint64_t page, std::uint64_t slot) {
+    _slots.at(page).store(packed(slot) + 1, std::memory_order_relaxed);
+}
+
+bool SwapCache::holds(std::uint64_t frame) const {
+    constexpr unsigned kSwapCacheBit = 13;  // KPF_SWAPCACHE of <linux/kernel-page-flags.h>.
+    std::uint64_t flags = 0;
+    const auto place = static_cast<off_t>(frame * sizeof flags);
+    return pread(_flags.get(), &flags, sizeof flags, place) == sizeof flags &&
+           (flags >> kSwapCacheBit & 1) != 0;
+}
+
+void SwapCache::noteFrame(Lineages::Member member, std::uint64_t page, std::uint64_t frame) {
+    const std::lock_guard lock(_mutex);
+    _frames.push_back({member, page, frame});
+}
+
+void SwapCache::settle(Lineages& lineages) {
+    for (const KeptFrame& kept : _frames) {
+        const std::uint32_t word = _slots.at(kept.page).load(std::memory_order_relaxed);
+        if (word != 0)
+            lineages.holdSlot(kept.member, unpacked(word - 1));
+        else
+            lineages.holdFrames(kept.member, kept.frame);
+    }
+    _frames.clear();
+}
+
+}  // namespace zorbel
