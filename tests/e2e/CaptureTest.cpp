@@ -152,6 +152,7 @@ TEST_F(CaptureTest, GraphsOfAFamilyShareThePagesThatItShares) {
 TEST_F(CaptureTest, LazilyFreedPagesShowAsClean) {
     const std::string kUntagged = "untagged (\"VM_ALLOCATE\")";
     const Region freed(30);
+    stayOnOneProcessor();
     freed.touch(0, 30);
     const Fixture first, second({[&] { freed.freeLazily(); }});
     const Words pids = {std::to_string(first.pid()), std::to_string(second.pid())};
