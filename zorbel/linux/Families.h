@@ -25,7 +25,8 @@ class Families {
         bool hasSwap = false;          ///< Whether it has pages in swap.
     };
 
-    explicit Families(std::span<const Process> processes);
+    /// Without the right to see frames, pages are told apart by their addresses.
+    Families(std::span<const Process> processes, bool seesFrames, const SystemRoot& root);
 
     /// The index of the first process that has the same address space, as after vfork().
     [[nodiscard]] std::size_t firstOfAddressSpace(std::size_t process) const { return _firsts[process]; }
@@ -37,6 +38,10 @@ class Families {
     void settle();
 
   private:
+    /// Finds the members of a family that have the same address space as one before them. Returns how many
+    /// address spaces the family has.
+    std::size_t _findAddressSpaces(std::span<const Process> processes, std::span<const std::size_t> family);
+
     bool _seesFrames;
     std::vector<std::size_t> _firsts;
     std::vector<std::uint32_t> _families;              ///< Of each process.

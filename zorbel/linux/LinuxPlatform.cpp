@@ -273,8 +273,8 @@ void LinuxPlatform::_prepareReading() {
     processes.reserve(_tasks.size());
     for (const Task& task : _tasks)
         processes.push_back({task.pid, task.stackStart, task.status && task.status->swapped != 0});
-    _families.emplace(processes);
-    _mayScan = PageTables::canScan(_root);
+    _pageAccess = PageAccess::find(_root);
+    _families.emplace(processes, _pageAccess.seesFrames(), _root);
     const auto merged = readWholeFile((_root.sys + "/kernel/mm/ksm/pages_shared").c_str(), AT_FDCWD);
     _mergesPages = merged && *merged != "0\n";
     if (const auto statistics = readWholeFile((_root.proc + "/vmstat").c_str(), AT_FDCWD)) {

@@ -126,7 +126,7 @@ class LinuxPlatform : public Platform, private Symbolicator {
     SystemRoot _root;
     FileSystems _fileSystems;
     [[nodiscard]] SnapshotServices _services() {
-        return {_fileSystems, _elfFiles, _objectIds, _sharedFiles, _mayScan};
+        return {_fileSystems, _elfFiles, _objectIds, _sharedFiles, _pageAccess};
     }
     void _prepareReading();
     [[nodiscard]] bool _mayHaveDetails(const Task& task) const;
@@ -136,7 +136,7 @@ class LinuxPlatform : public Platform, private Symbolicator {
     SharedFiles _sharedFiles;
     std::once_flag _isReadingPrepared;
     std::optional<Families> _families;  ///< Of the tasks, from the first reading on.
-    bool _mayScan = true;
+    PageAccess _pageAccess;
     bool _mergesPages = false;     ///< Whether KSM has merged pages of any process.
     std::uint64_t _lazyPages = 0;  ///< About how many pages of all processes are lazily freed.
     bool _hasLazyPages = false;    ///< Whether any page ever was.

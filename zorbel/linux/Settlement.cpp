@@ -126,7 +126,8 @@ class Settlement {
         if (!inRegion || !total) return;
         // A private copy hides the page of the file that it was made of.
         RegionInfoRecord& record = region.record;
-        const std::uint64_t room = region.size() / pageSize() - region.pages.anonymous - region.pages.swapped;
+        const std::uint64_t own = std::uint64_t{region.pages.anonymous} + region.pages.swapped;
+        const std::uint64_t room = region.size() / pageSize() - std::min(own, region.size() / pageSize());
         const auto resident = pages32(std::min(inRegion->cached, room));
         const auto swapped = pages32(std::min(inRegion->swapped, room - resident));
         record.pages_resident = region.pages.anonymous + resident;

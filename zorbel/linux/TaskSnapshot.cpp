@@ -70,11 +70,11 @@ RegionPages pagesOf(const SmapsEntry& entry, bool hasStorage) {
 TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& services,
                            const LineageUse& lineageUse, bool withDetails)
     : _services(services) {
-    _readRegions(processDirectory);
+    _readRegions(processDirectory, lineageUse.lineages != nullptr);
     const int memoryDirectory = _directoryOfMemory(processDirectory);
-    PageTables tables(memoryDirectory, _services.mayScan);
+    PageTables tables(memoryDirectory, _services.pageAccess);
     const bool isDirtyKnown = _noteFiles(memoryDirectory);
-    if (_services.mayScan && (withDetails || !isDirtyKnown)) _readDetails(memoryDirectory);
+    if (_services.pageAccess.mayScan && (withDetails || !isDirtyKnown)) _readDetails(memoryDirectory);
     for (SnapshotRegion& region : _regions) region.isWritten = region.isWritten || region.hasOwnPages();
     _findImages(processDirectory);
     _recountSplitRegions(tables);
@@ -87,13 +87,13 @@ TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& service
     _thread = FileDescriptor();
 }
 
-void TaskSnapshot::_readRegions(int processDirectory) {
+void TaskSnapshot::_readRegions(int processDirectory, bool readsWords) {
     for (int reading = 0; reading < kMostReadings; ++reading) {
         std::vector<SnapshotRegion> before = std::move(_regions);
         _regions.clear();
         _regions.reserve(kUsualRegions);
         anyTask(processDirectory, [&](const std::string& place) {
-            _codeAtEnd = _read(processDirectory, place);
+            _codeAtEnd = _read(processDirectory, place, readsWords);
             if (_codeAtEnd == kMachSendInvalidDest && _regions.empty()) return false;
             if (!place.empty()) _thread = openDirectory(place.c_str(), processDirectory);
             return true;
@@ -106,8 +106,8 @@ void TaskSnapshot::_readRegions(int processDirectory) {
     }
 }
 
-KernReturn TaskSnapshot::_read(int processDirectory, const std::string& place) {
-    const std::string path = place + (_services.mayScan ? "maps" : "smaps");
+KernReturn TaskSnapshot::_read(int processDirectory, const std::string& place, bool readsWords) {
+    const std::string path = place + (_services.pageAccess.mayScan ? "maps" : "smaps");
     const FileDescriptor maps = openForReading(path.c_str(), processDirectory);
     if (!maps.isOpen())
         return errno == ENOENT || errno == ESRCH ? kMachSendInvalidDest : kernReturnFromErrno(errno);
@@ -128,11 +128,11 @@ KernReturn TaskSnapshot::_read(int processDirectory, const std::string& place) {
         filled -= consumed;
         if (filled == kBufferSize) filled = 0;  // No entry is that large.
     }
-    if (_services.mayScan) {
+    if (_services.pageAccess.mayScan) {
         const FileDescriptor directory =
             place.empty() ? FileDescriptor() : openDirectory(place.c_str(), processDirectory);
-        PageTables tables(directory.isOpen() ? directory.get() : processDirectory);
-        const int error = tables.isOpen() ? _countPages(tables, _regions) : errno;
+        PageTables tables(directory.isOpen() ? directory.get() : processDirectory, _services.pageAccess);
+        const int error = tables.isOpen() ? _countPages(tables, _regions, readsWords) : errno;
         if (error != 0 && error != ESRCH && error != ENOENT) return kernReturnFromErrno(error);
     }
     // Asked at the end: page tables that are gone count nothing.

@@ -28,8 +28,7 @@ struct SnapshotServices {
     ElfFiles& elfFiles;
     ObjectIds& objectIds;
     SharedFiles& sharedFiles;
-    /// Whether the kernel can scan page tables (PAGEMAP_SCAN, Linux 6.7). Otherwise smaps is read.
-    bool mayScan = true;
+    PageAccess pageAccess;  ///< Where it has no scan, smaps is read.
 };
 
 /// How a process notes its private pages, where another target may have them in common with it.
@@ -74,8 +73,8 @@ class TaskSnapshot {
                           std::int32_t* dispositions) const;
 
   private:
-    void _readRegions(int processDirectory);
-    KernReturn _read(int processDirectory, const std::string& place);
+    void _readRegions(int processDirectory, bool readsWords);
+    KernReturn _read(int processDirectory, const std::string& place, bool readsWords);
     void _addEntry(const SmapsEntry& entry, int processDirectory);
     void _lookAtFile(const SmapsEntry& entry, int processDirectory);
     [[nodiscard]] FileSystems::Kind _kindOfFileSystem(const SmapsEntry& entry, int processDirectory);
@@ -84,8 +83,9 @@ class TaskSnapshot {
     void _split(std::vector<std::uint64_t> cuts);
 
     // In TaskSnapshotPages.cpp.
-    /// Counts the pages of regions that follow each other. 0 or an errno.
-    static int _countPages(PageTables& tables, std::span<SnapshotRegion> counted);
+    /// Counts the pages of regions that follow each other. Large anonymous ones are left out where the words
+    /// of their pages are read later. 0 or an errno.
+    static int _countPages(PageTables& tables, std::span<SnapshotRegion> counted, bool readsWords);
     void _recountSplitRegions(PageTables& tables);
     void _readDetails(int processDirectory);
     /// False where the dirty pages of a file on disk can't be counted in the file: smaps shows them.

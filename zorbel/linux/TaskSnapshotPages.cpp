@@ -27,11 +27,37 @@ std::span<SnapshotRegion> belowKernel(std::span<SnapshotRegion> regions) {
     return regions;
 }
 
+/// Anonymous memory has no pages of files, and shared memory nothing else. A shared mapping of a named file
+/// may turn out to be one of a device.
+PageTables::Detail detailOf(const SnapshotRegion& region) {
+    const bool isShared = region.tag() == Tag::kMemfd || region.tag() == Tag::kSysVShared ||
+                          region.tag() == Tag::kSharedAnonymous;
+    const bool isAlike = region.isPrivate ? region.fileId == 0 && !region.path.isPresent() : isShared;
+    return isAlike && !isKernels(region) ? PageTables::Detail::kPlace : PageTables::Detail::kWhetherFile;
+}
+
+using Regions = std::span<SnapshotRegion>;
+
+/// The end of the regions at the beginning that need the same detail.
+Regions::iterator endOfAlike(Regions::iterator first, Regions::iterator end) {
+    return std::find_if(first + 1, end, [detail = detailOf(*first)](const SnapshotRegion& region) {
+        return detailOf(region) != detail;
+    });
+}
+
+/// In bytes.
+std::uint64_t sizeOf(Regions regions) {
+    std::uint64_t size = 0;
+    for (const SnapshotRegion& region : regions) size += region.size();
+    return size;
+}
+
 void add(const PageRun& run, std::uint32_t pages, SnapshotRegion& region) {
     if (region.tag() == Tag::kVvar) return;  // Present, but of no use to count: no memory of the system's.
+    const bool isFile = run.isFile || (!region.isPrivate && detailOf(region) == PageTables::Detail::kPlace);
     if (!run.isPresent)
         region.pages.swapped += pages;
-    else if (run.isFile)
+    else if (isFile)
         region.pages.file += pages;
     else if (region.isPrivate)
         region.pages.anonymous += pages;
@@ -39,25 +65,11 @@ void add(const PageRun& run, std::uint32_t pages, SnapshotRegion& region) {
         region.isDevice = true;
 }
 
-/// Size of what the kernel maps as one huge page, in bytes, a power of two; that of x86 and most others where
-/// it is not known.
-std::uint64_t hugePageSize() {
-    static const std::uint64_t kSize = [] {
-        const auto text = readWholeFile("/sys/kernel/mm/transparent_hugepage/hpage_pmd_size", AT_FDCWD);
-        const unsigned long long size = text ? std::strtoull(text->c_str(), nullptr, 10) : 0;
-        return size >= pageSize() ? size : std::uint64_t{2} << 20;
-    }();
-    return kSize;
-}
-
-}  // namespace
-
-int TaskSnapshot::_countPages(PageTables& tables, std::span<SnapshotRegion> counted) {
-    const std::span<SnapshotRegion> regions = belowKernel(counted);
-    if (regions.empty()) return 0;
+/// Counts the pages of regions that follow each other. 0 or an errno.
+int countStretch(PageTables& tables, Regions regions, PageTables::Detail detail) {
     for (SnapshotRegion& region : regions) region.pages = {};
     auto region = regions.begin();
-    return tables.forEachRun(regions.front().start, regions.back().end, [&](const PageRun& run) {
+    return tables.forEachRun(regions.front().start, regions.back().end, detail, [&](const PageRun& run) {
         for (std::uint64_t start = run.start; start < run.end;) {
             while (region != regions.end() && region->end <= start) ++region;
             if (region == regions.end() || region->start >= run.end)
@@ -70,17 +82,47 @@ int TaskSnapshot::_countPages(PageTables& tables, std::span<SnapshotRegion> coun
     });
 }
 
+}  // namespace
+
+// Pages of files cost the kernel a look at each page, so large stretches that have none are scanned apart.
+int TaskSnapshot::_countPages(PageTables& tables, std::span<SnapshotRegion> counted, bool readsWords) {
+    using Detail = PageTables::Detail;
+    constexpr std::uint64_t kWorthACall = 1 << 20;  // In bytes.
+    const std::span<SnapshotRegion> regions = belowKernel(counted);
+    const auto isLarge = [](Regions alike) {
+        return detailOf(alike.front()) == Detail::kPlace && sizeOf(alike) >= kWorthACall;
+    };
+    for (auto first = regions.begin(); first != regions.end();) {
+        auto last = endOfAlike(first, regions.end());
+        const bool isAlike = isLarge({first, last});
+        while (!isAlike && last != regions.end()) {
+            const auto next = endOfAlike(last, regions.end());
+            if (isLarge({last, next})) break;
+            last = next;
+        }
+        const Regions stretch(first, last);
+        first = last;
+        if (isAlike && readsWords && stretch.front().isPrivate) {
+            for (SnapshotRegion& region : stretch) region.isUncounted = true;
+            continue;
+        }
+        const int error = countStretch(tables, stretch, isAlike ? Detail::kPlace : Detail::kWhetherFile);
+        if (error != 0) return error;
+    }
+    return 0;
+}
+
 // The parts had the pages of the whole until now. Where lazily freed pages are is not known: heaps free like
 // that, and are large.
 void TaskSnapshot::_recountSplitRegions(PageTables& tables) {
     for (const SplitRegion& whole : _splitRegions) {
         const auto first = std::ranges::lower_bound(_regions, whole.start, {}, &SnapshotRegion::start);
         const auto last = std::ranges::lower_bound(_regions, whole.end, {}, &SnapshotRegion::start);
-        const std::span<SnapshotRegion> parts(first, last);
+        const Regions parts(first, last);
         const std::uint32_t lazy = parts.front().pages.lazy;
-        if (_countPages(tables, parts) != 0) continue;
-        SnapshotRegion& largest = *std::ranges::max_element(parts, {}, &SnapshotRegion::size);
-        largest.pages.lazy = std::min(lazy, largest.pages.anonymous);
+        if (!parts.front().isUncounted && _countPages(tables, parts, false) != 0) continue;
+        for (SnapshotRegion& part : parts) part.pages.lazy = 0;
+        std::ranges::max_element(parts, {}, &SnapshotRegion::size)->pages.lazy = lazy;
     }
 }
 
@@ -92,7 +134,7 @@ void TaskSnapshot::_readDetails(int processDirectory) {
         while (region != _regions.end() && region->start < entry.start) ++region;
         if (region == _regions.end() || region->start != entry.start || region->end != entry.end) return;
         region->isLocked = (entry.flags & SmapsEntry::kLocked) != 0;
-        region->pages.lazy = std::min(pagesOfKibibytes(entry.lazyFree), region->pages.anonymous);
+        region->pages.lazy = pagesOfKibibytes(entry.lazyFree);
         if (entry.isShared)
             region->pages.fileDirty = pagesOfKibibytes(entry.sharedDirty + entry.privateDirty);
     });
@@ -121,74 +163,50 @@ bool TaskSnapshot::_noteFiles(int processDirectory) {
 void TaskSnapshot::_notePages(PageTables& tables, const LineageUse& use) {
     if (use.lineages == nullptr || !tables.isOpen()) return;
     for (SnapshotRegion& region : _regions)
-        if (region.hasOwnPages() && !isKernels(region)) _notePagesOf(region, tables, use);
+        if ((region.isUncounted || region.hasOwnPages()) && !isKernels(region))
+            _notePagesOf(region, tables, use);
 }
 
-// Reads the words of the private pages: one of each huge page, which says it all, and otherwise all of them.
 void TaskSnapshot::_notePagesOf(SnapshotRegion& region, PageTables& tables, const LineageUse& use) {
-    Lineages& lineages = *use.lineages;
-    const Lineages::Member member = lineages.addMember();
+    const Lineages::Member member = use.lineages->addMember();
+    Lineages::Holder holder(*use.lineages, member);
     region.member = member + 1;
     RegionPages& pages = region.pages;
     pages.anonymous = pages.swapped = 0;
-    const auto note = [&](std::uint64_t address, PageWord word, std::uint32_t count) {
-        const std::uint64_t page = address / pageSize();
-        if (word.isPresent() && !word.isFile()) {
-            pages.anonymous += count;
-            if (use.swapCache != nullptr && count == 1 && use.swapCache->holds(word.frame()))
-                use.swapCache->noteFrame(member, page, word.frame());
-            else if (word.isExclusive())
-                region.exclusive += count;
-            else
-                lineages.holdFrames(member, use.seesFrames ? word.frame() : page, count);
-        } else if (word.isSwapped()) {
-            pages.swapped += count;
-            lineages.holdSlot(member, use.seesFrames ? word.slot() : page);
-            if (use.swapCache != nullptr) use.swapCache->noteSlot(page, word.slot());
-        }
-    };
     // Frames that follow each other are noted together.
     std::uint64_t firstFrame = 0;
     std::uint64_t frames = 0;
     const auto noteFrames = [&] {
-        if (frames != 0) lineages.holdFrames(member, firstFrame, frames);
+        if (frames != 0) holder.holdFrames(firstFrame, frames);
         frames = 0;
     };
-    const bool isSimple = use.seesFrames && use.swapCache == nullptr;
-    const auto noteWords = [&](std::uint64_t address, std::span<const std::uint64_t> words) {
-        for (const std::uint64_t bits : words) {
-            const PageWord word(bits);
-            if (isSimple && word.isPresent() && !word.isFile()) {
-                ++pages.anonymous;
-                if (word.isExclusive()) {
-                    ++region.exclusive;
-                } else {
-                    if (word.frame() != firstFrame + frames) noteFrames();
-                    if (frames == 0) firstFrame = word.frame();
-                    ++frames;
-                }
+    const auto note = [&](std::uint64_t page, PageWord word, std::uint32_t count) {
+        if (tables.isZeroPage(word)) return;
+        if (word.isPresent() && !word.isFile()) {
+            const std::uint64_t frame = use.seesFrames ? word.frame() : page;
+            pages.anonymous += count;
+            if (use.swapCache != nullptr && count == 1 && use.swapCache->holds(frame)) {
+                use.swapCache->noteFrame(member, page, frame);
+            } else if (word.isExclusive()) {
+                region.exclusive += count;
             } else {
-                note(address, word, 1);
+                if (frame != firstFrame + frames) noteFrames();
+                if (frames == 0) firstFrame = frame;
+                frames += count;
             }
-            address += pageSize();
+        } else if (word.isSwapped()) {
+            pages.swapped += count;
+            holder.holdSlot(use.seesFrames ? word.slot() : page);
+            if (use.swapCache != nullptr) use.swapCache->noteSlot(page, word.slot());
         }
-        noteFrames();
     };
-    tables.forEachRun(region.start, region.end, [&](const PageRun& run) {
-        if (run.isFile) return;
-        if (!run.isHuge || !run.isPresent) {
-            tables.forEachWord(run.start, run.end, noteWords);
-            return;
-        }
-        for (std::uint64_t start = run.start; start < run.end;) {
-            const std::uint64_t end = std::min(run.end, (start | (hugePageSize() - 1)) + 1);
-            const auto count = static_cast<std::uint32_t>((end - start) / pageSize());
-            tables.forEachWord(start, start + pageSize(), [&](std::uint64_t address, auto words) {
-                if (PageWord(words[0]).isPresent()) note(address, PageWord(words[0]), count);
-            });
-            start = end;
-        }
-    });
+    tables.forEachUsedWord(
+        region.start, region.end,
+        [&](std::uint64_t address, std::span<const std::uint64_t> words, std::uint32_t count) {
+            std::uint64_t page = address / pageSize();
+            for (const std::uint64_t word : words) note(page++, PageWord(word), count);
+        });
+    noteFrames();
 }
 
 void TaskSnapshot::_fillRecords() {
@@ -226,7 +244,7 @@ std::span<const SharedPages> TaskSnapshot::keep(std::span<const SharedPages> sha
 KernReturn TaskSnapshot::queryPages(int processDirectory, std::uint64_t address, std::uint64_t count,
                                     std::int32_t* dispositions) const {
     std::fill_n(dispositions, count, 0);
-    PageTables tables(processDirectory, _services.mayScan);
+    PageTables tables(processDirectory, _services.pageAccess);
     if (!tables.isOpen())
         return errno == ENOENT || errno == ESRCH ? kKernInvalidArgument : kernReturnFromErrno(errno);
     const std::uint64_t end = address + count * pageSize();
@@ -238,15 +256,16 @@ KernReturn TaskSnapshot::queryPages(int processDirectory, std::uint64_t address,
         at = stop;
         // [vsyscall] is above the addresses of processes and has no entries in pagemap.
         if (region->tag() == Tag::kVsyscall) continue;
-        const int error = tables.forEachRun(start, stop, [&](const PageRun& run) {
-            const bool isExternal = run.isFile && region->record.external_pager != 0;
-            const std::int32_t disposition =
-                !run.isPresent ? kPageQueryPagedOut
-                               : kPageQueryPresent | (isExternal ? kPageQueryExternal : kPageQueryDirty);
-            const std::uint64_t last = std::min(run.end, stop);
-            for (std::uint64_t page = std::max(run.start, start); page < last; page += pageSize())
-                dispositions[(page - address) / pageSize()] = disposition;
-        });
+        const int error =
+            tables.forEachRun(start, stop, PageTables::Detail::kWhetherFile, [&](const PageRun& run) {
+                const bool isExternal = run.isFile && region->record.external_pager != 0;
+                const std::int32_t disposition =
+                    !run.isPresent ? kPageQueryPagedOut
+                                   : kPageQueryPresent | (isExternal ? kPageQueryExternal : kPageQueryDirty);
+                const std::uint64_t last = std::min(run.end, stop);
+                for (std::uint64_t page = std::max(run.start, start); page < last; page += pageSize())
+                    dispositions[(page - address) / pageSize()] = disposition;
+            });
         if (error == ESRCH) return kKernInvalidArgument;
         if (error != 0) return kernReturnFromErrno(error);
     }

@@ -101,9 +101,9 @@ TEST(LineagesTest, CountEachPageOnceInAnyOrderAndFromSeveralThreads) {
         const auto note = [&] {
             for (std::size_t i = next++; i < regions; i = next++) {
                 const std::size_t region = regions - 1 - i;  // Low numbers come late.
-                const auto member = static_cast<Lineages::Member>(region);
-                for (const std::uint64_t frame : all.frames[region]) lineages.holdFrames(member, frame);
-                for (const std::uint64_t slot : all.slots[region]) lineages.holdSlot(member, slot);
+                Lineages::Holder holder(lineages, static_cast<Lineages::Member>(region));
+                for (const std::uint64_t frame : all.frames[region]) holder.holdFrames(frame);
+                for (const std::uint64_t slot : all.slots[region]) holder.holdSlot(slot);
             }
         };
         {
@@ -118,19 +118,19 @@ TEST(LineagesTest, HugePageIsAsManyFrames) {
     Lineages lineages;
     const Lineages::Member whole = lineages.addMember();
     const Lineages::Member small = lineages.addMember();
-    lineages.holdFrames(whole, 1024, 512);
-    lineages.holdFrames(small, 1500);
+    Lineages::Holder(lineages, whole).holdFrames(1024, 512);
+    Lineages::Holder(lineages, small).holdFrames(1500);
     EXPECT_EQ(lineages.aloneIn(whole).resident, 511U);
     EXPECT_EQ(lineages.sharedThrough(whole).resident + lineages.sharedThrough(small).resident, 1U);
 }
 
 TEST(LineagesTest, FrameOfTheSwapCacheIsTheSlotAtItsAddress) {
-    SwapCache swapCache("/nonexistent");
+    SwapCache swapCache({"/nonexistent", "/nonexistent"});
     Lineages lineages;
     const Lineages::Member readBack = lineages.addMember();
     const Lineages::Member other = lineages.addMember();
     const std::uint64_t slot = std::uint64_t{3} << 32 | 77;  // In the fourth swap area.
-    lineages.holdSlot(other, slot);
+    Lineages::Holder(lineages, other).holdSlot(slot);
     swapCache.noteSlot(1000, slot);
     swapCache.noteFrame(readBack, 1000, 5);
     swapCache.noteFrame(readBack, 1001, 6);  // Nobody has a slot there.

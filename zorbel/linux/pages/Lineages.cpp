@@ -26,35 +26,63 @@ Lineages::Member Lineages::addMember() {
     return member;
 }
 
-void Lineages::holdFrames(Member member, std::uint64_t frame, std::uint64_t count) {
-    Record& record = _record(member);
+Lineages::Holder::~Holder() {
+    _handOverTaken();
+    Record& record = _lineages._record(_member);
+    for (const std::size_t kind : {kResident, kSwapped}) {
+        record.alone[kind].fetch_add(_alone[kind], std::memory_order_relaxed);
+        record.shared[kind] += _shared[kind];
+    }
+}
+
+inline void Lineages::Holder::_hold(FrameTable::Word& word, std::size_t kind) {
+    const std::uint32_t known = word.load(std::memory_order_acquire);
+    if (known == 0 || known != _lastMet) _holdKnown(word, known, kind);
+}
+
+void Lineages::Holder::holdFrames(std::uint64_t frame, std::uint64_t count) {
     while (count > 0) {
-        std::span<FrameTable::Word> words = _frames.from(frame);
+        std::span<FrameTable::Word> words = _lineages._frames.from(frame);
         words = words.first(std::min<std::size_t>(words.size(), count));
-        for (FrameTable::Word& word : words) _hold(member, record, word, kResident);
+        for (FrameTable::Word& word : words) _hold(word, kResident);
         frame += words.size();
         count -= words.size();
     }
 }
 
-void Lineages::_hold(Member member, Record& record, FrameTable::Word& word, Kind kind) {
-    std::uint32_t known = word.load(std::memory_order_acquire);
+void Lineages::Holder::holdSlot(std::uint64_t slot) { _hold(_lineages._slots.at(slot), kSwapped); }
+
+void Lineages::Holder::_holdKnown(FrameTable::Word& word, std::uint32_t known, std::size_t kind) {
     for (;;) {
         if (known == 0) {
-            if (!word.compare_exchange_weak(known, member + 1, std::memory_order_acq_rel)) continue;
-            record.alone[kind].fetch_add(1, std::memory_order_relaxed);
+            if (!word.compare_exchange_weak(known, _member + 1, std::memory_order_acq_rel)) continue;
+            ++_alone[kind];
             return;
         }
         const Member first = (known & ~kShared) - 1;
-        if (first == member) return;  // Equal pages of one region, merged by the kernel: counted already.
-        if ((known & kShared) == 0) {
-            if (!word.compare_exchange_weak(known, known | kShared, std::memory_order_acq_rel)) continue;
-            _record(first).alone[kind].fetch_sub(1, std::memory_order_relaxed);
-            ++record.shared[kind];
+        if (first == _member) return;  // Equal pages of one region, merged by the kernel: counted already.
+        const bool wasAlone = (known & kShared) == 0;
+        if (wasAlone && !word.compare_exchange_weak(known, known | kShared, std::memory_order_acq_rel))
+            continue;
+        if (_lastMet != (known | kShared)) {
+            _handOverTaken();
+            _lineages._unite(first, _member);
+            _lastMet = known | kShared;
         }
-        if (record.lastMet != first + 1) _unite(first, member);
-        record.lastMet = first + 1;
+        if (wasAlone) {
+            ++_taken[kind];
+            ++_shared[kind];
+        }
         return;
+    }
+}
+
+void Lineages::Holder::_handOverTaken() {
+    if (_lastMet == 0) return;
+    Record& record = _lineages._record((_lastMet & ~kShared) - 1);
+    for (const std::size_t kind : {kResident, kSwapped}) {
+        if (_taken[kind] != 0) record.alone[kind].fetch_sub(_taken[kind], std::memory_order_relaxed);
+        _taken[kind] = 0;
     }
 }
 

@@ -2,12 +2,14 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <ctime>
 
 #include "linux/process/PageSize.h"
@@ -45,55 +47,103 @@ constexpr std::uint64_t kIsHuge = 1U << 6;
 
 constexpr std::size_t kRangesOfCall = 512;
 
+/// Size of what the kernel maps as one huge page, in bytes, a power of two; that of x86 and most others where
+/// it is not known.
+std::uint64_t hugePageSize() {
+    static const std::uint64_t kSize = [] {
+        const auto text = readWholeFile("/sys/kernel/mm/transparent_hugepage/hpage_pmd_size", AT_FDCWD);
+        const unsigned long long size = text ? std::strtoull(text->c_str(), nullptr, 10) : 0;
+        return size >= pageSize() ? size : std::uint64_t{2} << 20;
+    }();
+    return kSize;
+}
+
+/// How much reading words is worth without a scan: most pages are there, and they are not huge ones.
+class Density {
+  public:
+    void add(std::span<const std::uint64_t> words) {
+        _pages += words.size();
+        for (const std::uint64_t bits : words) {
+            const PageWord word(bits);
+            if (word.isPresent() || word.isSwapped()) ++_used;
+            // So many frames in sequence are a huge page, or might as well be one.
+            _inSequence = word.isPresent() && word.frame() == _lastFrame + 1 ? _inSequence + 1 : 0;
+            _lastFrame = word.frame();
+            _mostInSequence = std::max(_mostInSequence, _inSequence);
+        }
+    }
+    [[nodiscard]] bool isHigh() const {
+        return _used * 2 >= _pages && (_mostInSequence + 1) * pageSize() < hugePageSize();
+    }
+
+  private:
+    std::uint64_t _pages = 0;
+    std::uint64_t _used = 0;
+    std::uint64_t _lastFrame = 0;
+    std::uint64_t _inSequence = 0;
+    std::uint64_t _mostInSequence = 0;
+};
+
 }  // namespace
 
 std::uint64_t PageRun::pages() const { return (end - start) / pageSize(); }
 
-PageTables::PageTables(int processDirectory, bool mayScan)
+PageAccess PageAccess::find(const SystemRoot& root) {
+    const FileDescriptor self = openDirectory((root.proc + "/self").c_str(), AT_FDCWD);
+    PageTables own(self.get(), {.mayScan = true});
+    PageAccess access;
+    if (!own.isOpen()) return access;
+    void* page = mmap(nullptr, pageSize(), PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED) return access;
+    static_cast<void>(*static_cast<volatile char*>(page));  // A page that is only read is the one of zeros.
+    const auto address = reinterpret_cast<std::uint64_t>(page);
+    own.forEachWord(address, address + pageSize(),
+                    [&](std::uint64_t, auto words) { access.zeroFrame = PageWord(words[0]).frame(); });
+    access.mayScan =
+        own.forEachRun(address, address + pageSize(), PageTables::Detail::kPlace, [](const PageRun&) {}) == 0;
+    munmap(page, pageSize());
+    return access;
+}
+
+PageTables::PageTables(int processDirectory, const PageAccess& access)
     : _file(openForReading("pagemap", processDirectory)),
-      _mayScan(mayScan),
+      _access(access),
       _turnBegan(std::chrono::steady_clock::now()) {}
 
-bool PageTables::canScan(const SystemRoot& root) {
-    const FileDescriptor self = openDirectory((root.proc + "/self").c_str(), AT_FDCWD);
-    PageTables own(self.get());
-    return own.isOpen() && own._scanRuns(0, pageSize(), [](const PageRun&) {}) == 0;
-}
-
-int PageTables::forEachRun(std::uint64_t start, std::uint64_t end,
+int PageTables::forEachRun(std::uint64_t start, std::uint64_t end, Detail detail,
                            const std::function<void(const PageRun&)>& visit) {
-    if (_mayScan) {
-        const int error = _scanRuns(start, end, visit);
-        if (error != ENOTTY && error != EINVAL) return error;
-        _mayScan = false;  // The first call of all has failed: nothing has been visited.
+    if (!_access.mayScan) return _readRuns(start, end, visit);
+    while (start < end) {
+        if (const int error = _scan(start, end, detail, visit); error != 0) return error;
+        if (start < end) _giveWay();
     }
-    return _readRuns(start, end, visit);
+    return 0;
 }
 
-int PageTables::_scanRuns(std::uint64_t start, std::uint64_t end,
-                          const std::function<void(const PageRun&)>& visit) {
+int PageTables::_scan(std::uint64_t& start, std::uint64_t end, Detail detail,
+                      const std::function<void(const PageRun&)>& visit) {
     std::array<ScannedRange, kRangesOfCall> ranges;
-    while (start < end) {
-        ScanArguments arguments{};
-        arguments.size = sizeof arguments;
-        arguments.start = start;
-        arguments.end = end;
-        arguments.ranges = reinterpret_cast<std::uint64_t>(ranges.data());
-        arguments.rangeCount = ranges.size();
-        arguments.mostPages = kMostPagesOfCall;
-        arguments.anyOfCategories = kIsPresent | kIsSwapped;
-        arguments.returnedCategories = kIsPresent | kIsSwapped | kIsOfFile | kIsZeroPage | kIsHuge;
-        const int count = ioctl(_file.get(), kScan, &arguments);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return errno;
+    ScanArguments arguments{};
+    arguments.size = sizeof arguments;
+    arguments.start = start;
+    arguments.end = end;
+    arguments.ranges = reinterpret_cast<std::uint64_t>(ranges.data());
+    arguments.rangeCount = ranges.size();
+    arguments.mostPages = kMostPagesOfCall;
+    arguments.anyOfCategories = kIsPresent | kIsSwapped;
+    arguments.returnedCategories =
+        kIsPresent | kIsSwapped | kIsZeroPage | kIsHuge | (detail == Detail::kWhetherFile ? kIsOfFile : 0);
+    int count = ioctl(_file.get(), kScan, &arguments);
+    while (count < 0 && errno == EINTR) count = ioctl(_file.get(), kScan, &arguments);
+    if (count < 0) return errno;
+    _visit([&] {
         for (const ScannedRange& range : std::span(ranges).first(static_cast<std::size_t>(count))) {
             const auto is = [&](std::uint64_t category) { return (range.categories & category) != 0; };
             if (!is(kIsZeroPage)) visit({range.start, range.end, is(kIsPresent), is(kIsOfFile), is(kIsHuge)});
         }
-        if (arguments.walkEnd <= start) return count == 0 ? 0 : EIO;
-        start = arguments.walkEnd;
-        if (start < end) _giveWay();
-    }
+    });
+    if (arguments.walkEnd <= start && count != 0) return EIO;
+    start = arguments.walkEnd > start ? arguments.walkEnd : end;
     return 0;
 }
 
@@ -110,7 +160,7 @@ int PageTables::_readRuns(std::uint64_t start, std::uint64_t end,
                 const PageWord word(bits);
                 const PageRun page{address, address + pageSize(), word.isPresent(), word.isFile(), false};
                 address = page.end;
-                if (!word.isPresent() && !word.isSwapped()) {
+                if ((!word.isPresent() && !word.isSwapped()) || isZeroPage(word)) {
                     finish();
                 } else if (run.end == page.start && run.isPresent == page.isPresent &&
                            run.isFile == page.isFile) {
@@ -125,11 +175,9 @@ int PageTables::_readRuns(std::uint64_t start, std::uint64_t end,
     return error;
 }
 
-int PageTables::forEachWord(
-    std::uint64_t start, std::uint64_t end,
-    const std::function<void(std::uint64_t address, std::span<const std::uint64_t> words)>& visit) {
+int PageTables::forEachWord(std::uint64_t start, std::uint64_t end, const VisitWords& visit) {
     // The kernel lets go of the lock at every 2 MiB by itself, which is 512 small pages.
-    std::array<std::uint64_t, 4096> words;
+    std::array<std::uint64_t, kMostPagesOfCall> words;
     while (start < end) {
         const std::uint64_t wanted = std::min<std::uint64_t>(words.size(), (end - start) / pageSize());
         const auto place = static_cast<off_t>(start / pageSize() * sizeof words[0]);
@@ -138,11 +186,63 @@ int PageTables::forEachWord(
         if (size < 0) return errno;
         const auto count = static_cast<std::size_t>(size) / sizeof words[0];
         if (count == 0) return ESRCH;
-        visit(start, std::span(words).first(count));
+        _visit([&] { visit(start, std::span(words).first(count)); });
         start += count * pageSize();
         if (start < end) _giveWay();
     }
     return 0;
+}
+
+int PageTables::forEachUsedWord(std::uint64_t start, std::uint64_t end, const VisitUsedWords& visit) {
+    const std::uint64_t stretch = kMostPagesOfCall * pageSize();
+    bool isDense = end - start <= hugePageSize();
+    while (start < end) {
+        int error = 0;
+        if (!_access.mayScan || (isDense && _access.seesFrames())) {
+            Density density;
+            const std::uint64_t stop = std::min(end, start + stretch);
+            error = forEachWord(start, stop, [&](std::uint64_t address, auto words) {
+                density.add(words);
+                visit(address, words, 1);
+            });
+            isDense = density.isHigh();
+            start = stop;
+        } else {
+            const std::uint64_t began = start;
+            isDense = false;
+            error = _scan(start, end, Detail::kPlace, [&](const PageRun& run) {
+                isDense = !run.isHuge && run.end - run.start >= stretch && run.start == began;
+                if (error == 0) error = _visitRun(run, visit);
+            });
+        }
+        if (error != 0) return error;
+        if (start < end) _giveWay();
+    }
+    return 0;
+}
+
+int PageTables::_visitRun(const PageRun& run, const VisitUsedWords& visit) {
+    if (!run.isHuge || !run.isPresent)
+        return forEachWord(run.start, run.end,
+                           [&](std::uint64_t address, auto words) { visit(address, words, 1); });
+    for (std::uint64_t start = run.start; start < run.end;) {
+        const std::uint64_t end = std::min(run.end, (start | (hugePageSize() - 1)) + 1);
+        const auto count = static_cast<std::uint32_t>((end - start) / pageSize());
+        const int error = forEachWord(start, start + pageSize(), [&](std::uint64_t address, auto words) {
+            if (PageWord(words[0]).isPresent()) visit(address, words, count);
+        });
+        if (error != 0) return error;
+        start = end;
+    }
+    return 0;
+}
+
+template <typename Visit>
+void PageTables::_visit(const Visit& visit) {
+    const auto began = std::chrono::steady_clock::now();
+    visit();
+    const auto now = std::chrono::steady_clock::now();
+    if (now - began >= kPause) _turnBegan = now;
 }
 
 // A sleep, however short, hands the lock to a waiting writer, which sched_yield does not.
@@ -151,8 +251,8 @@ void PageTables::_giveWay() {
     if (now - _turnBegan < kLongestTurn) return;
     thread_local const int isPrecise = prctl(PR_SET_TIMERSLACK, 1UL);  // Otherwise it lasts 50 us longer.
     static_cast<void>(isPrecise);
-    constexpr timespec kPause = {0, 20'000};
-    nanosleep(&kPause, nullptr);
+    constexpr timespec kLength = {0, std::chrono::nanoseconds(kPause).count()};
+    nanosleep(&kLength, nullptr);
     _turnBegan = std::chrono::steady_clock::now();
 }
 

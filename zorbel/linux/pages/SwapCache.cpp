@@ -21,7 +21,8 @@ std::uint64_t unpacked(std::uint32_t word) {
 
 }  // namespace
 
-SwapCache::SwapCache(const char* flagsFile) : _flags(openForReading(flagsFile, AT_FDCWD)) {}
+SwapCache::SwapCache(const SystemRoot& root)
+    : _flags(openForReading((root.proc + "/kpageflags").c_str(), AT_FDCWD)) {}
 
 void SwapCache::noteSlot(std::uint64_t page, std::uint64_t slot) {
     _slots.at(page).store(packed(slot) + 1, std::memory_order_relaxed);
@@ -43,10 +44,11 @@ void SwapCache::noteFrame(Lineages::Member member, std::uint64_t page, std::uint
 void SwapCache::settle(Lineages& lineages) {
     for (const KeptFrame& kept : _frames) {
         const std::uint32_t word = _slots.at(kept.page).load(std::memory_order_relaxed);
+        Lineages::Holder holder(lineages, kept.member);
         if (word != 0)
-            lineages.holdSlot(kept.member, unpacked(word - 1));
+            holder.holdSlot(unpacked(word - 1));
         else
-            lineages.holdFrames(kept.member, kept.frame);
+            holder.holdFrames(kept.frame);
     }
     _frames.clear();
 }

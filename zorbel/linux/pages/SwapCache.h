@@ -8,6 +8,7 @@
 #include "base/Files.h"
 #include "linux/pages/FrameTable.h"
 #include "linux/pages/Lineages.h"
+#include "linux/process/SystemRoot.h"
 
 namespace zorbel {
 
@@ -24,7 +25,7 @@ namespace zorbel {
 class SwapCache {
   public:
     /// Flags of frames come from /proc/kpageflags, which takes CAP_SYS_ADMIN.
-    explicit SwapCache(const char* flagsFile = "/proc/kpageflags");
+    explicit SwapCache(const SystemRoot& root);
 
     /// Notes the slot of a page, given by its address in pages. From any thread.
     void noteSlot(std::uint64_t page, std::uint64_t slot);

@@ -45,6 +45,7 @@ struct SnapshotRegion {
     bool isHuge = false;            ///< In hugetlbfs.
     bool isLocked = false;          ///< By mlock() and its like.
     bool isDevice = false;          ///< Maps memory of a device, which is none of the system's.
+    bool isUncounted = false;       ///< Its pages are counted when their words are read.
     bool isWritten = false;         ///< Private, and writable now or in the past.
 
     [[nodiscard]] Tag tag() const { return static_cast<Tag>(record.user_tag); }
