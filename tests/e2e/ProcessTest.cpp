@@ -2,6 +2,7 @@
 // interrupted runs.
 
 #include <gmock/gmock.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -97,6 +98,22 @@ TEST(ProcessTest, MeasuresMoreProcessesThanOpenFiles) {
     EXPECT_EQ(outcome.error, "");
     const Row row = outcome.tableAfter({"Shared with 120 processes:\n"})["memfd"];
     EXPECT_EQ(row, (Row{.dirty = 2, .regions = 120}));
+}
+
+TEST(ProcessTest, MeasuresMoreSharedFilesThanOpenFiles) {
+    const Fixture mapsMany({[] {
+        for (int i = 0; i < 120; ++i) {
+            void* page = mmap(nullptr, kPageSize, PROT_READ | PROT_WRITE, MAP_SHARED, newFile(1), 0);
+            check(page != MAP_FAILED, "mmap");
+            static_cast<volatile char*>(page)[0] = 1;
+        }
+    }});
+    const Fixture other;
+    const Outcome outcome =
+        runZorbel(wide({mapsMany.pid(), other.pid()}), {"prlimit", "--nofile=100", kZorbel});
+    EXPECT_EQ(outcome.error, "");
+    EXPECT_EQ(outcome.tableOf(mapsMany.pid())["memfd"], (Row{.dirty = 120, .regions = 120}));
+    EXPECT_GT(outcome.tableOf(other.pid())["stack"].dirty, 0);
 }
 
 /// A run of zorbel, stopped while it reads the many regions of the first process. On a busy

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <thread>
 
+#include "base/TextCursor.h"
 #include "base/Utf8.h"
 #include "linux/Settlement.h"
 #include "linux/process/PageSize.h"
@@ -57,6 +58,26 @@ void copyText(char (&field)[size], const std::string& text) {
 bool isThread(std::int32_t pid) {
     const FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     return !process.isOpen() && (errno == EINVAL || errno == ENOENT);
+}
+
+/// Kernel threads, in ascending order: the children of process 2, which starts them all. Nothing where those
+/// can't be seen, as in a container.
+std::vector<std::int32_t> kernelThreads(const SystemRoot& root) {
+    constexpr std::int32_t kThreadDaemon = 2;
+    std::vector<std::int32_t> threads;
+    const FileDescriptor directory = openProcessDirectory(root, kThreadDaemon);
+    if (!directory.isOpen()) return threads;
+    const auto stat = readStat(directory.get());
+    if (!stat || (stat->flags & ProcessStat::kKernelThread) == 0) return threads;
+    threads.push_back(kThreadDaemon);
+    const auto text = readWholeFile("task/2/children", directory.get());
+    for (std::string_view rest = text ? std::string_view(*text) : ""; !rest.empty();)
+        if (const auto pid = takeNumber(rest))
+            threads.push_back(static_cast<std::int32_t>(*pid));
+        else
+            break;
+    std::ranges::sort(threads);
+    return threads;
 }
 
 BsdInfoRecord recordOfKernel() {
@@ -129,8 +150,9 @@ class LinuxPlatform::TaskDirectory {
 LinuxPlatform::LinuxPlatform(Diagnostics& diagnostics, SystemRoot root)
     : _diagnostics(diagnostics),
       _root(std::move(root)),
-      _fileSystems(_root.proc),
-      _mostDescriptors(raiseDescriptorLimit()) {}
+      _mostDescriptors(raiseDescriptorLimit()),
+      _fileSystems(_root),
+      _sharedFiles(_mostDescriptors) {}
 LinuxPlatform::~LinuxPlatform() = default;
 
 std::uint32_t LinuxPlatform::vm_kernel_page_size() const {
@@ -140,14 +162,17 @@ std::uint32_t LinuxPlatform::vm_kernel_page_size() const {
 bool LinuxPlatform::proc_listallpids(std::vector<std::int32_t>& pids) {
     const std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir(_root.proc.c_str()), &closedir);
     if (!proc) return false;
+    const std::vector<std::int32_t> threads = kernelThreads(_root);
     pids = {0};
     while (const dirent* entry = readdir(proc.get())) {
         const char* end = entry->d_name + std::strlen(entry->d_name);
         std::int32_t pid = 0;
         const auto [parsed, error] = std::from_chars(entry->d_name, end, pid);
-        if (error == std::errc() && parsed == end) pids.push_back(pid);
+        if (error == std::errc() && parsed == end && !std::ranges::binary_search(threads, pid))
+            pids.push_back(pid);
     }
-    std::sort(pids.begin(), pids.end());
+    std::ranges::sort(pids);
+    _listedPids = pids;
     return true;
 }
 
@@ -156,7 +181,7 @@ bool LinuxPlatform::proc_pidinfo(std::int32_t pid, BsdInfoRecord& record) {
         record = recordOfKernel();
         return true;
     }
-    if (isThread(pid)) return false;
+    if (!std::ranges::binary_search(_listedPids, pid) && isThread(pid)) return false;
     const auto text = readWholeFile(_root.ofProcess(pid, "/stat").c_str(), AT_FDCWD);
     const auto stat = text ? parseProcessStat(*text) : std::nullopt;
     if (!stat || (stat->flags & ProcessStat::kKernelThread) != 0) return false;

@@ -122,31 +122,32 @@ class LinuxPlatform : public Platform, private Symbolicator {
     /// Null if the process no longer has memory, and for kTaskNull.
     const ProcessStatus* _statusOf(TaskName name);
 
-    Diagnostics& _diagnostics;
-    SystemRoot _root;
-    FileSystems _fileSystems;
     [[nodiscard]] SnapshotServices _services() {
         return {_fileSystems, _elfFiles, _objectIds, _sharedFiles, _pageAccess};
     }
     void _prepareReading();
     [[nodiscard]] bool _mayHaveDetails(const Task& task) const;
 
+    Diagnostics& _diagnostics;
+    SystemRoot _root;
+    /// Tasks and files keep only descriptors below this number.
+    int _mostDescriptors;
+    FileSystems _fileSystems;
     ElfFiles _elfFiles;
     ObjectIds _objectIds;
     SharedFiles _sharedFiles;
     std::once_flag _isReadingPrepared;
     std::optional<Families> _families;  ///< Of the tasks, from the first reading on.
     PageAccess _pageAccess;
-    bool _mergesPages = false;     ///< Whether KSM has merged pages of any process.
-    std::uint64_t _lazyPages = 0;  ///< About how many pages of all processes are lazily freed.
-    bool _hasLazyPages = false;    ///< Whether any page ever was.
+    bool _mergesPages = false;              ///< Whether KSM has merged pages of any process.
+    std::uint64_t _lazyPages = 0;           ///< About how many pages of all processes are lazily freed.
+    bool _hasLazyPages = false;             ///< Whether any page ever was.
+    std::vector<std::int32_t> _listedPids;  ///< Ascending. All are processes, not threads.
     /// By pid, from the records of processes.
     std::unordered_map<std::int32_t, std::uint64_t> _stackStarts;
     std::unique_ptr<KernelMemory> _kernelMemory;  ///< Null until mach_memory_info is called.
     /// Grows only while processes are opened, before any of them is read.
     std::deque<Task> _tasks;
-    /// Tasks keep only descriptors below this number.
-    int _mostDescriptors = 0;
     std::int32_t _selfRegionZorbel = 0;
 };
 

@@ -6,7 +6,10 @@
 #include <sys/sysmacros.h>
 
 #include <algorithm>
+#include <bit>
+#include <filesystem>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -93,10 +96,26 @@ bool hasLocalLayers(const Mount& overlay, const std::vector<Mount>& mounts) {
     return hasLayers;
 }
 
+/// In bytes: the kernel has a directory "hugepages-2048kB" for each.
+std::vector<std::uint64_t> hugePageSizes(const SystemRoot& root) {
+    constexpr std::string_view kPrefix = "hugepages-";
+    std::vector<std::uint64_t> sizes;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(root.sys + "/kernel/mm/hugepages", error)) {
+        const std::string name = entry.path().filename();
+        if (!name.starts_with(kPrefix)) continue;
+        std::string_view rest = std::string_view(name).substr(kPrefix.size());
+        if (const auto kibibytes = takeNumber(rest); kibibytes && std::has_single_bit(*kibibytes))
+            sizes.push_back(*kibibytes * 1024);
+    }
+    return sizes;
+}
+
 }  // namespace
 
-FileSystems::FileSystems(const std::string& proc) {
-    if (const auto text = readWholeFile((proc + "/self/mountinfo").c_str(), AT_FDCWD)) addMounts(*text, true);
+FileSystems::FileSystems(const SystemRoot& root) {
+    if (const auto text = readWholeFile((root.proc + "/self/mountinfo").c_str(), AT_FDCWD))
+        addMounts(*text, true);
     const auto addKernelMount = [this](unsigned flags, Kind kind) {
         const FileDescriptor probe(memfd_create("zorbel", MFD_CLOEXEC | flags));
         struct stat status {};
@@ -105,8 +124,9 @@ FileSystems::FileSystems(const std::string& proc) {
     addKernelMount(0, Kind::kKernel);
     // One for each size of huge pages. A file without contents takes no page.
     constexpr unsigned kSizeShift = 26;
-    for (unsigned sizeLog = 12; sizeLog < 40; ++sizeLog)
-        addKernelMount(MFD_HUGETLB | sizeLog << kSizeShift, Kind::kHuge);
+    for (const std::uint64_t size : hugePageSizes(root))
+        addKernelMount(MFD_HUGETLB | static_cast<unsigned>(std::countr_zero(size)) << kSizeShift,
+                       Kind::kHuge);
 }
 
 FileSystems::Kind FileSystems::kindOf(std::uint64_t device) {

@@ -2,9 +2,10 @@
 
 #include <cstdint>
 #include <mutex>
-#include <string>
 #include <string_view>
 #include <unordered_map>
+
+#include "linux/process/SystemRoot.h"
 
 namespace zorbel {
 
@@ -21,8 +22,8 @@ class FileSystems {
         kRemote,   ///< Served by a process or another machine, or of an unknown type.
     };
 
-    /// Reads the mounts of our own namespace from proc/self/mountinfo.
-    explicit FileSystems(const std::string& proc = "/proc");
+    /// Reads the mounts of our own namespace from /proc/self/mountinfo, and finds the kernel's own.
+    explicit FileSystems(const SystemRoot& root = {});
 
     /// The kind of the file system with this device number; kUnknown if no mount read so far has it.
     Kind kindOf(std::uint64_t device);

@@ -30,6 +30,7 @@ bool SharedFiles::note(std::uint32_t file, std::uint64_t offset, std::uint64_t s
     const std::lock_guard lock(_mutex);
     File& noted = _files[file];
     if (!noted.descriptor.isOpen()) noted.descriptor = open();
+    if (noted.descriptor.get() >= _mostDescriptors) noted.descriptor = FileDescriptor();
     const Range range = {offset, offset + size};
     if (noted.ranges.empty() || noted.ranges.back() != range) noted.ranges.push_back(range);
     return noted.descriptor.isOpen();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/unordered/unordered_flat_map.hpp>
+#include <climits>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -37,6 +38,9 @@ struct FilePages {
 /// ns.
 class SharedFiles {
   public:
+    /// Keeps only descriptors below this number. Files beyond that are unknown.
+    explicit SharedFiles(int mostDescriptors = INT_MAX) : _mostDescriptors(mostDescriptors) {}
+
     /// Notes a mapped range, in bytes. The file is opened when it is noted for the first time; a descriptor
     /// that is not open makes this file unknown unless somebody else can open it. From any thread.
     /// Returns whether the file is open.
@@ -62,6 +66,7 @@ class SharedFiles {
 
     static std::optional<FilePages> _ask(File& file, Range range);
 
+    int _mostDescriptors;
     std::mutex _mutex;
     boost::unordered_flat_map<std::uint32_t, File> _files;
 };
