@@ -44,6 +44,15 @@ TEST(MemoryTest, PrivateAnonymousPages) {
                              {[&] { region.lock(); }, {.dirty = 200, .wired = 300}}});
 }
 
+TEST(MemoryTest, PagesFarApart) {
+    const std::size_t gibibyte = (std::size_t{1} << 30) / kPageSize;
+    const Region region(100 * gibibyte, MAP_PRIVATE | MAP_NORESERVE);
+    const auto touchSome = [&] {
+        for (const std::size_t place : {0U, 1U, 9U, 40U, 99U}) region.touch(place * gibibyte + place, 1);
+    };
+    expectGrowth(kUntagged, {{touchSome, {.dirty = 5}}});
+}
+
 TEST(MemoryTest, LazilyFreedPages) {
     const Region region(70);
     expectGrowth(kUntagged, {{[&] { region.touch(0, 70), region.freeLazily(); }, {.reclaimable = 70}},

@@ -45,6 +45,16 @@ Regions::iterator endOfAlike(Regions::iterator first, Regions::iterator end) {
     });
 }
 
+/// The end of the regions at the beginning that are not far from each other: a call reaches only so far, and
+/// between a program and its libraries are terabytes without anything.
+Regions::iterator endOfNeighbours(Regions::iterator first, Regions::iterator end) {
+    const auto last =
+        std::adjacent_find(first, end, [](const SnapshotRegion& region, const SnapshotRegion& next) {
+            return next.start - region.end > PageTables::kNearReach;
+        });
+    return last == end ? end : last + 1;
+}
+
 /// In bytes.
 std::uint64_t sizeOf(Regions regions) {
     std::uint64_t size = 0;
@@ -106,8 +116,12 @@ int TaskSnapshot::_countPages(PageTables& tables, std::span<SnapshotRegion> coun
             for (SnapshotRegion& region : stretch) region.isUncounted = true;
             continue;
         }
-        const int error = countStretch(tables, stretch, isAlike ? Detail::kPlace : Detail::kWhetherFile);
-        if (error != 0) return error;
+        const Detail detail = isAlike ? Detail::kPlace : Detail::kWhetherFile;
+        for (auto begin = stretch.begin(); begin != stretch.end();) {
+            const auto end = endOfNeighbours(begin, stretch.end());
+            if (const int error = countStretch(tables, {begin, end}, detail); error != 0) return error;
+            begin = end;
+        }
     }
     return 0;
 }

@@ -126,16 +126,20 @@ int PageTables::_scan(std::uint64_t& start, std::uint64_t end, Detail detail,
     ScanArguments arguments{};
     arguments.size = sizeof arguments;
     arguments.start = start;
-    arguments.end = end;
+    arguments.end = std::min(end, start + _reach);
     arguments.ranges = reinterpret_cast<std::uint64_t>(ranges.data());
     arguments.rangeCount = ranges.size();
     arguments.mostPages = kMostPagesOfCall;
     arguments.anyOfCategories = kIsPresent | kIsSwapped;
     arguments.returnedCategories =
         kIsPresent | kIsSwapped | kIsZeroPage | kIsHuge | (detail == Detail::kWhetherFile ? kIsOfFile : 0);
+    const auto began = std::chrono::steady_clock::now();
     int count = ioctl(_file.get(), kScan, &arguments);
     while (count < 0 && errno == EINTR) count = ioctl(_file.get(), kScan, &arguments);
     if (count < 0) return errno;
+    constexpr std::chrono::microseconds kAtOnce{20};
+    const bool wasQuick = std::chrono::steady_clock::now() - began < kAtOnce;
+    _reach = wasQuick ? std::min(_reach * 2, kFarReach) : kNearReach;
     _visit([&] {
         for (const ScannedRange& range : std::span(ranges).first(static_cast<std::size_t>(count))) {
             const auto is = [&](std::uint64_t category) { return (range.categories & category) != 0; };
@@ -143,7 +147,7 @@ int PageTables::_scan(std::uint64_t& start, std::uint64_t end, Detail detail,
         }
     });
     if (arguments.walkEnd <= start && count != 0) return EIO;
-    start = arguments.walkEnd > start ? arguments.walkEnd : end;
+    start = arguments.walkEnd > start ? arguments.walkEnd : arguments.end;
     return 0;
 }
 

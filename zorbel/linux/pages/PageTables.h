@@ -66,7 +66,10 @@ struct PageAccess {
 /// The page tables of a process.
 ///
 /// The kernel holds the lock of an address space while it looks at its page tables, and whatever maps or
-/// unmaps memory there waits. So no call here looks at more than kMostPagesOfCall pages, and after
+/// unmaps memory there waits. So no call here looks at more than kMostPagesOfCall pages. Page tables whose
+/// pages were all given back are work too, 2 ns a page, and do not show before they are looked at: so a call
+/// reaches only as far as kNearReach, and each one that returns at once lets the next reach twice as far, up
+/// to kFarReach. A mapping of terabytes without any page tables is then some hundreds of calls. After
 /// kLongestTurn of such calls one after another a pause of kPause lets those in who wait: a reader who comes
 /// back at once would be let in before them.
 class PageTables {
@@ -110,6 +113,8 @@ class PageTables {
     }
 
     static constexpr std::uint64_t kMostPagesOfCall = 8192;
+    static constexpr std::uint64_t kNearReach = std::uint64_t{256} << 20;  ///< In bytes.
+    static constexpr std::uint64_t kFarReach = std::uint64_t{4} << 30;
     static constexpr std::chrono::microseconds kLongestTurn{200};
     static constexpr std::chrono::microseconds kPause{20};
 
@@ -128,6 +133,7 @@ class PageTables {
 
     FileDescriptor _file;
     PageAccess _access;
+    std::uint64_t _reach = kNearReach;  ///< Of the next call, in bytes.
     std::chrono::steady_clock::time_point _turnBegan;
 };
 
