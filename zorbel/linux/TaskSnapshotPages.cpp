@@ -38,10 +38,10 @@ PageTables::Detail detailOf(const SnapshotRegion& region) {
 
 using Regions = std::span<SnapshotRegion>;
 
-/// The end of the regions at the beginning that need the same detail.
+/// The end of the regions at the beginning that need the same detail, and are all private or all shared.
 Regions::iterator endOfAlike(Regions::iterator first, Regions::iterator end) {
-    return std::find_if(first + 1, end, [detail = detailOf(*first)](const SnapshotRegion& region) {
-        return detailOf(region) != detail;
+    return std::find_if(first + 1, end, [&first = *first](const SnapshotRegion& region) {
+        return detailOf(region) != detailOf(first) || region.isPrivate != first.isPrivate;
     });
 }
 
