@@ -171,13 +171,13 @@ TEST(ProcessTest, ZombieGetsAWarning) {
 }
 
 TEST(ProcessTest, MainThreadExitsFirst) {
+    const Fixture relative;  // Has none of what follows.
     // Shared memory directly behind much private memory.
     constexpr int kAccess = PROT_READ | PROT_WRITE;
     void* const area = mmap(nullptr, 520 * kPageSize, kAccess, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     void* const memory = static_cast<char*>(area) + 512 * kPageSize;
     check(mmap(memory, 8 * kPageSize, kAccess, MAP_SHARED | MAP_FIXED, newFile(8), 0) == memory, "mmap");
     alignas(4096) static volatile char zeroed[64 * 4096];
-    const Fixture relative;
     const Fixture fixture({[&] {
         std::memset(area, 1, 520 * kPageSize);
         for (volatile char& byte : zeroed) byte = 1;
