@@ -118,11 +118,16 @@ class Settlement {
         _parts.push_back(part);
     }
 
+    /// Pages of a region's file in its range, and in all ranges that are mapped.
+    std::pair<std::optional<FilePages>, std::optional<FilePages>> pagesOfFile(const SnapshotRegion& region) {
+        SharedFiles& files = _services.sharedFiles;
+        return {files.pagesIn(region.fileId, region.record.offset, region.size()),
+                files.pagesOf(region.fileId)};
+    }
+
     /// All pages of the file in the mapped ranges are charged, no matter which process has touched them.
     void addMemoryFile(SnapshotRegion& region) {
-        const auto inRegion =
-            _services.sharedFiles.pagesIn(region.fileId, region.record.offset, region.size());
-        const auto total = _services.sharedFiles.pagesOf(region.fileId);
+        const auto [inRegion, total] = pagesOfFile(region);
         if (!inRegion || !total) return;
         // A private copy hides the page of the file that it was made of.
         RegionInfoRecord& record = region.record;
@@ -139,9 +144,7 @@ class Settlement {
 
     /// Dirty pages of a file on disk, also those that nobody here has touched.
     void addDirtyFile(SnapshotRegion& region) {
-        const auto inRegion =
-            _services.sharedFiles.pagesIn(region.fileId, region.record.offset, region.size());
-        const auto total = _services.sharedFiles.pagesOf(region.fileId);
+        const auto [inRegion, total] = pagesOfFile(region);
         if (!inRegion || !total) return;
         RegionInfoRecord& record = region.record;
         record.pages_dirtied = pages32(std::min(inRegion->dirty, region.size() / pageSize()));

@@ -175,10 +175,15 @@ bool TaskSnapshot::_noteFiles(int processDirectory) {
 }
 
 void TaskSnapshot::_notePages(PageTables& tables, const LineageUse& use) {
-    if (use.lineages == nullptr || !tables.isOpen()) return;
+    if (use.lineages == nullptr) return;
+    if (!tables.isOpen()) {
+        if (_services.pageAccess.mayScan) _codeAtEnd = kMachSendInvalidDest;  // It could be opened before.
+        return;
+    }
     for (SnapshotRegion& region : _regions)
         if ((region.isUncounted || region.hasOwnPages()) && !isKernels(region))
             _notePagesOf(region, tables, use);
+    if (!tables.isAlive()) _codeAtEnd = kMachSendInvalidDest;
 }
 
 void TaskSnapshot::_notePagesOf(SnapshotRegion& region, PageTables& tables, const LineageUse& use) {

@@ -8,9 +8,11 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <string>
 
 #include "linux/process/PageSize.h"
 
@@ -47,17 +49,6 @@ constexpr std::uint64_t kIsHuge = 1U << 6;
 
 constexpr std::size_t kRangesOfCall = 512;
 
-/// Size of what the kernel maps as one huge page, in bytes, a power of two; that of x86 and most others where
-/// it is not known.
-std::uint64_t hugePageSize() {
-    static const std::uint64_t kSize = [] {
-        const auto text = readWholeFile("/sys/kernel/mm/transparent_hugepage/hpage_pmd_size", AT_FDCWD);
-        const unsigned long long size = text ? std::strtoull(text->c_str(), nullptr, 10) : 0;
-        return size >= pageSize() ? size : std::uint64_t{2} << 20;
-    }();
-    return kSize;
-}
-
 /// How much reading words is worth without a scan: most pages are there, and they are not huge ones.
 class Density {
   public:
@@ -72,8 +63,8 @@ class Density {
             _mostInSequence = std::max(_mostInSequence, _inSequence);
         }
     }
-    [[nodiscard]] bool isHigh() const {
-        return _used * 2 >= _pages && (_mostInSequence + 1) * pageSize() < hugePageSize();
+    [[nodiscard]] bool isHigh(std::uint64_t hugePageSize) const {
+        return _used * 2 >= _pages && (_mostInSequence + 1) * pageSize() < hugePageSize;
     }
 
   private:
@@ -92,6 +83,11 @@ PageAccess PageAccess::find(const SystemRoot& root) {
     const FileDescriptor self = openDirectory((root.proc + "/self").c_str(), AT_FDCWD);
     PageTables own(self.get(), {.mayScan = true});
     PageAccess access;
+    const std::string sizeFile = root.sys + "/kernel/mm/transparent_hugepage/hpage_pmd_size";
+    if (const auto text = readWholeFile(sizeFile.c_str(), AT_FDCWD)) {
+        const std::uint64_t size = std::strtoull(text->c_str(), nullptr, 10);
+        if (std::has_single_bit(size) && size >= pageSize()) access.hugePageSize = size;
+    }
     if (!own.isOpen()) return access;
     void* page = mmap(nullptr, pageSize(), PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED) return access;
@@ -199,7 +195,7 @@ int PageTables::forEachWord(std::uint64_t start, std::uint64_t end, const VisitW
 
 int PageTables::forEachUsedWord(std::uint64_t start, std::uint64_t end, const VisitUsedWords& visit) {
     const std::uint64_t stretch = kMostPagesOfCall * pageSize();
-    bool isDense = end - start <= hugePageSize();
+    bool isDense = end - start <= _access.hugePageSize;
     while (start < end) {
         int error = 0;
         if (!_access.mayScan || (isDense && _access.seesFrames())) {
@@ -209,7 +205,7 @@ int PageTables::forEachUsedWord(std::uint64_t start, std::uint64_t end, const Vi
                 density.add(words);
                 visit(address, words, 1);
             });
-            isDense = density.isHigh();
+            isDense = density.isHigh(_access.hugePageSize);
             start = stop;
         } else {
             const std::uint64_t began = start;
@@ -230,7 +226,7 @@ int PageTables::_visitRun(const PageRun& run, const VisitUsedWords& visit) {
         return forEachWord(run.start, run.end,
                            [&](std::uint64_t address, auto words) { visit(address, words, 1); });
     for (std::uint64_t start = run.start; start < run.end;) {
-        const std::uint64_t end = std::min(run.end, (start | (hugePageSize() - 1)) + 1);
+        const std::uint64_t end = std::min(run.end, (start | (_access.hugePageSize - 1)) + 1);
         const auto count = static_cast<std::uint32_t>((end - start) / pageSize());
         const int error = forEachWord(start, start + pageSize(), [&](std::uint64_t address, auto words) {
             if (PageWord(words[0]).isPresent()) visit(address, words, count);
@@ -247,6 +243,10 @@ void PageTables::_visit(const Visit& visit) {
     visit();
     const auto now = std::chrono::steady_clock::now();
     if (now - began >= kPause) _turnBegan = now;
+}
+
+bool PageTables::isAlive() {
+    return forEachWord(0, pageSize(), [](std::uint64_t, auto) {}) != ESRCH;
 }
 
 // A sleep, however short, hands the lock to a waiting writer, which sched_yield does not.

@@ -56,6 +56,9 @@ struct PageAccess {
     bool mayScan = false;  ///< PAGEMAP_SCAN, from Linux 6.7 on. Otherwise every page has to be looked at.
     /// The frame of the kernel's page of zeros; 0 without the right to see frames, CAP_SYS_ADMIN.
     std::uint64_t zeroFrame = 0;
+    /// What the kernel maps as one huge page, in bytes, a power of two; that of x86 and most others where it
+    /// is not known.
+    std::uint64_t hugePageSize = std::uint64_t{2} << 20;
 
     /// Tried on our own page tables.
     static PageAccess find(const SystemRoot& root);
@@ -79,7 +82,7 @@ class PageTables {
 
     enum class Detail {
         kWhetherFile,  ///< The kernel looks at each page itself, mostly a cache miss: about 50 ns a page.
-        kPlace,        ///< The page tables say it all: about 5 ns a page.
+        kPlace,        ///< The page tables say it all: about 10 ns a page.
     };
 
     /// False when they may not be read.
@@ -101,11 +104,14 @@ class PageTables {
     /// otherwise that is 1. 0 or an errno as above.
     ///
     /// A word costs about 30 ns, and the scan 10 for each page that is there. So a region is scanned, and the
-    /// words of what is found are read; but while every page is there, what comes next is read at once. Not
-    /// so with huge pages, which show by their frames.
+    /// words of what is found are read; but while every page is there, what comes next is read at once. What
+    /// may be a huge page, by its frames, is scanned after all: only the scan shows huge pages of zeros.
     using VisitUsedWords = std::function<void(std::uint64_t address, std::span<const std::uint64_t> words,
                                               std::uint32_t pagesOfWord)>;
     int forEachUsedWord(std::uint64_t start, std::uint64_t end, const VisitUsedWords& visit);
+
+    /// Whether the address space still exists. Otherwise its page tables may have shown nothing.
+    [[nodiscard]] bool isAlive();
 
     /// Whether a page only shows the kernel's page of zeros.
     [[nodiscard]] bool isZeroPage(PageWord word) const {
@@ -119,8 +125,6 @@ class PageTables {
     static constexpr std::chrono::microseconds kPause{20};
 
   private:
-    int _scanRuns(std::uint64_t start, std::uint64_t end, Detail detail,
-                  const std::function<void(const PageRun&)>& visit);
     /// One call; says where the next one has to begin.
     int _scan(std::uint64_t& start, std::uint64_t end, Detail detail,
               const std::function<void(const PageRun&)>& visit);
