@@ -21,7 +21,7 @@ bool isBefore(std::int32_t a, std::int32_t b) {
 
 }  // namespace
 
-Families::Families(std::span<const Process> processes, bool seesFrames, const SystemRoot& root)
+Families::Families(std::span<const Process> processes, bool seesFrames)
     : _seesFrames(seesFrames), _firsts(processes.size()), _families(processes.size()) {
     std::iota(_firsts.begin(), _firsts.end(), std::size_t{0});
     std::vector<std::size_t> order = _firsts;
@@ -35,8 +35,7 @@ Families::Families(std::span<const Process> processes, bool seesFrames, const Sy
         const std::size_t spaces = _findAddressSpaces(processes, {first, last});
         _isAlone.push_back(spaces == 1);
         const bool hasSwap = std::any_of(first, last, [&](std::size_t i) { return processes[i].hasSwap; });
-        _swapCaches.push_back(_seesFrames && spaces > 1 && hasSwap ? std::make_unique<SwapCache>(root)
-                                                                   : nullptr);
+        _swapCaches.push_back(_seesFrames && spaces > 1 && hasSwap ? std::make_unique<SwapCache>() : nullptr);
         first = last;
     }
     _lineages.resize(_seesFrames ? 1 : _isAlone.size());

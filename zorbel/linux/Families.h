@@ -26,7 +26,7 @@ class Families {
     };
 
     /// Without the right to see frames, pages are told apart by their addresses.
-    Families(std::span<const Process> processes, bool seesFrames, const SystemRoot& root);
+    Families(std::span<const Process> processes, bool seesFrames);
 
     /// The index of the first process that has the same address space, as after vfork().
     [[nodiscard]] std::size_t firstOfAddressSpace(std::size_t process) const { return _firsts[process]; }

@@ -152,7 +152,8 @@ LinuxPlatform::LinuxPlatform(Diagnostics& diagnostics, SystemRoot root)
       _root(std::move(root)),
       _mostDescriptors(raiseDescriptorLimit()),
       _fileSystems(_root),
-      _sharedFiles(_mostDescriptors) {}
+      _sharedFiles(_mostDescriptors),
+      _frameFlags(_root) {}
 LinuxPlatform::~LinuxPlatform() = default;
 
 std::uint32_t LinuxPlatform::vm_kernel_page_size() const {
@@ -299,7 +300,7 @@ void LinuxPlatform::_prepareReading() {
     for (const Task& task : _tasks)
         processes.push_back({task.pid, task.stackStart, task.status && task.status->swapped != 0});
     _pageAccess = PageAccess::find(_root);
-    _families.emplace(processes, _pageAccess.seesFrames(), _root);
+    _families.emplace(processes, _pageAccess.seesFrames());
     const auto merged = readWholeFile((_root.sys + "/kernel/mm/ksm/pages_shared").c_str(), AT_FDCWD);
     _mergesPages = merged && *merged != "0\n";
     if (const auto statistics = readWholeFile((_root.proc + "/vmstat").c_str(), AT_FDCWD)) {
@@ -312,14 +313,14 @@ void LinuxPlatform::_prepareReading() {
 // smaps holds up a process that maps memory, and costs as much as all else. Lazily freed pages are counted by
 // the kernel with those of files, so their number is known within a few hundred pages: where there are hardly
 // any, only small processes of small runs are looked at for them.
-bool LinuxPlatform::_mayHaveDetails(const Task& task) const {
+SmapsUse LinuxPlatform::_useOfSmaps(const Task& task) const {
     constexpr std::uint64_t kUncertainty = 256;
     constexpr std::size_t kFewTasks = 16;
     constexpr std::uint64_t kSmallProcess = 64 << 20;
-    if (!task.status || task.status->locked != 0) return true;
-    if (!_hasLazyPages) return false;
-    return _lazyPages > kUncertainty ||
-           (_tasks.size() <= kFewTasks && task.status->residentAnonymous <= kSmallProcess);
+    if (!task.status || task.status->locked != 0) return SmapsUse::kAlways;
+    const bool isSmall = _tasks.size() <= kFewTasks && task.status->residentAnonymous <= kSmallProcess;
+    const bool mayHaveLazyPages = _hasLazyPages && (_lazyPages > kUncertainty || isSmall);
+    return mayHaveLazyPages ? SmapsUse::kForLazyPages : SmapsUse::kNever;
 }
 
 void LinuxPlatform::readTask(TaskName name) {
@@ -334,7 +335,7 @@ void LinuxPlatform::readTask(TaskName name) {
     }
     const LineageUse use = _families->useOf(name - 1, hasMergedPages);
     task.lineages = use.lineages;
-    task.snapshot = std::make_unique<TaskSnapshot>(directory.get(), _services(), use, _mayHaveDetails(task));
+    task.snapshot = std::make_unique<TaskSnapshot>(directory.get(), _services(), use, _useOfSmaps(task));
 }
 
 void LinuxPlatform::settleTasks() {

@@ -123,10 +123,10 @@ class LinuxPlatform : public Platform, private Symbolicator {
     const ProcessStatus* _statusOf(TaskName name);
 
     [[nodiscard]] SnapshotServices _services() {
-        return {_fileSystems, _elfFiles, _objectIds, _sharedFiles, _pageAccess};
+        return {_fileSystems, _elfFiles, _objectIds, _sharedFiles, _frameFlags, _pageAccess};
     }
     void _prepareReading();
-    [[nodiscard]] bool _mayHaveDetails(const Task& task) const;
+    [[nodiscard]] SmapsUse _useOfSmaps(const Task& task) const;
 
     Diagnostics& _diagnostics;
     SystemRoot _root;
@@ -136,6 +136,7 @@ class LinuxPlatform : public Platform, private Symbolicator {
     ElfFiles _elfFiles;
     ObjectIds _objectIds;
     SharedFiles _sharedFiles;
+    FrameFlags _frameFlags;
     std::once_flag _isReadingPrepared;
     std::optional<Families> _families;  ///< Of the tasks, from the first reading on.
     PageAccess _pageAccess;

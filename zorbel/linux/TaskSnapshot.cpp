@@ -68,13 +68,14 @@ RegionPages pagesOf(const SmapsEntry& entry, bool hasStorage) {
 }  // namespace
 
 TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& services,
-                           const LineageUse& lineageUse, bool withDetails)
+                           const LineageUse& lineageUse, SmapsUse smapsUse)
     : _services(services) {
     _readRegions(processDirectory, lineageUse.lineages != nullptr);
     const int memoryDirectory = _directoryOfMemory(processDirectory);
     PageTables tables(memoryDirectory, _services.pageAccess);
-    const bool isDirtyKnown = _noteFiles(memoryDirectory);
-    if (_services.pageAccess.mayScan && (withDetails || !isDirtyKnown)) _readDetails(memoryDirectory);
+    const bool needsSmaps = !_noteFiles(memoryDirectory) || smapsUse == SmapsUse::kAlways ||
+                            (smapsUse == SmapsUse::kForLazyPages && _mayHaveLazyPages(tables));
+    if (_services.pageAccess.mayScan && needsSmaps) _readDetails(memoryDirectory);
     for (SnapshotRegion& region : _regions) region.isWritten = region.isWritten || region.hasOwnPages();
     _findImages(processDirectory);
     _recountSplitRegions(tables);

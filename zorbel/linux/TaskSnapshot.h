@@ -12,6 +12,7 @@
 #include "linux/images/LoadedImages.h"
 #include "linux/kinds/FileSystems.h"
 #include "linux/kinds/ObjectIds.h"
+#include "linux/pages/FrameFlags.h"
 #include "linux/pages/Lineages.h"
 #include "linux/pages/PageTables.h"
 #include "linux/pages/SharedFiles.h"
@@ -28,6 +29,7 @@ struct SnapshotServices {
     ElfFiles& elfFiles;
     ObjectIds& objectIds;
     SharedFiles& sharedFiles;
+    const FrameFlags& frameFlags;
     PageAccess pageAccess;  ///< Where it has no scan, smaps is read.
 };
 
@@ -40,6 +42,14 @@ struct LineageUse {
     SwapCache* swapCache = nullptr;  ///< Null where no member of the family has a page in swap.
 };
 
+/// When the smaps of a process is read too: it alone shows which regions are locked, and which pages lazily
+/// freed.
+enum class SmapsUse : std::uint8_t {
+    kNever,
+    kForLazyPages,  ///< If the flags of frames can't rule out that there are any.
+    kAlways,
+};
+
 /// The regions and images of a process. Regions are disjoint and in ascending order.
 ///
 /// The regions come from maps, and their pages from the page tables. The kernel merges neighbours, such as a
@@ -48,9 +58,8 @@ class TaskSnapshot {
   public:
     /// Reads a process, given its /proc directory. If the address space disappears meanwhile, reads again:
     /// the process may have called exec.
-    /// With details, smaps is read too, which alone shows locked and lazily freed pages.
     TaskSnapshot(int processDirectory, const SnapshotServices& services, const LineageUse& lineageUse = {},
-                 bool withDetails = false);
+                 SmapsUse smapsUse = SmapsUse::kNever);
 
     /// Fills in what depends on other tasks: object ids, and what counts for shared objects.
     [[nodiscard]] std::vector<SnapshotRegion>& regions() { return _regions; }
@@ -87,11 +96,12 @@ class TaskSnapshot {
     /// of their pages are read later. 0 or an errno.
     static int _countPages(PageTables& tables, std::span<SnapshotRegion> counted, bool readsWords);
     void _recountSplitRegions(PageTables& tables);
+    [[nodiscard]] bool _mayHaveLazyPages(PageTables& tables) const;
     void _readDetails(int processDirectory);
     /// False where the dirty pages of a file on disk can't be counted in the file: smaps shows them.
     bool _noteFiles(int processDirectory);
     void _notePages(PageTables& tables, const LineageUse& use);
-    static void _notePagesOf(SnapshotRegion& region, PageTables& tables, const LineageUse& use);
+    void _notePagesOf(SnapshotRegion& region, PageTables& tables, const LineageUse& use);
     void _fillRecords();
 
     /// The directory whose files show the address space.

@@ -140,6 +140,21 @@ void TaskSnapshot::_recountSplitRegions(PageTables& tables) {
     }
 }
 
+// Only anonymous mappings can be freed like that.
+bool TaskSnapshot::_mayHaveLazyPages(PageTables& tables) const {
+    if (!_services.pageAccess.seesFrames()) return true;
+    for (const SnapshotRegion& region : _regions) {
+        if (!region.isPrivate || region.fileId != 0 || (region.pages.anonymous == 0 && !region.isUncounted))
+            continue;
+        bool mayBeLazy = false;
+        tables.forEachUsedWord(region.start, region.end, [&](std::uint64_t, auto words, std::uint32_t) {
+            mayBeLazy = mayBeLazy || _services.frameFlags.mayBeLazy(words);
+        });
+        if (mayBeLazy) return true;
+    }
+    return false;
+}
+
 void TaskSnapshot::_readDetails(int processDirectory) {
     const auto text = readWholeFile("smaps", processDirectory);
     if (!text) return;
@@ -204,7 +219,7 @@ void TaskSnapshot::_notePagesOf(SnapshotRegion& region, PageTables& tables, cons
         if (word.isPresent() && !word.isFile()) {
             const std::uint64_t frame = use.seesFrames ? word.frame() : page;
             pages.anonymous += count;
-            if (use.swapCache != nullptr && count == 1 && use.swapCache->holds(frame)) {
+            if (use.swapCache != nullptr && count == 1 && _services.frameFlags.isInSwapCache(frame)) {
                 use.swapCache->noteFrame(member, page, frame);
             } else if (word.isExclusive()) {
                 region.exclusive += count;

@@ -72,8 +72,9 @@ class RegionKindsTest : public testing::Test {
     FileSystems _fileSystems;
     ElfFiles _elfFiles;
     SharedFiles _sharedFiles;
+    const FrameFlags _frameFlags{{"/nonexistent", "/nonexistent"}};
     ObjectIds _objectIds;
-    const SnapshotServices _services{_fileSystems, _elfFiles, _objectIds, _sharedFiles, false};
+    const SnapshotServices _services{_fileSystems, _elfFiles, _objectIds, _sharedFiles, _frameFlags, {}};
     std::deque<TaskSnapshot> _snapshots;
 };
 

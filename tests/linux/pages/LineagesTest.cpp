@@ -125,7 +125,7 @@ TEST(LineagesTest, HugePageIsAsManyFrames) {
 }
 
 TEST(LineagesTest, FrameOfTheSwapCacheIsTheSlotAtItsAddress) {
-    SwapCache swapCache({"/nonexistent", "/nonexistent"});
+    SwapCache swapCache;
     Lineages lineages;
     const Lineages::Member readBack = lineages.addMember();
     const Lineages::Member other = lineages.addMember();

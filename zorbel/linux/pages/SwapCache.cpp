@@ -1,8 +1,5 @@
 #include "linux/pages/SwapCache.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace zorbel {
 
 namespace {
@@ -21,19 +18,8 @@ std::uint64_t unpacked(std::uint32_t word) {
 
 }  // namespace
 
-SwapCache::SwapCache(const SystemRoot& root)
-    : _flags(openForReading((root.proc + "/kpageflags").c_str(), AT_FDCWD)) {}
-
 void SwapCache::noteSlot(std::uint64_t page, std::uint64_t slot) {
     _slots.at(page).store(packed(slot) + 1, std::memory_order_relaxed);
-}
-
-bool SwapCache::holds(std::uint64_t frame) const {
-    constexpr unsigned kSwapCacheBit = 13;  // KPF_SWAPCACHE of <linux/kernel-page-flags.h>.
-    std::uint64_t flags = 0;
-    const auto place = static_cast<off_t>(frame * sizeof flags);
-    return pread(_flags.get(), &flags, sizeof flags, place) == sizeof flags &&
-           (flags >> kSwapCacheBit & 1) != 0;
 }
 
 void SwapCache::noteFrame(Lineages::Member member, std::uint64_t page, std::uint64_t frame) {

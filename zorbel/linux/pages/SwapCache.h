@@ -5,10 +5,9 @@
 #include <mutex>
 #include <vector>
 
-#include "base/Files.h"
+#include "linux/pages/FrameFlags.h"
 #include "linux/pages/FrameTable.h"
 #include "linux/pages/Lineages.h"
-#include "linux/process/SystemRoot.h"
 
 namespace zorbel {
 
@@ -24,14 +23,10 @@ namespace zorbel {
 /// is none.
 class SwapCache {
   public:
-    /// Flags of frames come from /proc/kpageflags, which takes CAP_SYS_ADMIN.
-    explicit SwapCache(const SystemRoot& root);
-
     /// Notes the slot of a page, given by its address in pages. From any thread.
     void noteSlot(std::uint64_t page, std::uint64_t slot);
 
-    /// Whether a frame is one of the swap cache.
-    [[nodiscard]] bool holds(std::uint64_t frame) const;
+    /// Notes a frame of the swap cache. From any thread.
     void noteFrame(Lineages::Member member, std::uint64_t page, std::uint64_t frame);
 
     /// Has the members hold what their kept frames turned out to be. When all are read.
@@ -44,7 +39,6 @@ class SwapCache {
         std::uint64_t frame;
     };
 
-    FileDescriptor _flags;
     FrameTable _slots;  ///< By address in pages: a slot in 32 bits, plus 1.
     std::mutex _mutex;
     std::vector<KeptFrame> _frames;
