@@ -1,6 +1,7 @@
 // Figures for processes with known memory, to the page.
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <list>
@@ -68,6 +69,18 @@ TEST(MemoryTest, PagesOfFiles) {
                                  {[&] { changed.touch(10, 15); }, {.dirty = 15}},
                                  {[&] { copied.read(0, 40); }, {.clean = 40}},
                                  {[&] { copied.touch(30, 7); }, {.dirty = 7, .clean = -7}}});
+}
+
+TEST(MemoryTest, CodeThatWasPatched) {
+    const Region code(300, MAP_PRIVATE, newFile(300, "/var/tmp"));
+    const auto patch = [&] {
+        code.protect(PROT_READ | PROT_WRITE);
+        code.touch(100, 3);
+        code.protect(PROT_READ | PROT_EXEC);
+    };
+    expectGrowth("mapped file",
+                 {{[&] { code.protect(PROT_READ | PROT_EXEC), code.read(0, 300); }, {.clean = 300}},
+                  {patch, {.dirty = 3, .clean = -3}}});
 }
 
 TEST(MemoryTest, SharedMemoryCountsOnce) {

@@ -333,9 +333,13 @@ void LinuxPlatform::readTask(TaskName name) {
         const auto merged = readWholeFile("ksm_merging_pages", directory.get());
         hasMergedPages = !merged || *merged != "0\n";
     }
-    const LineageUse use = _families->useOf(name - 1, hasMergedPages);
-    task.lineages = use.lineages;
-    task.snapshot = std::make_unique<TaskSnapshot>(directory.get(), _services(), use, _useOfSmaps(task));
+    ReadingPlan plan;
+    plan.lineageUse = _families->useOf(name - 1, hasMergedPages);
+    plan.smapsUse = _useOfSmaps(task);
+    if (task.status && _pageAccess.countsExactly)
+        plan.anonymousPages = task.status->residentAnonymous / pageSize();
+    task.lineages = plan.lineageUse.lineages;
+    task.snapshot = std::make_unique<TaskSnapshot>(directory.get(), _services(), plan);
 }
 
 void LinuxPlatform::settleTasks() {

@@ -67,19 +67,18 @@ RegionPages pagesOf(const SmapsEntry& entry, bool hasStorage) {
 
 }  // namespace
 
-TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& services,
-                           const LineageUse& lineageUse, SmapsUse smapsUse)
+TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& services, const ReadingPlan& plan)
     : _services(services) {
-    _readRegions(processDirectory, lineageUse.lineages != nullptr);
+    _readRegions(processDirectory, plan);
     const int memoryDirectory = _directoryOfMemory(processDirectory);
     PageTables tables(memoryDirectory, _services.pageAccess);
-    const bool needsSmaps = !_noteFiles(memoryDirectory) || smapsUse == SmapsUse::kAlways ||
-                            (smapsUse == SmapsUse::kForLazyPages && _mayHaveLazyPages(tables));
+    const bool needsSmaps = !_noteFiles(memoryDirectory) || plan.smapsUse == SmapsUse::kAlways ||
+                            (plan.smapsUse == SmapsUse::kForLazyPages && _mayHaveLazyPages(tables));
     if (_services.pageAccess.mayScan && needsSmaps) _readDetails(memoryDirectory);
     for (SnapshotRegion& region : _regions) region.isWritten = region.isWritten || region.hasOwnPages();
     _findImages(processDirectory);
     _recountSplitRegions(tables);
-    _notePages(tables, lineageUse);
+    _notePages(tables, plan.lineageUse);
     _fillRecords();
     findAnonymousKinds(_regions);
     // The snapshot is kept until all tasks are read, so free what is no longer needed.
@@ -88,13 +87,13 @@ TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& service
     _thread = FileDescriptor();
 }
 
-void TaskSnapshot::_readRegions(int processDirectory, bool readsWords) {
+void TaskSnapshot::_readRegions(int processDirectory, const ReadingPlan& plan) {
     for (int reading = 0; reading < kMostReadings; ++reading) {
         std::vector<SnapshotRegion> before = std::move(_regions);
         _regions.clear();
         _regions.reserve(kUsualRegions);
         anyTask(processDirectory, [&](const std::string& place) {
-            _codeAtEnd = _read(processDirectory, place, readsWords);
+            _codeAtEnd = _read(processDirectory, place, plan);
             if (_codeAtEnd == kMachSendInvalidDest && _regions.empty()) return false;
             if (!place.empty()) _thread = openDirectory(place.c_str(), processDirectory);
             return true;
@@ -107,7 +106,7 @@ void TaskSnapshot::_readRegions(int processDirectory, bool readsWords) {
     }
 }
 
-KernReturn TaskSnapshot::_read(int processDirectory, const std::string& place, bool readsWords) {
+KernReturn TaskSnapshot::_read(int processDirectory, const std::string& place, const ReadingPlan& plan) {
     const std::string path = place + (_services.pageAccess.mayScan ? "maps" : "smaps");
     const FileDescriptor maps = openForReading(path.c_str(), processDirectory);
     if (!maps.isOpen())
@@ -133,7 +132,7 @@ KernReturn TaskSnapshot::_read(int processDirectory, const std::string& place, b
         const FileDescriptor directory =
             place.empty() ? FileDescriptor() : openDirectory(place.c_str(), processDirectory);
         PageTables tables(directory.isOpen() ? directory.get() : processDirectory, _services.pageAccess);
-        const int error = tables.isOpen() ? _countPages(tables, _regions, readsWords) : errno;
+        const int error = tables.isOpen() ? _countAllPages(tables, plan) : errno;
         if (error != 0 && error != ESRCH && error != ENOENT) return kernReturnFromErrno(error);
     }
     // Asked at the end: page tables that are gone count nothing.

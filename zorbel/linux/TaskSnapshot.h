@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <forward_list>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -50,6 +51,15 @@ enum class SmapsUse : std::uint8_t {
     kAlways,
 };
 
+/// How a process is read.
+struct ReadingPlan {
+    LineageUse lineageUse;
+    SmapsUse smapsUse = SmapsUse::kNever;
+    /// Resident pages that are no file's, all regions together, as far as known; huge pages of hugetlbfs left
+    /// out.
+    std::optional<std::uint64_t> anonymousPages;
+};
+
 /// The regions and images of a process. Regions are disjoint and in ascending order.
 ///
 /// The regions come from maps, and their pages from the page tables. The kernel merges neighbours, such as a
@@ -58,8 +68,7 @@ class TaskSnapshot {
   public:
     /// Reads a process, given its /proc directory. If the address space disappears meanwhile, reads again:
     /// the process may have called exec.
-    TaskSnapshot(int processDirectory, const SnapshotServices& services, const LineageUse& lineageUse = {},
-                 SmapsUse smapsUse = SmapsUse::kNever);
+    TaskSnapshot(int processDirectory, const SnapshotServices& services, const ReadingPlan& plan = {});
 
     /// Fills in what depends on other tasks: object ids, and what counts for shared objects.
     [[nodiscard]] std::vector<SnapshotRegion>& regions() { return _regions; }
@@ -82,8 +91,8 @@ class TaskSnapshot {
                           std::int32_t* dispositions) const;
 
   private:
-    void _readRegions(int processDirectory, bool readsWords);
-    KernReturn _read(int processDirectory, const std::string& place, bool readsWords);
+    void _readRegions(int processDirectory, const ReadingPlan& plan);
+    KernReturn _read(int processDirectory, const std::string& place, const ReadingPlan& plan);
     void _addEntry(const SmapsEntry& entry, int processDirectory);
     void _lookAtFile(const SmapsEntry& entry, int processDirectory);
     [[nodiscard]] FileSystems::Kind _kindOfFileSystem(const SmapsEntry& entry, int processDirectory);
@@ -92,6 +101,8 @@ class TaskSnapshot {
     void _split(std::vector<std::uint64_t> cuts);
 
     // In TaskSnapshotPages.cpp.
+    /// Counts the pages of all regions. 0 or an errno.
+    int _countAllPages(PageTables& tables, const ReadingPlan& plan);
     /// Counts the pages of regions that follow each other. Large anonymous ones are left out where the words
     /// of their pages are read later. 0 or an errno.
     static int _countPages(PageTables& tables, std::span<SnapshotRegion> counted, bool readsWords);

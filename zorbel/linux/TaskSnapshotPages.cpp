@@ -27,13 +27,47 @@ std::span<SnapshotRegion> belowKernel(std::span<SnapshotRegion> regions) {
     return regions;
 }
 
+/// Whether it is private and maps no file.
+bool isAnonymous(const SnapshotRegion& region) {
+    return region.isPrivate && region.fileId == 0 && !region.path.isPresent();
+}
+
 /// Anonymous memory has no pages of files, and shared memory nothing else. A shared mapping of a named file
 /// may turn out to be one of a device.
 PageTables::Detail detailOf(const SnapshotRegion& region) {
     const bool isShared = region.tag() == Tag::kMemfd || region.tag() == Tag::kSysVShared ||
                           region.tag() == Tag::kSharedAnonymous;
-    const bool isAlike = region.isPrivate ? region.fileId == 0 && !region.path.isPresent() : isShared;
+    const bool isAlike = region.isPrivate ? isAnonymous(region) || region.isOnlyFile : isShared;
     return isAlike && !isKernels(region) ? PageTables::Detail::kPlace : PageTables::Detail::kWhetherFile;
+}
+
+/// Whether two regions map the same file, the second right behind the first.
+bool continues(const SnapshotRegion& region, const SnapshotRegion& before) {
+    return before.end == region.start && before.fileId == region.fileId;
+}
+
+/// Marks the private mappings of files that have most likely never been written. Not those that are writable,
+/// nor what a loader has written before it took away the right: such a part lies before a writable one, or
+/// behind one that looks the same, from which the kernel keeps it apart because it was written.
+void markOnlyFiles(std::span<SnapshotRegion> regions) {
+    for (std::size_t i = 0; i < regions.size(); ++i) {
+        SnapshotRegion& region = regions[i];
+        const bool isExecutable = (region.record.protection & SmapsEntry::kExecute) != 0;
+        const bool isBehindAlike = i > 0 && continues(region, regions[i - 1]) &&
+                                   regions[i - 1].record.protection == region.record.protection;
+        const bool isBeforeWritten =
+            i + 1 < regions.size() && continues(regions[i + 1], region) && regions[i + 1].isWritten;
+        region.isOnlyFile = region.isPrivate && region.fileId != 0 && !region.isHuge && !region.isWritten &&
+                            (isExecutable || (!isBehindAlike && !isBeforeWritten));
+    }
+}
+
+/// Resident pages that are no file's, those of hugetlbfs left out.
+std::uint64_t anonymousPagesOf(std::span<const SnapshotRegion> regions) {
+    std::uint64_t pages = 0;
+    for (const SnapshotRegion& region : regions)
+        if (!region.isHuge) pages += region.pages.anonymous;
+    return pages;
 }
 
 using Regions = std::span<SnapshotRegion>;
@@ -62,9 +96,9 @@ std::uint64_t sizeOf(Regions regions) {
     return size;
 }
 
-void add(const PageRun& run, std::uint32_t pages, SnapshotRegion& region) {
+void add(const PageRun& run, PageTables::Detail detail, std::uint32_t pages, SnapshotRegion& region) {
     if (region.tag() == Tag::kVvar) return;  // Present, but of no use to count: no memory of the system's.
-    const bool isFile = run.isFile || (!region.isPrivate && detailOf(region) == PageTables::Detail::kPlace);
+    const bool isFile = run.isFile || (detail == PageTables::Detail::kPlace && !isAnonymous(region));
     if (!run.isPresent)
         region.pages.swapped += pages;
     else if (isFile)
@@ -86,7 +120,7 @@ int countStretch(PageTables& tables, Regions regions, PageTables::Detail detail)
                 return;  // Mapped since the regions were read.
             start = std::max(start, region->start);
             const std::uint64_t end = std::min(run.end, region->end);
-            add(run, static_cast<std::uint32_t>((end - start) / pageSize()), *region);
+            add(run, detail, static_cast<std::uint32_t>((end - start) / pageSize()), *region);
             start = end;
         }
     });
@@ -94,10 +128,24 @@ int countStretch(PageTables& tables, Regions regions, PageTables::Detail detail)
 
 }  // namespace
 
+// Most of what processes map is programs and libraries that nobody has written, and to tell their pages from
+// copies is most of the cost of a scan. But the kernel knows how many pages of a process are no file's: where
+// the others make up that number, these mappings have none. If they do not, because of a breakpoint, or
+// because the process goes on, all is looked at again with every detail.
+int TaskSnapshot::_countAllPages(PageTables& tables, const ReadingPlan& plan) {
+    const bool readsWords = plan.lineageUse.lineages != nullptr;
+    const bool mayVerify = plan.anonymousPages && !readsWords;
+    if (mayVerify) markOnlyFiles(_regions);
+    const int error = _countPages(tables, _regions, readsWords);
+    if (error != 0 || !mayVerify || anonymousPagesOf(_regions) == *plan.anonymousPages) return error;
+    for (SnapshotRegion& region : _regions) region.isOnlyFile = false;
+    return _countPages(tables, _regions, readsWords);
+}
+
 // Pages of files cost the kernel a look at each page, so large stretches that have none are scanned apart.
 int TaskSnapshot::_countPages(PageTables& tables, std::span<SnapshotRegion> counted, bool readsWords) {
     using Detail = PageTables::Detail;
-    constexpr std::uint64_t kWorthACall = 1 << 20;  // In bytes.
+    constexpr std::uint64_t kWorthACall = 1 << 18;  // In bytes.
     const std::span<SnapshotRegion> regions = belowKernel(counted);
     const auto isLarge = [](Regions alike) {
         return detailOf(alike.front()) == Detail::kPlace && sizeOf(alike) >= kWorthACall;

@@ -14,6 +14,7 @@
 #include <ctime>
 #include <string>
 
+#include "base/TextCursor.h"
 #include "linux/process/PageSize.h"
 
 namespace zorbel {
@@ -48,6 +49,16 @@ constexpr std::uint64_t kIsZeroPage = 1U << 5;
 constexpr std::uint64_t kIsHuge = 1U << 6;
 
 constexpr std::size_t kRangesOfCall = 512;
+
+/// Anonymous pages of a process, given its open statm: those that are resident, but no file's.
+std::uint64_t anonymousPages(int statm) {
+    std::array<char, 256> text;
+    const ssize_t size = pread(statm, text.data(), text.size(), 0);
+    std::string_view rest(text.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    std::array<std::uint64_t, 3> fields{};  // All, resident, and those of files.
+    for (std::uint64_t& field : fields) field = takeNumber(rest).value_or(0);
+    return fields[1] - fields[2];
+}
 
 /// How much reading words is worth without a scan: most pages are there, and they are not huge ones.
 class Density {
@@ -89,14 +100,19 @@ PageAccess PageAccess::find(const SystemRoot& root) {
         if (std::has_single_bit(size) && size >= pageSize()) access.hugePageSize = size;
     }
     if (!own.isOpen()) return access;
-    void* page = mmap(nullptr, pageSize(), PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* page = mmap(nullptr, pageSize(), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED) return access;
-    static_cast<void>(*static_cast<volatile char*>(page));  // A page that is only read is the one of zeros.
+    auto& byte = *static_cast<volatile char*>(page);
+    [[maybe_unused]] const char zero = byte;  // A page that is only read is the one of zeros.
     const auto address = reinterpret_cast<std::uint64_t>(page);
     own.forEachWord(address, address + pageSize(),
                     [&](std::uint64_t, auto words) { access.zeroFrame = PageWord(words[0]).frame(); });
     access.mayScan =
         own.forEachRun(address, address + pageSize(), PageTables::Detail::kPlace, [](const PageRun&) {}) == 0;
+    const FileDescriptor statm = openForReading("statm", self.get());
+    const std::uint64_t pagesBefore = anonymousPages(statm.get());
+    byte = 1;
+    access.countsExactly = anonymousPages(statm.get()) == pagesBefore + 1;
     munmap(page, pageSize());
     return access;
 }

@@ -56,6 +56,9 @@ struct PageAccess {
     bool mayScan = false;  ///< PAGEMAP_SCAN, from Linux 6.7 on. Otherwise every page has to be looked at.
     /// The frame of the kernel's page of zeros; 0 without the right to see frames, CAP_SYS_ADMIN.
     std::uint64_t zeroFrame = 0;
+    /// Whether the kernel knows exactly how many anonymous pages a process has; from Linux 6.16 on. Before,
+    /// its counters lag behind by some dozens.
+    bool countsExactly = false;
     /// What the kernel maps as one huge page, in bytes, a power of two; that of x86 and most others where it
     /// is not known.
     std::uint64_t hugePageSize = std::uint64_t{2} << 20;

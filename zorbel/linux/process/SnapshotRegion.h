@@ -45,8 +45,9 @@ struct SnapshotRegion {
     bool isHuge = false;            ///< In hugetlbfs.
     bool isLocked = false;          ///< By mlock() and its like.
     bool isDevice = false;          ///< Maps memory of a device, which is none of the system's.
-    bool isUncounted = false;       ///< Its pages are counted when their words are read.
-    bool isWritten = false;         ///< Private, and writable now or in the past.
+    bool isOnlyFile = false;   ///< Private, and taken to have no page of its own while pages are counted.
+    bool isUncounted = false;  ///< Its pages are counted when their words are read.
+    bool isWritten = false;    ///< Private, and writable now or in the past.
 
     [[nodiscard]] Tag tag() const { return static_cast<Tag>(record.user_tag); }
     /// Whether the file lives in memory only, so that all of its pages are charged.
