@@ -99,8 +99,6 @@ class ZBZorbel {
 
     ZBMemoryObject& _newObject();
     void _attribute();
-    /// Calls work for each process in the queue, on all workers. Calls start in the queue's order.
-    void _inParallel(const std::vector<ZBProcess*>& queue, const std::function<void(ZBProcess&)>& work) const;
     /// Reads the processes; returns those that were read before an early exit.
     std::vector<ZBProcess*> _readProcesses();
 

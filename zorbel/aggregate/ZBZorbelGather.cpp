@@ -3,16 +3,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <system_error>
-#include <thread>
 
 #include "aggregate/ZBZorbel.h"
+#include "base/Parallel.h"
 
 namespace zorbel {
 
 ZBZorbel::ZBZorbel(Platform& platform, Targets processes, unsigned workers)
     : _platform(platform),
-      _workers(workers != 0 ? workers : std::max(1U, std::thread::hardware_concurrency())),
+      _workers(workers != 0 ? workers : processorCount()),
       _processes(std::move(processes)) {
     for (std::size_t i = 0; i < _processes.size(); ++i) _processes[i]->setOrdinal(i);
 }
@@ -34,7 +33,7 @@ std::vector<ZBProcess*> ZBZorbel::_getProcessListSortedByPidDesc() const {
 void ZBZorbel::gatherData() {
     const std::vector<ZBProcess*> read = _readProcesses();
     _platform.settleTasks();
-    _inParallel(read, [](ZBProcess& process) { process.gatherData(); });
+    inParallel(read.size(), _workers, [&](std::size_t index) { read[index]->gatherData(); });
     for (ZBProcess* process : read) process->reportMessages();
     if (_earlyExit)
         ZBProcess::_addGlobalError("Zorbel exited early due to SIGINT and did not finish gathering all data");
@@ -46,29 +45,13 @@ void ZBZorbel::gatherData() {
 std::vector<ZBProcess*> ZBZorbel::_readProcesses() {
     std::vector<ZBProcess*> read = _getProcessListSortedByPidDesc();
     std::vector<char> isRead(read.size());  // By ordinal; each element is written by one worker.
-    _inParallel(read, [&](ZBProcess& process) {
+    inParallel(read.size(), _workers, [&](std::size_t index) {
         if (_earlyExit.load(std::memory_order_relaxed)) return;
-        process.readData();
-        isRead[process.ordinal()] = 1;
+        read[index]->readData();
+        isRead[read[index]->ordinal()] = 1;
     });
     std::erase_if(read, [&](const ZBProcess* process) { return isRead[process->ordinal()] == 0; });
     return read;
-}
-
-void ZBZorbel::_inParallel(const std::vector<ZBProcess*>& queue,
-                           const std::function<void(ZBProcess&)>& work) const {
-    std::atomic<std::size_t> next = 0;
-    const auto workOff = [&] {
-        for (std::size_t index = next++; index < queue.size(); index = next++) work(*queue[index]);
-    };
-    const std::size_t workers = std::min<std::size_t>(queue.size(), _workers);
-    std::vector<std::jthread> threads;
-    try {
-        while (threads.size() + 1 < workers) threads.emplace_back(workOff);
-    } catch (const std::system_error&) {
-        // If no more threads can be started, the existing ones do the work, including this one.
-    }
-    workOff();
 }
 
 void ZBZorbel::_attribute() {

@@ -84,12 +84,8 @@ class DescriptionMatcher {
     std::unordered_map<std::string, std::size_t> _indexOfName;
 };
 
-}  // namespace
-
-std::vector<BsdInfoRecord> ZBProcess::copyAllBsdInfos(Platform& platform) {
-    std::vector<std::int32_t> pids;
+std::vector<BsdInfoRecord> bsdInfosOf(Platform& platform, const std::vector<std::int32_t>& pids) {
     std::vector<BsdInfoRecord> records;
-    if (!platform.proc_listallpids(pids)) return records;
     records.reserve(pids.size());
     for (const std::int32_t pid : pids) {
         BsdInfoRecord record;
@@ -98,13 +94,22 @@ std::vector<BsdInfoRecord> ZBProcess::copyAllBsdInfos(Platform& platform) {
     return records;
 }
 
+}  // namespace
+
+std::vector<BsdInfoRecord> ZBProcess::copyAllBsdInfos(Platform& platform) {
+    std::vector<std::int32_t> pids;
+    if (!platform.proc_listallpids(pids)) return {};
+    return bsdInfosOf(platform, pids);
+}
+
 std::optional<Targets> ZBProcess::allProcessesExcludingPids(Platform& platform,
                                                             const std::set<std::int32_t>& excludedPids) {
-    const std::vector<BsdInfoRecord> records = copyAllBsdInfos(platform);
-    if (records.empty()) return std::nullopt;
+    std::vector<std::int32_t> pids;
+    if (!platform.proc_listallpids(pids) || pids.empty()) return std::nullopt;
+    std::erase_if(pids, [&](std::int32_t pid) { return excludedPids.contains(pid); });
+    platform.willOpen(pids);
     Targets targets;
-    for (const BsdInfoRecord& record : records) {
-        if (excludedPids.contains(pidOf(record))) continue;
+    for (const BsdInfoRecord& record : bsdInfosOf(platform, pids)) {
         if (auto process = processWithBsdInfo(platform, record)) targets.push_back(std::move(process));
     }
     return targets;

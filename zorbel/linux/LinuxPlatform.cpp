@@ -15,12 +15,12 @@
 #include <cstring>
 #include <thread>
 
+#include "base/Parallel.h"
 #include "base/TextCursor.h"
 #include "base/Utf8.h"
 #include "linux/Settlement.h"
 #include "linux/process/PageSize.h"
 #include "linux/process/ProcessDirectory.h"
-#include "linux/process/ProcessStat.h"
 #include "linux/process/VmStatistics.h"
 #include "memgraph/MemoryGraph.h"
 
@@ -45,6 +45,11 @@ bool saysGone(int error) { return error == ENOENT || error == ESRCH; }
 
 std::optional<ProcessStat> readStat(int processDirectory) {
     const auto text = readWholeFile("stat", processDirectory);
+    return text ? parseProcessStat(*text) : std::nullopt;
+}
+
+std::optional<ProcessStat> readStatOf(const SystemRoot& root, std::int32_t pid) {
+    const auto text = readWholeFile(root.ofProcess(pid, "/stat").c_str(), AT_FDCWD);
     return text ? parseProcessStat(*text) : std::nullopt;
 }
 
@@ -177,14 +182,42 @@ bool LinuxPlatform::proc_listallpids(std::vector<std::int32_t>& pids) {
     return true;
 }
 
+LinuxPlatform::ProcessAhead LinuxPlatform::_readAhead(std::int32_t pid) const {
+    ProcessAhead ahead;
+    ahead.stat = readStatOf(_root, pid);
+    if (!ahead.stat || (ahead.stat->flags & ProcessStat::kKernelThread) != 0) return ahead;
+    ahead.code = _open(pid, ahead.task);
+    if (ahead.code != kKernSuccess) return ahead;
+    const TaskDirectory directory(ahead.task, _root);
+    if (directory.get() < 0) return ahead;
+    if (auto path = pathOfProgram(directory.get())) ahead.task.program = *std::move(path);
+    _readStatus(ahead.task);
+    return ahead;
+}
+
+void LinuxPlatform::willOpen(const std::vector<std::int32_t>& pids) {
+    std::vector<std::pair<const std::int32_t, ProcessAhead>*> entries;
+    entries.reserve(pids.size());
+    _ahead.reserve(pids.size());
+    for (const std::int32_t pid : pids)
+        if (pid != 0) entries.push_back(&*_ahead.try_emplace(pid).first);
+    // The table of descriptors grows while there is a single thread: with several, each step waits for all
+    // processors to pass through the scheduler.
+    if (const int high = fcntl(0, F_DUPFD, static_cast<int>(entries.size()) + 64); high >= 0) close(high);
+    inParallel(entries.size(), processorCount(), [&](std::size_t index) {
+        auto& [pid, ahead] = *entries[index];
+        ahead = _readAhead(pid);
+    });
+}
+
 bool LinuxPlatform::proc_pidinfo(std::int32_t pid, BsdInfoRecord& record) {
     if (pid == 0) {
         record = recordOfKernel();
         return true;
     }
     if (!std::ranges::binary_search(_listedPids, pid) && isThread(pid)) return false;
-    const auto text = readWholeFile(_root.ofProcess(pid, "/stat").c_str(), AT_FDCWD);
-    const auto stat = text ? parseProcessStat(*text) : std::nullopt;
+    const auto ahead = _ahead.find(pid);
+    const auto stat = ahead != _ahead.end() ? ahead->second.stat : readStatOf(_root, pid);
     if (!stat || (stat->flags & ProcessStat::kKernelThread) != 0) return false;
     _stackStarts[pid] = stat->stackStart;
     record = {};
@@ -217,16 +250,19 @@ bool LinuxPlatform::sysctl_procargs(std::int32_t pid, std::string& area) {
 }
 
 bool LinuxPlatform::sysctl_procargs(TaskName task, std::string& area) {
-    const TaskDirectory directory(_taskNamed(task), _root);
+    const Task& opened = _taskNamed(task);
+    if (!opened.program.empty()) {
+        area = areaOf(opened.program);
+        return true;
+    }
+    const TaskDirectory directory(opened, _root);
     if (directory.get() < 0) return false;
     const auto path = pathOfProgram(directory.get());
     if (path) area = areaOf(*path);
     return path.has_value();
 }
 
-KernReturn LinuxPlatform::task_for_pid(std::int32_t pid, TaskName& task) {
-    task = kTaskNull;
-    Task opened;
+KernReturn LinuxPlatform::_open(std::int32_t pid, Task& opened) const {
     opened.pid = pid;
     opened.directory = openProcessDirectory(_root, pid);
     if (opened.directory.isOpen()) {
@@ -239,6 +275,16 @@ KernReturn LinuxPlatform::task_for_pid(std::int32_t pid, TaskName& task) {
     } else if (!saysGone(errno)) {
         return kernReturnFromErrno(errno);
     }
+    return kKernSuccess;
+}
+
+KernReturn LinuxPlatform::task_for_pid(std::int32_t pid, TaskName& task) {
+    task = kTaskNull;
+    auto ahead = _ahead.extract(pid);
+    Task opened;
+    const KernReturn code = ahead ? ahead.mapped().code : _open(pid, opened);
+    if (code != kKernSuccess) return code;
+    if (ahead) opened = std::move(ahead.mapped().task);
     if (const auto known = _stackStarts.find(pid); known != _stackStarts.end())
         opened.stackStart = known->second;
     _tasks.push_back(std::move(opened));
@@ -258,17 +304,20 @@ KernReturn LinuxPlatform::mach_ports_lookup(std::vector<TaskName>& ports) {
     return kKernSuccess;
 }
 
-const ProcessStatus* LinuxPlatform::_statusOf(TaskName name) {
-    if (name == kTaskNull) return nullptr;
-    Task& task = _taskNamed(name);
-    if (task.status) return &*task.status;
+void LinuxPlatform::_readStatus(Task& task) const {
     const TaskDirectory directory(task, _root);
-    if (directory.get() < 0) return nullptr;
+    if (directory.get() < 0) return;
     anyTask(directory.get(), [&](const std::string& place) {
         const auto text = readWholeFile((place + "status").c_str(), directory.get());
         if (text) task.status = parseProcessStatus(*text);
         return task.status.has_value();
     });
+}
+
+const ProcessStatus* LinuxPlatform::_statusOf(TaskName name) {
+    if (name == kTaskNull) return nullptr;
+    Task& task = _taskNamed(name);
+    if (!task.status) _readStatus(task);
     return task.status ? &*task.status : nullptr;
 }
 

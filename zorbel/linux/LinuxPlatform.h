@@ -15,6 +15,7 @@
 #include "linux/kernel/KernelMemory.h"
 #include "linux/kinds/FileSystems.h"
 #include "linux/kinds/ObjectIds.h"
+#include "linux/process/ProcessStat.h"
 #include "linux/process/ProcessStatus.h"
 #include "linux/process/SystemRoot.h"
 #include "platform/Platform.h"
@@ -42,6 +43,8 @@ class LinuxPlatform : public Platform, private Symbolicator {
     /// Pid 0, which stands for the kernel, and then the entries of /proc in ascending order. Includes kernel
     /// threads, but proc_pidinfo fails for them.
     bool proc_listallpids(std::vector<std::int32_t>& pids) override;
+    /// Reads all that the following calls need, with a thread for each processor.
+    void willOpen(const std::vector<std::int32_t>& pids) override;
     /// From /proc/PID/stat.
     bool proc_pidinfo(std::int32_t pid, BsdInfoRecord& record) override;
     /// From /proc/PID/stat.
@@ -113,10 +116,23 @@ class LinuxPlatform : public Platform, private Symbolicator {
         FileDescriptor directory;
         std::uint64_t stackStart = 0;  ///< 0 where it is not known.
         std::optional<ProcessStatus> status;
+        std::string program;                 ///< Path, if it was read ahead.
         const Lineages* lineages = nullptr;  ///< Where its pages are noted.
         std::unique_ptr<TaskSnapshot> snapshot;
     };
     class TaskDirectory;
+
+    /// What was read about a process ahead of its opening.
+    struct ProcessAhead {
+        std::optional<ProcessStat> stat;
+        KernReturn code = kKernSuccess;
+        Task task;
+    };
+
+    /// Opens the process; without its place among the tasks.
+    KernReturn _open(std::int32_t pid, Task& task) const;
+    ProcessAhead _readAhead(std::int32_t pid) const;
+    void _readStatus(Task& task) const;
 
     Task& _taskNamed(TaskName task) { return _tasks[task - 1]; }
     /// Null if the process no longer has memory, and for kTaskNull.
@@ -146,7 +162,8 @@ class LinuxPlatform : public Platform, private Symbolicator {
     std::vector<std::int32_t> _listedPids;  ///< Ascending. All are processes, not threads.
     /// By pid, from the records of processes.
     std::unordered_map<std::int32_t, std::uint64_t> _stackStarts;
-    std::unique_ptr<KernelMemory> _kernelMemory;  ///< Null until mach_memory_info is called.
+    std::unordered_map<std::int32_t, ProcessAhead> _ahead;  ///< By pid, until they are opened.
+    std::unique_ptr<KernelMemory> _kernelMemory;            ///< Null until mach_memory_info is called.
     /// Grows only while processes are opened, before any of them is read.
     std::deque<Task> _tasks;
     std::int32_t _selfRegionZorbel = 0;

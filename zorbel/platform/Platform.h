@@ -56,6 +56,9 @@ class Platform {
     /// All pids of the system, in the order in which names are resolved. False if the list is not available.
     virtual bool proc_listallpids(std::vector<std::int32_t>& pids) = 0;
 
+    /// Says which processes are looked up and opened next, so that a platform may read ahead.
+    virtual void willOpen(const std::vector<std::int32_t>& /*pids*/) {}
+
     /// The record of a process. False if it does not exist or can't be read.
     virtual bool proc_pidinfo(std::int32_t pid, BsdInfoRecord& record) = 0;
 
