@@ -2,7 +2,6 @@
 
 #include <bsd/stdlib.h>
 
-#include <array>
 #include <cinttypes>
 
 #include "inspect/BreakDownMode.h"
@@ -12,24 +11,31 @@ namespace zorbel {
 namespace {
 
 struct ColumnWidths {
-    int dirty;
-    int swapped;
-    int clean;
-    int reclaimable;
-    int wired;
+    std::size_t dirty;
+    std::size_t swapped;
+    std::size_t clean;
+    std::size_t reclaimable;
+    std::size_t wired;
 };
 
 constexpr ColumnWidths kFormattedWidths = {7, 11, 11, 13, 11};
 constexpr ColumnWidths kExactWidths = {11, 14, 14, 14, 14};
+constexpr std::size_t kRegionsWidth = 10;
 
-/// Size of the longest scaled size, such as "1024 MB", with terminator.
-constexpr std::size_t kHumanizedSize = 8;
+/// Most sizes are multiples of it.
+constexpr std::uint64_t kScaledGranule = 4096;
 
 /// Of a larger group, only the number of members is shown.
 constexpr std::size_t kMostMembersNamed = 20;
 
 constexpr const char* kRule = "==========";
 constexpr const char* kDashes = "---";
+
+/// Appends the text to the row, at the right of a column; a longer text takes more room.
+void appendAligned(std::string& row, std::size_t width, std::string_view text) {
+    if (text.size() < width) row.append(width - text.size(), ' ');
+    row += text;
+}
 
 }  // namespace
 
@@ -44,9 +50,13 @@ std::string ZBOutputFormatterText::formattedStringForSize(std::uint64_t size) co
         case SummaryFormat::kFormatted:
             break;
     }
-    std::array<char, kHumanizedSize> text{};
-    humanize_number(text.data(), text.size(), static_cast<std::int64_t>(size), "B", HN_AUTOSCALE, 0);
-    return text.data();
+    ScaledSize& scaled = _scaledSizes[size / kScaledGranule % _scaledSizes.size()];
+    if (scaled.size != size || scaled.text[0] == '\0') {
+        scaled.size = size;
+        humanize_number(scaled.text.data(), scaled.text.size(), static_cast<std::int64_t>(size), "B",
+                        HN_AUTOSCALE, 0);
+    }
+    return scaled.text.data();
 }
 
 void ZBOutputFormatterText::_printSeparator(const char* lineEnd) {
@@ -56,40 +66,44 @@ void ZBOutputFormatterText::_printSeparator(const char* lineEnd) {
                  kRule, lineEnd);
 }
 
-void ZBOutputFormatterText::_printWordRow(const char* dirty, const char* swapped, const char* clean,
-                                          const char* reclaimable, const char* wired, const char* regions,
-                                          const char* category) {
+void ZBOutputFormatterText::_printWordRow(std::string_view dirty, std::string_view swapped,
+                                          std::string_view clean, std::string_view reclaimable,
+                                          std::string_view wired, std::string_view regions,
+                                          std::string_view category) {
     const ColumnWidths& widths =
         _summaryFormat == SummaryFormat::kFormatted ? kFormattedWidths : kExactWidths;
-    const bool showsSwapped = _shows(kShowSwapped);
-    const bool showsWired = _shows(kShowWired);
-    std::fprintf(_output, "%*s%*s%*s%*s%*s %10s    %s\n", widths.dirty, dirty,
-                 showsSwapped ? widths.swapped : 0, showsSwapped ? swapped : "", widths.clean, clean,
-                 widths.reclaimable, reclaimable, showsWired ? widths.wired : 0, showsWired ? wired : "",
-                 regions, category);
+    _row.clear();
+    appendAligned(_row, widths.dirty, dirty);
+    if (_shows(kShowSwapped)) appendAligned(_row, widths.swapped, swapped);
+    appendAligned(_row, widths.clean, clean);
+    appendAligned(_row, widths.reclaimable, reclaimable);
+    if (_shows(kShowWired)) appendAligned(_row, widths.wired, wired);
+    _row += ' ';
+    appendAligned(_row, kRegionsWidth, regions);
+    _row.append("    ").append(category) += '\n';
+    std::fwrite(_row.data(), 1, _row.size(), _output);
 }
 
 void ZBOutputFormatterText::_printDashes() {
     _printWordRow(kDashes, kDashes, kDashes, kDashes, kDashes, kDashes, kDashes);
 }
 
-void ZBOutputFormatterText::_printSizeRow(const SizeTotals& totals, const char* category) {
+void ZBOutputFormatterText::_printSizeRow(const SizeTotals& totals, std::string_view category) {
     const SizeCounts& sizes = totals.sizes;
     const auto textIfShown = [this](OutputOptions option, std::uint64_t size) {
         return _shows(option) ? formattedStringForSize(size) : std::string();
     };
-    _printWordRow(
-        formattedStringForSize(sizes.charged()).c_str(), textIfShown(kShowSwapped, sizes.swapped).c_str(),
-        formattedStringForSize(sizes.clean).c_str(), formattedStringForSize(sizes.reclaimable).c_str(),
-        textIfShown(kShowWired, sizes.wired).c_str(),
-        std::to_string(static_cast<std::int32_t>(totals.totalRegions)).c_str(), category);
+    _printWordRow(formattedStringForSize(sizes.charged()), textIfShown(kShowSwapped, sizes.swapped),
+                  formattedStringForSize(sizes.clean), formattedStringForSize(sizes.reclaimable),
+                  textIfShown(kShowWired, sizes.wired),
+                  std::to_string(static_cast<std::int32_t>(totals.totalRegions)), category);
 }
 
 void ZBOutputFormatterText::_printTable(const Categories& categories, const std::vector<Name>& sortedKeys,
                                         const SizeTotals& total) {
     _printWordRow("Dirty", "(Swapped)", "Clean", "Reclaimable", "(Wired)", "Regions", "Category");
     _printDashes();
-    for (const Name key : sortedKeys) _printSizeRow(categories.at(key)->totals(), key.c_str());
+    for (const Name key : sortedKeys) _printSizeRow(categories.at(key)->totals(), key.text());
     _printDashes();
     _printSizeRow(total, "TOTAL");
 }

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <array>
 #include <cstdio>
+#include <string>
+#include <string_view>
 
 #include "report/OutputFormat.h"
 #include "report/ZBOutputFormatter.h"
@@ -43,10 +46,11 @@ class ZBOutputFormatterText final : public ZBOutputFormatter {
     [[nodiscard]] bool _shows(OutputOptions option) const { return (_options & option) != 0; }
     void _printSeparator(const char* lineEnd);
     /// A line with one word for each size column; a hidden column is left out.
-    void _printWordRow(const char* dirty, const char* swapped, const char* clean, const char* reclaimable,
-                       const char* wired, const char* regions, const char* category);
+    void _printWordRow(std::string_view dirty, std::string_view swapped, std::string_view clean,
+                       std::string_view reclaimable, std::string_view wired, std::string_view regions,
+                       std::string_view category);
     void _printDashes();
-    void _printSizeRow(const SizeTotals& sizes, const char* category);
+    void _printSizeRow(const SizeTotals& sizes, std::string_view category);
     void _printTable(const Categories& categories, const std::vector<Name>& sortedKeys,
                      const SizeTotals& total);
     void _printListingRow(const ZBMemoryRegion& region, std::uint64_t pageSize);
@@ -55,12 +59,22 @@ class ZBOutputFormatterText final : public ZBOutputFormatter {
     void _printAuxBlock(const ZBAuxDataDictionary* auxData);
     void _printPhysZorbelBreakdownEnabled();
 
+    /// A size and its text such as "1024 MB", the longest; the text is empty until the first use.
+    struct ScaledSize {
+        std::uint64_t size = 0;
+        std::array<char, 8> text{};
+    };
+
     Platform& _platform;
     std::int32_t _processCount = 0;
     std::uint32_t _pageSize = 0;
     SummaryFormat _summaryFormat;
     OutputOptions _options;
     std::FILE* _output;
+    std::string _row;  ///< The row being printed, kept for its memory.
+    /// Texts of sizes seen before, found by size: the same few sizes fill most of a report, and scaling one
+    /// takes longer than printing it.
+    mutable std::array<ScaledSize, 1024> _scaledSizes;
 };
 
 }  // namespace zorbel
