@@ -33,7 +33,9 @@ std::vector<ZBProcess*> ZBZorbel::_getProcessListSortedByPidDesc() const {
 void ZBZorbel::gatherData() {
     const std::vector<ZBProcess*> read = _readProcesses();
     _platform.settleTasks();
-    inParallel(read.size(), _workers, [&](std::size_t index) { read[index]->gatherData(); });
+    // Lowest pid first: the kernel takes the longest of all, and nothing is left to do beside it at the end.
+    inParallel(read.size(), _workers,
+               [&](std::size_t index) { read[read.size() - 1 - index]->gatherData(); });
     for (ZBProcess* process : read) process->reportMessages();
     if (_earlyExit)
         ZBProcess::_addGlobalError("Zorbel exited early due to SIGINT and did not finish gathering all data");

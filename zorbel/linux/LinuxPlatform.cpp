@@ -188,9 +188,6 @@ LinuxPlatform::ProcessAhead LinuxPlatform::_readAhead(std::int32_t pid) const {
     if (!ahead.stat || (ahead.stat->flags & ProcessStat::kKernelThread) != 0) return ahead;
     ahead.code = _open(pid, ahead.task);
     if (ahead.code != kKernSuccess) return ahead;
-    const TaskDirectory directory(ahead.task, _root);
-    if (directory.get() < 0) return ahead;
-    if (auto path = pathOfProgram(directory.get())) ahead.task.program = *std::move(path);
     _readStatus(ahead.task);
     return ahead;
 }
@@ -266,8 +263,13 @@ KernReturn LinuxPlatform::_open(std::int32_t pid, Task& opened) const {
     opened.pid = pid;
     opened.directory = openProcessDirectory(_root, pid);
     if (opened.directory.isOpen()) {
-        const FileDescriptor maps = openForReading("maps", opened.directory.get());
-        if (!maps.isOpen() && !saysGone(errno)) return kernReturnFromErrno(errno);
+        // The link takes the same right as maps, and opening that costs more.
+        if (auto path = pathOfProgram(opened.directory.get())) {
+            opened.program = *std::move(path);
+        } else {
+            const FileDescriptor maps = openForReading("maps", opened.directory.get());
+            if (!maps.isOpen() && !saysGone(errno)) return kernReturnFromErrno(errno);
+        }
         if (opened.directory.get() >= _mostDescriptors) {
             if (const auto stat = readStat(opened.directory.get())) opened.startTime = stat->startTime;
             opened.directory = FileDescriptor();
@@ -403,7 +405,10 @@ void LinuxPlatform::settleTasks() {
     settle(tasks, _services());
 }
 
-void LinuxPlatform::forgetTask(TaskName task) { _taskNamed(task).snapshot.reset(); }
+void LinuxPlatform::forgetTask(TaskName task) {
+    _taskNamed(task).snapshot.reset();
+    _taskNamed(task).directory = FileDescriptor();
+}
 
 KernReturn LinuxPlatform::mach_vm_region_recurse(TaskName task, std::uint64_t& address, std::uint64_t& size,
                                                  RegionInfoRecord& record) {
@@ -413,7 +418,7 @@ KernReturn LinuxPlatform::mach_vm_region_recurse(TaskName task, std::uint64_t& a
     if (region == nullptr) return snapshot->codeAtEnd();
     address = region->start;
     size = region->size();
-    record = region->record;
+    record = region->record();
     return kKernSuccess;
 }
 
@@ -451,7 +456,8 @@ Name LinuxPlatform::proc_regionfilename(TaskName task, std::uint64_t address) {
     const Task& opened = _taskNamed(task);
     if (!opened.snapshot) return {};
     const SnapshotRegion* region = opened.snapshot->regionAtOrAfter(address);
-    return region != nullptr && region->start <= address ? region->path : Name();
+    return region != nullptr && region->start <= address && region->file != nullptr ? region->file->path
+                                                                                    : Name();
 }
 
 KernReturn LinuxPlatform::mach_memory_info(KernelMemoryAccount& account) {

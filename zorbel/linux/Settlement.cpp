@@ -31,13 +31,12 @@ class Settlement {
     void settle(const ReadTask& task) {
         for (SnapshotRegion& region : task.snapshot->regions()) {
             _parts.clear();
-            const bool isFileItself = region.fileId != 0 && !region.hasOwnPages();
-            region.record.object_id = isFileItself ? idOfFile(region.fileId) : _services.objectIds.newId();
+            const bool isFileItself = region.fileId() != 0 && !region.hasOwnPages();
+            region.objectId = isFileItself ? idOfFile(region.fileId()) : _services.objectIds.newId();
             if (region.member != 0) addLineage(region, task);
             if (region.isOfMemoryFile()) addMemoryFile(region);
-            if (region.fileId != 0 && !region.isPrivate && region.record.external_pager != 0)
-                addDirtyFile(region);
-            if (!_parts.empty()) region.record.shared = task.snapshot->keep(_parts);
+            if (region.fileId() != 0 && !region.isPrivate && region.hasStorage) addDirtyFile(region);
+            if (!_parts.empty()) region.shared = task.snapshot->keep(_parts);
         }
     }
 
@@ -45,11 +44,10 @@ class Settlement {
     static void shareAddressSpace(const ReadTask& first, const ReadTask& other) {
         for (SnapshotRegion& region : first.snapshot->regions()) {
             if (!region.isPrivate || isCommon(region)) continue;
-            SharedPages own{region.record.object_id, region.pages.anonymous, region.pages.swapped,
-                            region.pages.lazy};
-            std::vector<SharedPages> parts(region.record.shared.begin(), region.record.shared.end());
+            SharedPages own{region.objectId, region.pages.anonymous, region.pages.swapped, region.pages.lazy};
+            std::vector<SharedPages> parts(region.shared.begin(), region.shared.end());
             for (const SharedPages& part : parts) {
-                if (region.fileId != 0 && region.isOfMemoryFile() && &part == &parts.back()) continue;
+                if (region.isOfMemoryFile() && &part == &parts.back()) continue;
                 own.pages_resident -= std::min(own.pages_resident, part.pages_resident);
                 own.pages_swapped_out -= std::min(own.pages_swapped_out, part.pages_swapped_out);
             }
@@ -59,12 +57,11 @@ class Settlement {
             own.object_pages_swapped_out = own.pages_swapped_out;
             own.object_pages_reusable = own.pages_reusable;
             parts.push_back(own);
-            region.record.shared = first.snapshot->keep(parts);
+            region.shared = first.snapshot->keep(parts);
         }
         other.snapshot->regions() = first.snapshot->regions();
         for (SnapshotRegion& region : other.snapshot->regions())
-            if (!region.record.shared.empty())
-                region.record.shared = other.snapshot->keep(region.record.shared);
+            if (!region.shared.empty()) region.shared = other.snapshot->keep(region.shared);
     }
 
   private:
@@ -76,9 +73,8 @@ class Settlement {
     };
 
     static bool isCommon(const SnapshotRegion& region) {
-        return std::ranges::any_of(region.record.shared, [&](const SharedPages& part) {
-            return part.object_id == region.record.object_id;
-        });
+        return std::ranges::any_of(
+            region.shared, [&](const SharedPages& part) { return part.object_id == region.objectId; });
     }
 
     static LineageKey lineageOf(const SnapshotRegion& region, const ReadTask& task) {
@@ -121,8 +117,7 @@ class Settlement {
     /// Pages of a region's file in its range, and in all ranges that are mapped.
     std::pair<std::optional<FilePages>, std::optional<FilePages>> pagesOfFile(const SnapshotRegion& region) {
         SharedFiles& files = _services.sharedFiles;
-        return {files.pagesIn(region.fileId, region.record.offset, region.size()),
-                files.pagesOf(region.fileId)};
+        return {files.pagesIn(region.fileId(), region.offset, region.size()), files.pagesOf(region.fileId())};
     }
 
     /// All pages of the file in the mapped ranges are charged, no matter which process has touched them.
@@ -130,27 +125,23 @@ class Settlement {
         const auto [inRegion, total] = pagesOfFile(region);
         if (!inRegion || !total) return;
         // A private copy hides the page of the file that it was made of.
-        RegionInfoRecord& record = region.record;
         const std::uint64_t own = std::uint64_t{region.pages.anonymous} + region.pages.swapped;
         const std::uint64_t room = region.size() / pageSize() - std::min(own, region.size() / pageSize());
         const auto resident = pages32(std::min(inRegion->cached, room));
         const auto swapped = pages32(std::min(inRegion->swapped, room - resident));
-        record.pages_resident = region.pages.anonymous + resident;
-        record.pages_dirtied = record.pages_resident;
-        record.pages_swapped_out = region.pages.swapped + swapped;
-        if (region.isLocked) record.user_wired_count = record.pages_resident;
-        _parts.push_back({idOfFile(region.fileId), resident, swapped, 0, total->cached, total->swapped, 0});
+        region.pages.file = resident;
+        region.pages.fileSwapped = swapped;
+        _parts.push_back({idOfFile(region.fileId()), resident, swapped, 0, total->cached, total->swapped, 0});
     }
 
     /// Dirty pages of a file on disk, also those that nobody here has touched.
     void addDirtyFile(SnapshotRegion& region) {
         const auto [inRegion, total] = pagesOfFile(region);
         if (!inRegion || !total) return;
-        RegionInfoRecord& record = region.record;
-        record.pages_dirtied = pages32(std::min(inRegion->dirty, region.size() / pageSize()));
-        record.pages_resident = std::max(record.pages_resident, record.pages_dirtied);
-        if (record.pages_dirtied != 0)
-            _parts.push_back({record.object_id, record.pages_dirtied, 0, 0, total->dirty, 0, 0});
+        const auto dirty = pages32(std::min(inRegion->dirty, region.size() / pageSize()));
+        region.pages.fileDirty = dirty;
+        region.pages.file = std::max(region.pages.file, dirty);
+        if (dirty != 0) _parts.push_back({region.objectId, dirty, 0, 0, total->dirty, 0, 0});
     }
 
     const SnapshotServices& _services;

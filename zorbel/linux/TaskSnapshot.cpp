@@ -71,20 +71,23 @@ TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& service
     : _services(services) {
     _readRegions(processDirectory, plan);
     const int memoryDirectory = _directoryOfMemory(processDirectory);
-    PageTables tables(memoryDirectory, _services.pageAccess);
+    if (!_tables) _tables.emplace(memoryDirectory, _services.pageAccess);
     const bool needsSmaps = !_noteFiles(memoryDirectory) || plan.smapsUse == SmapsUse::kAlways ||
-                            (plan.smapsUse == SmapsUse::kForLazyPages && _mayHaveLazyPages(tables));
+                            (plan.smapsUse == SmapsUse::kForLazyPages && _mayHaveLazyPages());
     if (_services.pageAccess.mayScan && needsSmaps) _readDetails(memoryDirectory);
     for (SnapshotRegion& region : _regions) region.isWritten = region.isWritten || region.hasOwnPages();
     _findImages(processDirectory);
-    _recountSplitRegions(tables);
-    _notePages(tables, plan.lineageUse);
-    _fillRecords();
+    _recountSplitRegions();
+    _notePages(plan.lineageUse);
+    _markDevices();
+    for (SnapshotRegion& region : _regions)
+        region.pages.lazy = std::min(region.pages.lazy, region.pages.anonymous);
     findAnonymousKinds(_regions);
     // The snapshot is kept until all tasks are read, so free what is no longer needed.
     _regions.shrink_to_fit();
     _splitRegions = {};
     _thread = FileDescriptor();
+    _tables.reset();
 }
 
 void TaskSnapshot::_readRegions(int processDirectory, const ReadingPlan& plan) {
@@ -131,8 +134,8 @@ KernReturn TaskSnapshot::_read(int processDirectory, const std::string& place, c
     if (_services.pageAccess.mayScan) {
         const FileDescriptor directory =
             place.empty() ? FileDescriptor() : openDirectory(place.c_str(), processDirectory);
-        PageTables tables(directory.isOpen() ? directory.get() : processDirectory, _services.pageAccess);
-        const int error = tables.isOpen() ? _countAllPages(tables, plan) : errno;
+        _tables.emplace(directory.isOpen() ? directory.get() : processDirectory, _services.pageAccess);
+        const int error = _tables->isOpen() ? _countAllPages(plan) : errno;
         if (error != 0 && error != ESRCH && error != ENOENT) return kernReturnFromErrno(error);
     }
     // Asked at the end: page tables that are gone count nothing.
@@ -150,14 +153,14 @@ void TaskSnapshot::_addEntry(const SmapsEntry& entry, int processDirectory) {
     SnapshotRegion& region = _regions.emplace_back();
     region.start = entry.start;
     region.end = entry.end;
-    region.record.protection = entry.permissions;
-    region.record.max_protection = static_cast<std::int32_t>(
+    region.protection = static_cast<std::uint8_t>(entry.permissions);
+    region.maxProtection = static_cast<std::uint8_t>(
         entry.flags & (SmapsEntry::kMayRead | SmapsEntry::kMayWrite | SmapsEntry::kMayExecute));
-    if (region.record.max_protection == 0) region.record.max_protection = entry.permissions;
-    region.record.offset = isFile ? entry.offset : entry.start;
-    region.record.user_tag = static_cast<std::uint32_t>(kind.tag);
-    region.record.external_pager = kind.hasStorage ? 1 : 0;
-    region.fileId = isFile && _services.objectIds.tellsFile(_file.identity) ? _file.number : 0;
+    if (region.maxProtection == 0) region.maxProtection = region.protection;
+    region.offset = isFile ? entry.offset : entry.start;
+    region.tag = kind.tag;
+    region.hasStorage = kind.hasStorage;
+    region.file = isFile ? _file.mapped : nullptr;
     region.isPlainAnonymous = entry.path.empty() && !entry.isShared && kind.tag == Tag::kNone;
     region.isPrivate = !entry.isShared;
     region.isHuge = kind.tag == Tag::kHugePages;
@@ -165,11 +168,7 @@ void TaskSnapshot::_addEntry(const SmapsEntry& entry, int processDirectory) {
     region.isWritten = !entry.isShared && ((entry.permissions & SmapsEntry::kWrite) != 0 ||
                                            (entry.flags & SmapsEntry::kAccounted) != 0);
     region.pages = pagesOf(entry, kind.hasStorage);
-    if (!isFile) return;
-    region.path = _file.path;
-    region.device = entry.device;
-    region.inode = entry.inode;
-    if (region.fileId != 0) region.fileUse = fileUseOf(kind, _file.fileSystem);
+    if (region.fileId() != 0) region.fileUse = fileUseOf(kind, _file.fileSystem);
 }
 
 void TaskSnapshot::_lookAtFile(const SmapsEntry& entry, int processDirectory) {
@@ -178,15 +177,17 @@ void TaskSnapshot::_lookAtFile(const SmapsEntry& entry, int processDirectory) {
         struct stat ipc {};
         if (fstatat(processDirectory, "ns/ipc", &ipc, 0) == 0) identity.ipcNamespace = ipc.st_ino;
     }
-    if (_file.number == 0 || identity != _file.identity) {
+    const bool isOther = _file.mapped == nullptr || identity != _file.identity;
+    if (!isOther && entry.path == _file.rawPath) return;
+    MappedFile& mapped = _files.emplace_front();
+    mapped = {Name(printable(entry.path, kLongestPath)), entry.device, entry.inode, 0};
+    if (isOther) {
         _file.identity = identity;
         _file.fileSystem = _kindOfFileSystem(entry, processDirectory);
-        _file.number = _services.objectIds.numberOfFile(identity);
     }
-    if (!_file.path.isPresent() || entry.path != _file.rawPath) {
-        _file.rawPath = entry.path;
-        _file.path = Name(printable(entry.path, kLongestPath));
-    }
+    if (_services.objectIds.tellsFile(identity)) mapped.number = _services.objectIds.numberOfFile(identity);
+    _file.rawPath = entry.path;
+    _file.mapped = &mapped;
 }
 
 /// If our own namespace does not mount the file system, looks at the mounts of the process, once.

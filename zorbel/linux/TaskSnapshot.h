@@ -72,7 +72,7 @@ class TaskSnapshot {
 
     /// Fills in what depends on other tasks: object ids, and what counts for shared objects.
     [[nodiscard]] std::vector<SnapshotRegion>& regions() { return _regions; }
-    /// Keeps what the records of regions lend.
+    /// Keeps shared pages for the regions.
     std::span<const SharedPages> keep(std::span<const SharedPages> shared);
 
     /// The first region that ends above the address, or null.
@@ -102,18 +102,19 @@ class TaskSnapshot {
 
     // In TaskSnapshotPages.cpp.
     /// Counts the pages of all regions. 0 or an errno.
-    int _countAllPages(PageTables& tables, const ReadingPlan& plan);
+    int _countAllPages(const ReadingPlan& plan);
     /// Counts the pages of regions that follow each other. Large anonymous ones are left out where the words
     /// of their pages are read later. 0 or an errno.
-    static int _countPages(PageTables& tables, std::span<SnapshotRegion> counted, bool readsWords);
-    void _recountSplitRegions(PageTables& tables);
-    [[nodiscard]] bool _mayHaveLazyPages(PageTables& tables) const;
+    int _countPages(std::span<SnapshotRegion> counted, bool readsWords);
+    void _recountSplitRegions();
+    [[nodiscard]] bool _mayHaveLazyPages();
     void _readDetails(int processDirectory);
     /// False where the dirty pages of a file on disk can't be counted in the file: smaps shows them.
     bool _noteFiles(int processDirectory);
-    void _notePages(PageTables& tables, const LineageUse& use);
-    void _notePagesOf(SnapshotRegion& region, PageTables& tables, const LineageUse& use);
-    void _fillRecords();
+    void _notePages(const LineageUse& use);
+    void _notePagesOf(SnapshotRegion& region, const LineageUse& use);
+    /// Memory of devices shows by its pages only.
+    void _markDevices();
 
     /// The directory whose files show the address space.
     [[nodiscard]] int _directoryOfMemory(int processDirectory) const {
@@ -123,9 +124,11 @@ class TaskSnapshot {
     SnapshotServices _services;
     FileDescriptor _thread;  ///< The /proc directory of a thread; open if the process's own files do not show
                              ///< its memory.
+    std::optional<PageTables> _tables;  ///< While it is read.
     std::vector<SnapshotRegion> _regions;
+    std::forward_list<MappedFile> _files;  ///< Lent to the regions.
     LoadedImages _images;
-    std::forward_list<std::vector<SharedPages>> _shared;  ///< Lent by the records of the regions.
+    std::forward_list<std::vector<SharedPages>> _shared;  ///< Lent to the regions.
     KernReturn _codeAtEnd = kKernInvalidAddress;
     mutable std::size_t _lastFound = 0;
     bool _knowsMounts = false;
@@ -140,9 +143,8 @@ class TaskSnapshot {
     struct {
         FileIdentity identity;
         FileSystems::Kind fileSystem = FileSystems::Kind::kUnknown;
-        std::uint32_t number = 0;
         std::string rawPath;
-        Name path;
+        const MappedFile* mapped = nullptr;
     } _file;
 };
 

@@ -41,7 +41,7 @@ void TaskSnapshot::_split(std::vector<std::uint64_t> cuts) {
             SnapshotRegion& part = regions.emplace_back(whole);
             part.start = start;
             part.end = end;
-            part.record.offset += start - whole.start;
+            part.offset += start - whole.start;
             start = end;
         };
         if (cut != cuts.end() && *cut < whole.end) _splitRegions.push_back({whole.start, whole.end});

@@ -15,35 +15,28 @@ namespace zorbel {
 
 namespace {
 
-/// Pages of the kernel's that every process maps: nobody is charged for them.
-bool isKernels(const SnapshotRegion& region) {
-    return region.tag() == Tag::kVdso || region.tag() == Tag::kVvar || region.tag() == Tag::kVsyscall;
-}
-
 /// Without the ones above the addresses of processes, which have no page tables.
 std::span<SnapshotRegion> belowKernel(std::span<SnapshotRegion> regions) {
-    while (!regions.empty() && regions.back().tag() == Tag::kVsyscall)
+    while (!regions.empty() && regions.back().tag == Tag::kVsyscall)
         regions = regions.first(regions.size() - 1);
     return regions;
 }
 
 /// Whether it is private and maps no file.
-bool isAnonymous(const SnapshotRegion& region) {
-    return region.isPrivate && region.fileId == 0 && !region.path.isPresent();
-}
+bool isAnonymous(const SnapshotRegion& region) { return region.isPrivate && region.file == nullptr; }
 
 /// Anonymous memory has no pages of files, and shared memory nothing else. A shared mapping of a named file
 /// may turn out to be one of a device.
 PageTables::Detail detailOf(const SnapshotRegion& region) {
-    const bool isShared = region.tag() == Tag::kMemfd || region.tag() == Tag::kSysVShared ||
-                          region.tag() == Tag::kSharedAnonymous;
+    const bool isShared =
+        region.tag == Tag::kMemfd || region.tag == Tag::kSysVShared || region.tag == Tag::kSharedAnonymous;
     const bool isAlike = region.isPrivate ? isAnonymous(region) || region.isOnlyFile : isShared;
-    return isAlike && !isKernels(region) ? PageTables::Detail::kPlace : PageTables::Detail::kWhetherFile;
+    return isAlike && !region.isKernels() ? PageTables::Detail::kPlace : PageTables::Detail::kWhetherFile;
 }
 
 /// Whether two regions map the same file, the second right behind the first.
 bool continues(const SnapshotRegion& region, const SnapshotRegion& before) {
-    return before.end == region.start && before.fileId == region.fileId;
+    return before.end == region.start && before.fileId() == region.fileId();
 }
 
 /// Marks the private mappings of files that have most likely never been written. Not those that are writable,
@@ -52,12 +45,12 @@ bool continues(const SnapshotRegion& region, const SnapshotRegion& before) {
 void markOnlyFiles(std::span<SnapshotRegion> regions) {
     for (std::size_t i = 0; i < regions.size(); ++i) {
         SnapshotRegion& region = regions[i];
-        const bool isExecutable = (region.record.protection & SmapsEntry::kExecute) != 0;
-        const bool isBehindAlike = i > 0 && continues(region, regions[i - 1]) &&
-                                   regions[i - 1].record.protection == region.record.protection;
+        const bool isExecutable = region.has(SmapsEntry::kExecute);
+        const bool isBehindAlike =
+            i > 0 && continues(region, regions[i - 1]) && regions[i - 1].protection == region.protection;
         const bool isBeforeWritten =
             i + 1 < regions.size() && continues(regions[i + 1], region) && regions[i + 1].isWritten;
-        region.isOnlyFile = region.isPrivate && region.fileId != 0 && !region.isHuge && !region.isWritten &&
+        region.isOnlyFile = region.isPrivate && region.fileId() != 0 && !region.isHuge && !region.isWritten &&
                             (isExecutable || (!isBehindAlike && !isBeforeWritten));
     }
 }
@@ -97,7 +90,7 @@ std::uint64_t sizeOf(Regions regions) {
 }
 
 void add(const PageRun& run, PageTables::Detail detail, std::uint32_t pages, SnapshotRegion& region) {
-    if (region.tag() == Tag::kVvar) return;  // Present, but of no use to count: no memory of the system's.
+    if (region.tag == Tag::kVvar) return;  // Present, but of no use to count: no memory of the system's.
     const bool isFile = run.isFile || (detail == PageTables::Detail::kPlace && !isAnonymous(region));
     if (!run.isPresent)
         region.pages.swapped += pages;
@@ -132,18 +125,18 @@ int countStretch(PageTables& tables, Regions regions, PageTables::Detail detail)
 // copies is most of the cost of a scan. But the kernel knows how many pages of a process are no file's: where
 // the others make up that number, these mappings have none. If they do not, because of a breakpoint, or
 // because the process goes on, all is looked at again with every detail.
-int TaskSnapshot::_countAllPages(PageTables& tables, const ReadingPlan& plan) {
+int TaskSnapshot::_countAllPages(const ReadingPlan& plan) {
     const bool readsWords = plan.lineageUse.lineages != nullptr;
     const bool mayVerify = plan.anonymousPages && !readsWords;
     if (mayVerify) markOnlyFiles(_regions);
-    const int error = _countPages(tables, _regions, readsWords);
+    const int error = _countPages(_regions, readsWords);
     if (error != 0 || !mayVerify || anonymousPagesOf(_regions) == *plan.anonymousPages) return error;
     for (SnapshotRegion& region : _regions) region.isOnlyFile = false;
-    return _countPages(tables, _regions, readsWords);
+    return _countPages(_regions, readsWords);
 }
 
 // Pages of files cost the kernel a look at each page, so large stretches that have none are scanned apart.
-int TaskSnapshot::_countPages(PageTables& tables, std::span<SnapshotRegion> counted, bool readsWords) {
+int TaskSnapshot::_countPages(std::span<SnapshotRegion> counted, bool readsWords) {
     using Detail = PageTables::Detail;
     constexpr std::uint64_t kWorthACall = 1 << 18;  // In bytes.
     const std::span<SnapshotRegion> regions = belowKernel(counted);
@@ -167,7 +160,7 @@ int TaskSnapshot::_countPages(PageTables& tables, std::span<SnapshotRegion> coun
         const Detail detail = isAlike ? Detail::kPlace : Detail::kWhetherFile;
         for (auto begin = stretch.begin(); begin != stretch.end();) {
             const auto end = endOfNeighbours(begin, stretch.end());
-            if (const int error = countStretch(tables, {begin, end}, detail); error != 0) return error;
+            if (const int error = countStretch(*_tables, {begin, end}, detail); error != 0) return error;
             begin = end;
         }
     }
@@ -176,26 +169,26 @@ int TaskSnapshot::_countPages(PageTables& tables, std::span<SnapshotRegion> coun
 
 // The parts had the pages of the whole until now. Where lazily freed pages are is not known: heaps free like
 // that, and are large.
-void TaskSnapshot::_recountSplitRegions(PageTables& tables) {
+void TaskSnapshot::_recountSplitRegions() {
     for (const SplitRegion& whole : _splitRegions) {
         const auto first = std::ranges::lower_bound(_regions, whole.start, {}, &SnapshotRegion::start);
         const auto last = std::ranges::lower_bound(_regions, whole.end, {}, &SnapshotRegion::start);
         const Regions parts(first, last);
         const std::uint32_t lazy = parts.front().pages.lazy;
-        if (!parts.front().isUncounted && _countPages(tables, parts, false) != 0) continue;
+        if (!parts.front().isUncounted && _countPages(parts, false) != 0) continue;
         for (SnapshotRegion& part : parts) part.pages.lazy = 0;
         std::ranges::max_element(parts, {}, &SnapshotRegion::size)->pages.lazy = lazy;
     }
 }
 
 // Only anonymous mappings can be freed like that.
-bool TaskSnapshot::_mayHaveLazyPages(PageTables& tables) const {
+bool TaskSnapshot::_mayHaveLazyPages() {
     if (!_services.pageAccess.seesFrames()) return true;
     for (const SnapshotRegion& region : _regions) {
-        if (!region.isPrivate || region.fileId != 0 || (region.pages.anonymous == 0 && !region.isUncounted))
+        if (!region.isPrivate || region.fileId() != 0 || (region.pages.anonymous == 0 && !region.isUncounted))
             continue;
         bool mayBeLazy = false;
-        tables.forEachUsedWord(region.start, region.end, [&](std::uint64_t, auto words, std::uint32_t) {
+        _tables->forEachUsedWord(region.start, region.end, [&](std::uint64_t, auto words, std::uint32_t) {
             mayBeLazy = mayBeLazy || _services.frameFlags.mayBeLazy(words);
         });
         if (mayBeLazy) return true;
@@ -220,36 +213,34 @@ void TaskSnapshot::_readDetails(int processDirectory) {
 bool TaskSnapshot::_noteFiles(int processDirectory) {
     bool isKnown = true;
     for (const SnapshotRegion& region : _regions) {
-        const bool isOnDisk = region.record.external_pager != 0;
-        if (region.fileId == 0 || !(isOnDisk ? !region.isPrivate : hasSharedPages(region.tag()))) continue;
-        const bool isOpen =
-            _services.sharedFiles.note(region.fileId, region.record.offset, region.size(), [&] {
-                char path[64];
-                if (isOnDisk && region.fileUse != FileUse::kMayBeRead) return FileDescriptor();
-                std::snprintf(path, sizeof path, "map_files/%llx-%llx",
-                              static_cast<unsigned long long>(region.start),
-                              static_cast<unsigned long long>(region.end));
-                return FileDescriptor(
-                    openat(processDirectory, path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-            });
+        const bool isOnDisk = region.hasStorage;
+        if (region.fileId() == 0 || !(isOnDisk ? !region.isPrivate : hasSharedPages(region.tag))) continue;
+        const bool isOpen = _services.sharedFiles.note(region.fileId(), region.offset, region.size(), [&] {
+            char path[64];
+            if (isOnDisk && region.fileUse != FileUse::kMayBeRead) return FileDescriptor();
+            std::snprintf(path, sizeof path, "map_files/%llx-%llx",
+                          static_cast<unsigned long long>(region.start),
+                          static_cast<unsigned long long>(region.end));
+            return FileDescriptor(
+                openat(processDirectory, path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+        });
         isKnown = isKnown && (isOpen || !isOnDisk || region.pages.file == 0);
     }
     return isKnown;
 }
 
-void TaskSnapshot::_notePages(PageTables& tables, const LineageUse& use) {
+void TaskSnapshot::_notePages(const LineageUse& use) {
     if (use.lineages == nullptr) return;
-    if (!tables.isOpen()) {
+    if (!_tables->isOpen()) {
         if (_services.pageAccess.mayScan) _codeAtEnd = kMachSendInvalidDest;  // It could be opened before.
         return;
     }
     for (SnapshotRegion& region : _regions)
-        if ((region.isUncounted || region.hasOwnPages()) && !isKernels(region))
-            _notePagesOf(region, tables, use);
-    if (!tables.isAlive()) _codeAtEnd = kMachSendInvalidDest;
+        if ((region.isUncounted || region.hasOwnPages()) && !region.isKernels()) _notePagesOf(region, use);
+    if (!_tables->isAlive()) _codeAtEnd = kMachSendInvalidDest;
 }
 
-void TaskSnapshot::_notePagesOf(SnapshotRegion& region, PageTables& tables, const LineageUse& use) {
+void TaskSnapshot::_notePagesOf(SnapshotRegion& region, const LineageUse& use) {
     const Lineages::Member member = use.lineages->addMember();
     Lineages::Holder holder(*use.lineages, member);
     region.member = member + 1;
@@ -263,7 +254,7 @@ void TaskSnapshot::_notePagesOf(SnapshotRegion& region, PageTables& tables, cons
         frames = 0;
     };
     const auto note = [&](std::uint64_t page, PageWord word, std::uint32_t count) {
-        if (tables.isZeroPage(word)) return;
+        if (_tables->isZeroPage(word)) return;
         if (word.isPresent() && !word.isFile()) {
             const std::uint64_t frame = use.seesFrames ? word.frame() : page;
             pages.anonymous += count;
@@ -282,7 +273,7 @@ void TaskSnapshot::_notePagesOf(SnapshotRegion& region, PageTables& tables, cons
             if (use.swapCache != nullptr) use.swapCache->noteSlot(page, word.slot());
         }
     };
-    tables.forEachUsedWord(
+    _tables->forEachUsedWord(
         region.start, region.end,
         [&](std::uint64_t address, std::span<const std::uint64_t> words, std::uint32_t count) {
             std::uint64_t page = address / pageSize();
@@ -291,30 +282,11 @@ void TaskSnapshot::_notePagesOf(SnapshotRegion& region, PageTables& tables, cons
     noteFrames();
 }
 
-void TaskSnapshot::_fillRecords() {
+void TaskSnapshot::_markDevices() {
     for (SnapshotRegion& region : _regions) {
-        RegionInfoRecord& record = region.record;
-        RegionPages& pages = region.pages;
-        if (region.isDevice && (region.tag() == Tag::kNone || record.external_pager != 0)) {
-            record.user_tag = static_cast<std::uint32_t>(Tag::kDeviceMemory);
-            record.external_pager = 0;
-        }
-        pages.lazy = std::min(pages.lazy, pages.anonymous);
-        record.pages_resident = isKernels(region) ? pages.anonymous : pages.anonymous + pages.file;
-        const bool isOnDisk = record.external_pager != 0;
-        record.pages_dirtied = !isOnDisk          ? record.pages_resident
-                               : region.isPrivate ? pages.anonymous - pages.lazy
-                                                  : std::min(pages.fileDirty, pages.file);
-        record.pages_reusable = pages.lazy;
-        record.pages_swapped_out = pages.swapped + pages.fileSwapped;
-        record.user_wired_count = region.isHuge || region.isLocked ? record.pages_resident : 0;
-        const bool isEmpty = pages.anonymous + pages.file + record.pages_swapped_out == 0;
-        if (!region.isPrivate)
-            record.share_mode = kShareModeShared;
-        else if (!region.path.isPresent())
-            record.share_mode = isEmpty ? kShareModeEmpty : kShareModePrivate;
-        else  // A mapping of a file in memory without a page of its own is the file's, like the shared ones.
-            record.share_mode = !isOnDisk && !region.hasOwnPages() ? kShareModeShared : kShareModeCopyOnWrite;
+        if (!region.isDevice || (region.tag != Tag::kNone && !region.hasStorage)) continue;
+        region.tag = Tag::kDeviceMemory;
+        region.hasStorage = false;
     }
 }
 
@@ -337,10 +309,10 @@ KernReturn TaskSnapshot::queryPages(int processDirectory, std::uint64_t address,
         const std::uint64_t stop = std::min(region->end, end);
         at = stop;
         // [vsyscall] is above the addresses of processes and has no entries in pagemap.
-        if (region->tag() == Tag::kVsyscall) continue;
+        if (region->tag == Tag::kVsyscall) continue;
         const int error =
             tables.forEachRun(start, stop, PageTables::Detail::kWhetherFile, [&](const PageRun& run) {
-                const bool isExternal = run.isFile && region->record.external_pager != 0;
+                const bool isExternal = run.isFile && region->hasStorage;
                 const std::int32_t disposition =
                     !run.isPresent ? kPageQueryPagedOut
                                    : kPageQueryPresent | (isExternal ? kPageQueryExternal : kPageQueryDirty);

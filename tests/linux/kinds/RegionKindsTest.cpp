@@ -121,8 +121,8 @@ TEST_F(RegionKindsTest, PathsAndFlagsDecideKind) {
     for (const auto& [tag, mapping, paths, flags] : rows) {
         for (const std::string& path : paths) {
             const SnapshotRegion region = regionsOf({mapping + path + "\nVmFlags: " + flags}).at(0);
-            EXPECT_EQ(static_cast<Tag>(region.record.user_tag), tag) << path;
-            EXPECT_EQ(region.record.external_pager, mapping == disk ? 1 : 0) << path;
+            EXPECT_EQ(region.tag, tag) << path;
+            EXPECT_EQ(region.hasStorage, mapping == disk) << path;
         }
     }
 }
@@ -151,13 +151,12 @@ TEST_F(RegionKindsTest, NeighboursDecideKindOfAnonymousMemory) {
         for (words >> start; words >> permissions >> end; start = end)
             smaps += start + '-' + end + ' ' + permissions + " 0 00:00 0 \n";
         std::vector<Tag> tags;
-        for (const SnapshotRegion& region : regionsOfText(smaps))
-            tags.push_back(static_cast<Tag>(region.record.user_tag));
+        for (const SnapshotRegion& region : regionsOfText(smaps)) tags.push_back(region.tag);
         EXPECT_EQ(tags, expected) << layout;
     }
     // Zeroed data of an executable image is not generated code.
     const auto image = regionsOfText("1000-2000 rwxp 0 ffe:2 5 /usr/bin/old\n2000-3000 rwxp 0 00:00 0 \n");
-    EXPECT_EQ(static_cast<Tag>(image.at(1).record.user_tag), kNone);
+    EXPECT_EQ(image.at(1).tag, kNone);
 }
 
 TEST_F(RegionKindsTest, EqualFilesAreEqualObjects) {
@@ -175,11 +174,11 @@ TEST_F(RegionKindsTest, EqualFilesAreEqualObjects) {
     const auto& theirs =
         regionsOf({"rw-s 0 ffe:3 32769 /memfd:b (deleted)", "r--p 0 ffe:2 32770 /lib/a", segment});
     settleAll();
-    EXPECT_EQ(theirs.at(0).record.object_id, mine.at(0).record.object_id);
-    EXPECT_EQ(mine.at(1).record.object_id, mine.at(2).record.object_id);
+    EXPECT_EQ(theirs.at(0).objectId, mine.at(0).objectId);
+    EXPECT_EQ(mine.at(1).objectId, mine.at(2).objectId);
     std::set<std::uint32_t> different = {0};
     for (const auto* regions : {&mine, &theirs})
-        for (const SnapshotRegion& region : *regions) different.insert(region.record.object_id);
+        for (const SnapshotRegion& region : *regions) different.insert(region.objectId);
     EXPECT_EQ(different.size(), 1 + mine.size() + theirs.size() - 2);
 }
 
@@ -198,7 +197,7 @@ TEST_F(RegionKindsTest, ShareModeFollowsPages) {
         {"r-xp 0 00:00 0 [vdso]\nRss: 8 kB", kShareModePrivate, 0},  // The same pages in every process.
     };
     for (const auto& [entry, shareMode, resident] : rows) {
-        const RegionInfoRecord record = regionsOf({entry}).at(0).record;
+        const RegionInfoRecord record = regionsOf({entry}).at(0).record();
         EXPECT_EQ(record.share_mode, shareMode) << entry;
         EXPECT_EQ(record.pages_resident * sysconf(_SC_PAGESIZE), resident * 1024) << entry;
     }

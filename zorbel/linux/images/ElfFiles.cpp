@@ -37,7 +37,7 @@ FileDescriptor referToNamedFile(const SnapshotRegion& region, int processDirecto
     how.flags = O_PATH | O_CLOEXEC;
     how.resolve = RESOLVE_IN_ROOT | RESOLVE_CACHED;
     return FileDescriptor(
-        static_cast<int>(syscall(SYS_openat2, root.get(), region.path.c_str(), &how, sizeof how)));
+        static_cast<int>(syscall(SYS_openat2, root.get(), region.file->path.c_str(), &how, sizeof how)));
 }
 
 /// Opens the region's file for reading, given a descriptor that only refers to it. First checks that it is a
@@ -49,8 +49,8 @@ FileDescriptor openFileOf(const SnapshotRegion& region, const FileDescriptor& re
     if (!reference.isOpen() ||
         statx(reference.get(), "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_TYPE | STATX_INO, &status) != 0)
         return FileDescriptor();
-    const bool isDevice = makedev(status.stx_dev_major, status.stx_dev_minor) == region.device;
-    if (!S_ISREG(status.stx_mode) || status.stx_ino != region.inode || (isNamed && !isDevice))
+    const bool isDevice = makedev(status.stx_dev_major, status.stx_dev_minor) == region.file->device;
+    if (!S_ISREG(status.stx_mode) || status.stx_ino != region.file->inode || (isNamed && !isDevice))
         return FileDescriptor();
     // NONBLOCK: the file's owner may hold a lease on it, and open would wait for its end.
     return FileDescriptor(open(("/proc/self/fd/" + std::to_string(reference.get())).c_str(),
@@ -63,7 +63,7 @@ ElfFiles::Answer ElfFiles::answerFor(const SnapshotRegion& region, int processDi
     File* file = nullptr;
     {
         const std::lock_guard lock(_mutex);
-        File*& known = _fileOfId[region.fileId];
+        File*& known = _fileOfId[region.fileId()];
         if (known == nullptr) known = &_files.emplace_back();
         file = known;
     }

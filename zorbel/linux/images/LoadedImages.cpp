@@ -4,13 +4,11 @@
 #include <optional>
 
 #include "linux/process/PageSize.h"
+#include "linux/process/Smaps.h"
 
 namespace zorbel {
 
 namespace {
-
-constexpr std::int32_t kWrite = 2;
-constexpr std::int32_t kExecute = 4;
 
 struct SegmentNames {
     Name text{"__TEXT"};
@@ -27,7 +25,7 @@ const SegmentNames& names() {
 std::uint64_t pageStart(std::uint64_t address) { return address & ~(pageSize() - 1); }
 std::uint64_t pageEnd(std::uint64_t address) { return pageStart(address + pageSize() - 1); }
 
-bool isExecutable(const SnapshotRegion& region) { return (region.record.protection & kExecute) != 0; }
+bool isExecutable(const SnapshotRegion& region) { return region.has(SmapsEntry::kExecute); }
 
 /// Whether the region shows that its file is loaded as code. Some programs map ELF files only to read them.
 bool isLoaded(const SnapshotRegion& region) {
@@ -37,16 +35,16 @@ bool isLoaded(const SnapshotRegion& region) {
 /// Segment name of a file's region, by its protection and offset alone.
 Name nameByAccess(const SnapshotRegion& region) {
     if (isExecutable(region)) return names().text;
-    if ((region.record.protection & kWrite) != 0) return names().data;
+    if (region.has(SmapsEntry::kWrite)) return names().data;
     if (region.isWritten) return names().constantData;
-    return region.record.offset == 0 ? names().linkedit : names().text;
+    return region.offset == 0 ? names().linkedit : names().text;
 }
 
 /// The segment that contains the region's first byte; null if the headers do not match the mapping.
 const ElfSegment* segmentOf(const SnapshotRegion& region, const ElfLayout& layout) {
     for (const ElfSegment& segment : layout.segments) {
         const bool isAlike = isExecutable(region) ? segment.isExecutable : segment.isWritable;
-        const std::uint64_t offset = region.record.offset;
+        const std::uint64_t offset = region.offset;
         if (isAlike && pageStart(segment.offset) <= offset && offset < segment.offset + segment.fileSize)
             return &segment;
     }
@@ -64,7 +62,7 @@ class LoadedImages::Finder {
         for (std::size_t i = 0; i < _regions.size(); ++i) {
             const SnapshotRegion& region = _regions[i];
             if (!isLoaded(region)) continue;
-            FoundFile& file = _found[region.fileId];
+            FoundFile& file = _found[region.fileId()];
             if (region.start < file.end) continue;
             if (!file.answer) file.answer = files.answerFor(region, processDirectory);
             if (file.answer->kind == ElfFiles::Kind::kElf)
@@ -87,7 +85,7 @@ class LoadedImages::Finder {
         const ElfSegment* anchor = segmentOf(region, layout);
         if (anchor == nullptr) return 0;
         const std::uint64_t slide =
-            region.start - pageStart(anchor->address) - (region.record.offset - pageStart(anchor->offset));
+            region.start - pageStart(anchor->address) - (region.offset - pageStart(anchor->offset));
         std::uint64_t end = 0;
         for (const ElfSegment& segment : layout.segments) {
             // A segment may start in the page where the previous one ends.
@@ -95,12 +93,12 @@ class LoadedImages::Finder {
             const std::uint64_t segmentEnd = slide + pageEnd(segment.end());
             if (start < knownEnd || segmentEnd <= start) continue;
             const bool isLastOfSeveral = &segment == &layout.segments.back() && end != 0;
-            if (!_isMapped(segment, slide + pageStart(segment.address), region.fileId, isLastOfSeveral))
+            if (!_isMapped(segment, slide + pageStart(segment.address), region.fileId(), isLastOfSeveral))
                 continue;
             _addSegment(segment, layout, slide, start, segmentEnd);
             end = segmentEnd;
         }
-        if (end != 0) _images._owners.push_back({region.path, _images._segments.size()});
+        if (end != 0) _images._owners.push_back({region.file->path, _images._segments.size()});
         return end;
     }
 
@@ -112,9 +110,9 @@ class LoadedImages::Finder {
             _regions.begin(), _regions.end(), address,
             [](std::uint64_t value, const SnapshotRegion& region) { return value < region.end; });
         if (found == _regions.end() || found->start > address) return false;
-        if (segment.fileSize == 0) return mayBeZeroed && found->isPrivate && !found->path.isPresent();
-        return found->fileId == fileId &&
-               found->record.offset + (address - found->start) == pageStart(segment.offset);
+        if (segment.fileSize == 0) return mayBeZeroed && found->isPrivate && found->file == nullptr;
+        return found->fileId() == fileId &&
+               found->offset + (address - found->start) == pageStart(segment.offset);
     }
 
     void _addSegment(const ElfSegment& segment, const ElfLayout& layout, std::uint64_t slide,
@@ -139,19 +137,19 @@ class LoadedImages::Finder {
 
     /// Takes the neighbouring regions of the same file as segments. Returns the end of the last one.
     std::uint64_t _addByRegions(std::size_t executable) {
-        const std::uint32_t file = _regions[executable].fileId;
+        const std::uint32_t file = _regions[executable].fileId();
         const auto isSameFile = [&](std::size_t i) {
-            return _regions[i].fileUse != FileUse::kNone && _regions[i].fileId == file;
+            return _regions[i].fileUse != FileUse::kNone && _regions[i].fileId() == file;
         };
         std::size_t first = executable;
         while (first > 0 && isSameFile(first - 1)) --first;
         std::uint64_t end = 0;
         for (std::size_t i = first; i < _regions.size() && isSameFile(i); ++i) {
             end = _regions[i].end;
-            if (_regions[i].record.protection == 0) continue;
+            if (_regions[i].protection == 0) continue;
             _images._segments.push_back({_regions[i].start, _regions[i].size(), nameByAccess(_regions[i])});
         }
-        _images._owners.push_back({_regions[executable].path, _images._segments.size()});
+        _images._owners.push_back({_regions[executable].file->path, _images._segments.size()});
         return end;
     }
 

@@ -100,13 +100,11 @@ Tag tagOfNamedAnonymous(const SmapsEntry& entry) {
     return tag != Tag::kNone ? tag : Tag::kNamedAnonymous;
 }
 
-bool isAccessible(const SnapshotRegion& region) { return region.record.protection != 0; }
+bool isAccessible(const SnapshotRegion& region) { return region.protection != 0; }
 
 bool isReadWrite(const SnapshotRegion& region) {
-    return region.record.protection == (SmapsEntry::kRead | SmapsEntry::kWrite);
+    return region.protection == (SmapsEntry::kRead | SmapsEntry::kWrite);
 }
-
-std::uint32_t number(Tag tag) { return static_cast<std::uint32_t>(tag); }
 
 /// Whether the region starts at the alignment of an arena, and the rest of that arena is reserved.
 bool isArena(const SnapshotRegion& region, const SnapshotRegion* next, std::uint64_t arenaSize) {
@@ -120,21 +118,20 @@ bool isArena(const SnapshotRegion& region, const SnapshotRegion* next, std::uint
 /// Whether the region is the zeroed data of a program in which everything is executable: it follows a region
 /// of the file, with the same protection.
 bool continuesDataSegment(const SnapshotRegion& region, const SnapshotRegion* previous) {
-    return previous != nullptr && previous->end == region.start && previous->path.isPresent() &&
-           previous->record.share_mode == kShareModeCopyOnWrite &&
-           previous->record.protection == region.record.protection;
+    return previous != nullptr && previous->end == region.start && previous->file != nullptr &&
+           previous->shareMode() == kShareModeCopyOnWrite && previous->protection == region.protection;
 }
 
 Tag tagOfPlainAnonymous(const SnapshotRegion& region, const SnapshotRegion* previous,
                         const SnapshotRegion* next, bool is64bit) {
     const bool followsDirectly = previous != nullptr && previous->end == region.start;
-    const Tag before = followsDirectly ? static_cast<Tag>(previous->record.user_tag) : Tag::kNone;
+    const Tag before = followsDirectly ? previous->tag : Tag::kNone;
     if (!isAccessible(region)) {
         const bool isRestOfArena = before == Tag::kMallocSmall && previous->isPlainAnonymous;
         return region.size() <= kLargestGuard && !isRestOfArena ? Tag::kGuard : Tag::kReserved;
     }
     if (is64bit && region.start >= kGoHeapStart && region.end <= kGoHeapEnd) return Tag::kGoHeap;
-    if ((region.record.protection & SmapsEntry::kExecute) != 0)
+    if (region.has(SmapsEntry::kExecute))
         return continuesDataSegment(region, previous) ? Tag::kNone : Tag::kExecutableAnonymous;
     if (isArena(region, next, is64bit ? kArenaSize64 : kArenaSize32)) return Tag::kMallocSmall;
     if (isReadWrite(region) && before == Tag::kGuard) return Tag::kStack;
@@ -184,7 +181,7 @@ void findAnonymousKinds(std::span<SnapshotRegion> regions) {
         if (!regions[i].isPlainAnonymous) continue;
         const SnapshotRegion* previous = i > 0 ? &regions[i - 1] : nullptr;
         const SnapshotRegion* next = i + 1 < regions.size() ? &regions[i + 1] : nullptr;
-        regions[i].record.user_tag = number(tagOfPlainAnonymous(regions[i], previous, next, is64bit));
+        regions[i].tag = tagOfPlainAnonymous(regions[i], previous, next, is64bit);
     }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "base/Name.h"
 #include "model/MemoryKinds.h"
@@ -26,35 +27,58 @@ struct RegionPages {
     std::uint32_t lazy = 0;       ///< Of the anonymous ones, free for the system to take back.
 };
 
-/// One region of a snapshot.
+/// A file as a process maps it.
+struct MappedFile {
+    Name path;                 ///< Printable.
+    std::uint64_t device = 0;  ///< As returned by makedev().
+    std::uint64_t inode = 0;
+    std::uint32_t number =
+        0;  ///< Of the file in the run; 0 if device and inode do not show which file it is.
+};
+
+/// One region of a snapshot. A run keeps those of all processes until it has walked them, so they are small.
 struct SnapshotRegion {
     std::uint64_t start = 0;
     std::uint64_t end = 0;
-    RegionInfoRecord record;
-    Name path;                 ///< Of the mapped file, printable; absent for anonymous memory.
-    std::uint64_t device = 0;  ///< Of the mapped file, as returned by makedev().
-    std::uint64_t inode = 0;   ///< Of the mapped file.
-    std::uint32_t fileId = 0;  ///< Number of the mapped file in the run; 0 if there is none.
+    std::uint64_t offset = 0;          ///< Into the file; the start for memory without one.
+    const MappedFile* file = nullptr;  ///< Kept by the snapshot; null for anonymous memory.
+    /// Pages that do not count for the region's own object; kept by the snapshot.
+    std::span<const SharedPages> shared;
     RegionPages pages;
     /// Resident pages that nobody else maps, of those looked at for the region's lineage.
     std::uint32_t exclusive = 0;
     std::uint32_t member = 0;  ///< In the lineages of the run, plus 1; 0 if nothing had to be noted.
+    std::uint32_t objectId = 0;
+    Tag tag = Tag::kNone;
+    std::uint8_t protection = 0;     ///< A sum of SmapsEntry::kRead and its like.
+    std::uint8_t maxProtection = 0;  ///< Likewise.
     FileUse fileUse = FileUse::kNone;
-    bool isPrivate = false;
-    bool isPlainAnonymous = false;  ///< Private, without file or name.
-    bool isHuge = false;            ///< In hugetlbfs.
-    bool isLocked = false;          ///< By mlock() and its like.
-    bool isDevice = false;          ///< Maps memory of a device, which is none of the system's.
-    bool isOnlyFile = false;   ///< Private, and taken to have no page of its own while pages are counted.
-    bool isUncounted = false;  ///< Its pages are counted when their words are read.
-    bool isWritten = false;    ///< Private, and writable now or in the past.
+    bool hasStorage : 1 = false;  ///< Maps a file from whose file system clean pages can be read again.
+    bool isPrivate : 1 = false;
+    bool isPlainAnonymous : 1 = false;  ///< Private, without file or name.
+    bool isHuge : 1 = false;            ///< In hugetlbfs.
+    bool isLocked : 1 = false;          ///< By mlock() and its like.
+    bool isDevice : 1 = false;          ///< Maps memory of a device, which is none of the system's.
+    bool isOnlyFile : 1 = false;   ///< Private, and taken to have no page of its own while pages are counted.
+    bool isUncounted : 1 = false;  ///< Its pages are counted when their words are read.
+    bool isWritten : 1 = false;    ///< Private, and writable now or in the past.
 
-    [[nodiscard]] Tag tag() const { return static_cast<Tag>(record.user_tag); }
+    [[nodiscard]] std::uint64_t size() const { return end - start; }
+    [[nodiscard]] bool has(std::uint8_t access) const { return (protection & access) != 0; }
+    /// Number of the mapped file in the run; 0 if there is none, or it is not known which one.
+    [[nodiscard]] std::uint32_t fileId() const { return file != nullptr ? file->number : 0; }
+    /// Whether its pages are the kernel's, the same ones in every process. Nobody is charged for them.
+    [[nodiscard]] bool isKernels() const {
+        return tag == Tag::kVdso || tag == Tag::kVvar || tag == Tag::kVsyscall;
+    }
     /// Whether the file lives in memory only, so that all of its pages are charged.
-    [[nodiscard]] bool isOfMemoryFile() const { return fileId != 0 && record.external_pager == 0 && !isHuge; }
+    [[nodiscard]] bool isOfMemoryFile() const { return fileId() != 0 && !hasStorage && !isHuge; }
     /// Whether it has pages that are its own and no file's.
     [[nodiscard]] bool hasOwnPages() const { return isPrivate && pages.anonymous + pages.swapped != 0; }
-    [[nodiscard]] std::uint64_t size() const { return end - start; }
+    /// One of the kShareMode constants.
+    [[nodiscard]] std::uint8_t shareMode() const;
+    /// The region as a look-up returns it.
+    [[nodiscard]] RegionInfoRecord record() const;
 };
 
 }  // namespace zorbel
