@@ -61,6 +61,33 @@ TEST(MemoryTest, LazilyFreedPages) {
                              {[&] { region.touch(10, 5); }, {.dirty = 5, .reclaimable = -5}}});
 }
 
+TEST(MemoryTest, LazilyFreedPagesInBreakdownMode) {
+    const Region region(70);
+    const Fixture fixture({[&] { region.touch(0, 70); }, [&] { region.freeLazily(); }});
+    Words arguments = wide({fixture.pid()});
+    arguments.insert(arguments.begin(), "--physZorbel");
+    const Row before = runZorbel(arguments).tableOf(fixture.pid())[kUntagged];
+    fixture.next();
+    const Row after = runZorbel(arguments).tableOf(fixture.pid())[kUntagged];
+    EXPECT_EQ(after, (Row{.dirty = before.dirty - 70, .reclaimable = 70, .regions = before.regions}));
+}
+
+TEST(MemoryTest, GuardsWithinMappingsAreNoMemory) {
+    constexpr int kInstallGuards = 102;  // MADV_GUARD_INSTALL, from Linux 6.13 on.
+    constexpr std::size_t kPages = 200;
+    const std::size_t size = kPages * kPageSize;
+    const auto mapWithGuards = [&](int flags) {
+        void* start = mmap(nullptr, 2 * size, PROT_READ | PROT_WRITE, flags | MAP_ANONYMOUS, -1, 0);
+        return start != MAP_FAILED && madvise(start, size, kInstallGuards) == 0;
+    };
+    if (!mapWithGuards(MAP_PRIVATE)) GTEST_SKIP() << "the kernel has no such guards";
+    expectGrowth(kUntagged, {{[&] { check(mapWithGuards(MAP_PRIVATE), "guards"); }, {.regions = 1}}});
+    expectGrowth(kSharedAnonymous, {{[&] { check(mapWithGuards(MAP_SHARED), "guards"); }, {.regions = 1}}});
+    // The words of a family's pages show them too.
+    const Fixture first({[&] { mapWithGuards(MAP_PRIVATE); }}), second;
+    EXPECT_EQ(measure({first.pid(), second.pid()}).summary()["TOTAL"].swapped, 0);
+}
+
 TEST(MemoryTest, PagesOfFiles) {
     const Region file(40, MAP_SHARED, newFile(40, "/var/tmp"));
     const Region changed(40, MAP_SHARED, newFile(40, "/var/tmp"));
@@ -106,6 +133,27 @@ TEST(MemoryTest, SharedMemoryCountsOnce) {
     EXPECT_EQ(measure({first.pid()}).summary(), Table());
     EXPECT_EQ(ownRow(first, kSharedAnonymous), (Row{.dirty = 30, .regions = 1}));
     EXPECT_EQ(ownRow(second, "memfd"), (Row{.dirty = 23, .regions = 2}));
+}
+
+TEST(MemoryTest, LockedPagesOfSharedObjectsCountOnce) {
+    const Region file(20, MAP_SHARED, newFile(20)), anonymous(40, MAP_SHARED);
+    const Region own(300);
+    own.touch(0, 300);
+    const auto use = [&] { file.touch(0, 20), anonymous.touch(0, 40); };
+    const auto lock = [&] { use(), file.lock(), anonymous.lock(); };
+    // The one that is looked at last may or may not be the one that has locked them.
+    const Fixture locker({lock}), other({use}), both({lock});
+    for (const std::vector<pid_t>& pids :
+         {std::vector{locker.pid(), other.pid()}, {other.pid(), both.pid()}, {locker.pid(), both.pid()}}) {
+        Table summary = measure(pids).summary();
+        EXPECT_EQ(summary["memfd"], (Row{.dirty = 20, .wired = 20, .regions = 2}));
+        EXPECT_EQ(summary[kSharedAnonymous].wired, 40);
+    }
+    // Pages that a child still has in common with the one that has locked them.
+    const Fixture child({[&] { own.lock(); }}), sibling;
+    const Row row = measure({child.pid(), sibling.pid()}).summary()[kUntagged];
+    EXPECT_GE(row.wired, 300);
+    EXPECT_LT(row.wired, 600);
 }
 
 TEST(MemoryTest, CopiedPagesCountForEachProcess) {

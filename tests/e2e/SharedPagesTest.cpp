@@ -65,6 +65,35 @@ TEST(SharedPagesTest, RegionsWithPagesInCommonByWayOfOthersAreOneGroup) {
     EXPECT_EQ(table, (Row{.dirty = 20, .regions = 3}));
 }
 
+TEST(SharedPagesTest, HugePagesThatOnlyTheChildHasSplit) {
+    if (geteuid() != 0 || kPageSize != 4096) GTEST_SKIP() << "needs root and pages of 4 KiB";
+    constexpr std::size_t kHuge = 8;
+    constexpr std::int64_t kPages = kHuge * kHugePageSize / 4096;
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    const Fixture parent({[&] {
+        auto* memory = static_cast<char*>(mmap(nullptr, (kHuge + 1) * kHugePageSize, PROT_READ | PROT_WRITE,
+                                               MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        memory += kHugePageSize - reinterpret_cast<std::uintptr_t>(memory) % kHugePageSize;
+        madvise(memory, kHuge * kHugePageSize, MADV_HUGEPAGE);
+        for (std::size_t i = 0; i < kHuge * kHugePageSize; i += kPageSize) memory[i] = 1;
+        if (fork() == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            // The kernel calls a huge page exclusive if its first page is.
+            for (std::size_t i = 0; i < kHuge; ++i) memory[i * kHugePageSize] = 2;
+            const pid_t self = getpid();
+            if (write(pipe[1], &self, sizeof self) != sizeof self) _exit(1);
+            for (;;) pause();
+        }
+    }});
+    pid_t child = 0;
+    ASSERT_EQ(read(pipe[0], &child, sizeof child), static_cast<ssize_t>(sizeof child));
+    const std::int64_t both = measure({parent.pid(), child}).summary()["TOTAL"].dirty;
+    const std::int64_t one = measure({parent.pid()}).tableOf(parent.pid())["TOTAL"].dirty;
+    EXPECT_GE(one, kPages);
+    EXPECT_NEAR(static_cast<double>(both), static_cast<double>(one), 300);  // Some pages of the C library's.
+}
+
 TEST(SharedPagesTest, OneAddressSpaceCountsOnce) {
     const Fixture fixture({[] {
         static char stack[1 << 16];

@@ -86,7 +86,8 @@ void ZBUserProcess::_setSizes(ZBMemoryRegion& region, const RegionInfoRecord& re
     const bool recalculate = record.external_pager == 0 && _anonymousDirtyRecalculation && !breakDown;
     const std::uint32_t dirtyPages =
         recalculate ? record.pages_resident - record.pages_reusable : record.pages_dirtied;
-    const std::uint32_t cleanPages = record.pages_resident - dirtyPages - record.pages_reusable;
+    const std::uint32_t cleanPages =
+        record.pages_resident - std::min(record.pages_resident, dirtyPages + record.pages_reusable);
     region.setDirtySize(page * dirtyPages);
     region.setReclaimableSize(page * record.pages_reusable);
     region.setSwappedSize(page * record.pages_swapped_out);
@@ -97,21 +98,22 @@ void ZBUserProcess::_setSharedParts(ZBMemoryRegion& region, const RegionInfoReco
     const std::uint64_t page = _pageSize;
     const bool isWired = record.user_wired_count != 0;
     const auto sizes = [&](std::uint64_t resident, std::uint64_t swapped, std::uint64_t reusable,
-                           std::uint64_t clean) {
+                           std::uint64_t clean, std::uint64_t wired) {
         return SizeCounts{.dirty = page * (resident - reusable - clean),
                           .swapped = page * swapped,
                           .clean = page * clean,
                           .reclaimable = page * reusable,
-                          .wired = isWired ? page * resident : 0};
+                          .wired = page * wired};
     };
     std::vector<SharedPart>& parts = _sharedParts.emplace_front();
     parts.reserve(record.shared.size());
     for (const SharedPages& shared : record.shared)
-        parts.push_back({shared.object_id,
-                         sizes(shared.pages_resident, shared.pages_swapped_out, shared.pages_reusable,
-                               shared.pages_clean),
-                         sizes(shared.object_pages_resident, shared.object_pages_swapped_out,
-                               shared.object_pages_reusable, shared.object_pages_clean)});
+        parts.push_back(
+            {shared.object_id,
+             sizes(shared.pages_resident, shared.pages_swapped_out, shared.pages_reusable, shared.pages_clean,
+                   isWired ? shared.pages_resident : 0),
+             sizes(shared.object_pages_resident, shared.object_pages_swapped_out,
+                   shared.object_pages_reusable, shared.object_pages_clean, shared.object_pages_wired)});
     region.setSharedParts(parts);
 }
 

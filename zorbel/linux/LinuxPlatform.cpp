@@ -357,7 +357,9 @@ void LinuxPlatform::_prepareReading() {
     if (const auto statistics = readWholeFile((_root.proc + "/vmstat").c_str(), AT_FDCWD)) {
         const VmStatistics pages = parseVmStatistics(*statistics);
         _hasLazyPages = pages.hasLazyPages;
-        _lazyPages = pages.lazyPages;
+        std::uint64_t locked = 0;
+        for (const Task& task : _tasks) locked += task.status ? task.status->locked / pageSize() : 0;
+        _mostLazyPages = pages.lazyPages + std::min(pages.lockedPages, locked);
     }
 }
 
@@ -370,7 +372,7 @@ SmapsUse LinuxPlatform::_useOfSmaps(const Task& task) const {
     constexpr std::uint64_t kSmallProcess = 64 << 20;
     if (!task.status || task.status->locked != 0) return SmapsUse::kAlways;
     const bool isSmall = _tasks.size() <= kFewTasks && task.status->residentAnonymous <= kSmallProcess;
-    const bool mayHaveLazyPages = _hasLazyPages && (_lazyPages > kUncertainty || isSmall);
+    const bool mayHaveLazyPages = _hasLazyPages && (_mostLazyPages > kUncertainty || isSmall);
     return mayHaveLazyPages ? SmapsUse::kForLazyPages : SmapsUse::kNever;
 }
 
@@ -389,6 +391,7 @@ void LinuxPlatform::readTask(TaskName name) {
     plan.smapsUse = _useOfSmaps(task);
     if (task.status && _pageAccess.countsExactly)
         plan.anonymousPages = task.status->residentAnonymous / pageSize();
+    if (task.status) plan.swappedPages = task.status->swapped / pageSize();
     task.lineages = plan.lineageUse.lineages;
     task.snapshot = std::make_unique<TaskSnapshot>(directory.get(), _services(), plan);
 }

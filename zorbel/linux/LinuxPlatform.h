@@ -157,7 +157,7 @@ class LinuxPlatform : public Platform, private Symbolicator {
     std::optional<Families> _families;  ///< Of the tasks, from the first reading on.
     PageAccess _pageAccess;
     bool _mergesPages = false;              ///< Whether KSM has merged pages of any process.
-    std::uint64_t _lazyPages = 0;           ///< About how many pages of all processes are lazily freed.
+    std::uint64_t _mostLazyPages = 0;       ///< How many pages of all processes may be lazily freed.
     bool _hasLazyPages = false;             ///< Whether any page ever was.
     std::vector<std::int32_t> _listedPids;  ///< Ascending. All are processes, not threads.
     /// By pid, from the records of processes.

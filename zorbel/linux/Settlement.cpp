@@ -18,13 +18,17 @@ class Settlement {
   public:
     explicit Settlement(const SnapshotServices& services) : _services(services) {}
 
-    /// Adds up the pages of lineages.
-    void countLineages(const ReadTask& task) {
+    /// Adds up the pages of lineages, and notes what is locked.
+    void survey(const ReadTask& task) {
         for (const SnapshotRegion& region : task.snapshot->regions()) {
+            if (region.isLocked && region.fileId() != 0)
+                _lockedRanges[region.fileId()].push_back({region.offset, region.offset + region.size()});
             if (region.member == 0) continue;
+            const SharedPages part = partOf(region, task);
             Lineage& lineage = _lineages[lineageOf(region, task)];
             lineage.pages += task.lineages->sharedThrough(region.member - 1);
-            lineage.lazy = std::max<std::uint64_t>(lineage.lazy, partOf(region, task).pages_reusable);
+            lineage.lazy = std::max<std::uint64_t>(lineage.lazy, part.pages_reusable);
+            if (region.isLocked) lineage.wired = std::max<std::uint64_t>(lineage.wired, part.pages_resident);
         }
     }
 
@@ -56,21 +60,22 @@ class Settlement {
             own.pages_reusable = std::min(own.pages_reusable, own.pages_resident);
             own.object_pages_swapped_out = own.pages_swapped_out;
             own.object_pages_reusable = own.pages_reusable;
+            own.object_pages_wired = region.isLocked ? own.pages_resident : 0;
             parts.push_back(own);
             region.shared = first.snapshot->keep(parts);
         }
-        other.snapshot->regions() = first.snapshot->regions();
-        for (SnapshotRegion& region : other.snapshot->regions())
-            if (!region.shared.empty()) region.shared = other.snapshot->keep(region.shared);
+        other.snapshot->takeRegionsOf(*first.snapshot);
     }
 
   private:
     using LineageKey = std::pair<const Lineages*, Lineages::Member>;
     struct Lineage {
         HeldPages pages;
-        std::uint64_t lazy = 0;
+        std::uint64_t lazy = 0;   // The most that a member has: which pages they are is not known.
+        std::uint64_t wired = 0;  // Likewise; a lock is not inherited, so mostly one member has one.
         std::uint32_t id = 0;
     };
+    using Range = std::pair<std::uint64_t, std::uint64_t>;
 
     static bool isCommon(const SnapshotRegion& region) {
         return std::ranges::any_of(
@@ -110,6 +115,7 @@ class Settlement {
             part.object_pages_resident = lineage.pages.resident;
             part.object_pages_swapped_out = lineage.pages.swapped;
             part.object_pages_reusable = std::min(lineage.lazy, lineage.pages.resident);
+            part.object_pages_wired = std::min(lineage.wired, lineage.pages.resident);
         }
         _parts.push_back(part);
     }
@@ -118,6 +124,24 @@ class Settlement {
     std::pair<std::optional<FilePages>, std::optional<FilePages>> pagesOfFile(const SnapshotRegion& region) {
         SharedFiles& files = _services.sharedFiles;
         return {files.pagesIn(region.fileId(), region.offset, region.size()), files.pagesOf(region.fileId())};
+    }
+
+    /// Pages of a file in the ranges that any task has locked.
+    std::uint64_t lockedPagesOf(std::uint32_t fileId, std::uint64_t FilePages::*kind) {
+        const auto found = _lockedRanges.find(fileId);
+        if (found == _lockedRanges.end()) return 0;
+        std::vector<Range>& ranges = found->second;
+        std::ranges::sort(ranges);
+        std::uint64_t locked = 0;
+        std::uint64_t end = 0;
+        for (const Range& range : ranges) {
+            const std::uint64_t start = std::max(range.first, end);
+            end = std::max(end, range.second);
+            if (start >= end) continue;
+            if (const auto pages = _services.sharedFiles.pagesIn(fileId, start, end - start))
+                locked += (*pages).*kind;
+        }
+        return locked;
     }
 
     /// All pages of the file in the mapped ranges are charged, no matter which process has touched them.
@@ -131,7 +155,8 @@ class Settlement {
         const auto swapped = pages32(std::min(inRegion->swapped, room - resident));
         region.pages.file = resident;
         region.pages.fileSwapped = swapped;
-        _parts.push_back({idOfFile(region.fileId()), resident, swapped, 0, total->cached, total->swapped, 0});
+        _parts.push_back({idOfFile(region.fileId()), resident, swapped, 0, total->cached, total->swapped, 0,
+                          lockedPagesOf(region.fileId(), &FilePages::cached)});
     }
 
     /// Dirty pages of a file on disk, also those that nobody here has touched.
@@ -141,12 +166,15 @@ class Settlement {
         const auto dirty = pages32(std::min(inRegion->dirty, region.size() / pageSize()));
         region.pages.fileDirty = dirty;
         region.pages.file = std::max(region.pages.file, dirty);
-        if (dirty != 0) _parts.push_back({region.objectId, dirty, 0, 0, total->dirty, 0, 0});
+        if (dirty != 0)
+            _parts.push_back({region.objectId, dirty, 0, 0, total->dirty, 0, 0,
+                              lockedPagesOf(region.fileId(), &FilePages::dirty)});
     }
 
     const SnapshotServices& _services;
     boost::unordered_flat_map<LineageKey, Lineage> _lineages;
     boost::unordered_flat_map<std::uint32_t, std::uint32_t> _fileIds;
+    boost::unordered_flat_map<std::uint32_t, std::vector<Range>> _lockedRanges;  // Of files, by number.
     boost::container::small_vector<SharedPages, 2> _parts;
 };
 
@@ -155,7 +183,7 @@ class Settlement {
 void settle(std::vector<ReadTask>& tasks, const SnapshotServices& services) {
     Settlement settlement(services);
     for (const ReadTask& task : tasks)
-        if (task.snapshot != nullptr && task.lineages != nullptr) settlement.countLineages(task);
+        if (task.snapshot != nullptr) settlement.survey(task);
     for (std::size_t i = 0; i < tasks.size(); ++i)
         if (tasks[i].snapshot != nullptr && tasks[i].firstOfAddressSpace == i) settlement.settle(tasks[i]);
     for (std::size_t i = 0; i < tasks.size(); ++i) {

@@ -179,7 +179,7 @@ void TaskSnapshot::_lookAtFile(const SmapsEntry& entry, int processDirectory) {
     }
     const bool isOther = _file.mapped == nullptr || identity != _file.identity;
     if (!isOther && entry.path == _file.rawPath) return;
-    MappedFile& mapped = _files.emplace_front();
+    MappedFile& mapped = _files->emplace_front();
     mapped = {Name(printable(entry.path, kLongestPath)), entry.device, entry.inode, 0};
     if (isOther) {
         _file.identity = identity;
@@ -197,6 +197,13 @@ FileSystems::Kind TaskSnapshot::_kindOfFileSystem(const SmapsEntry& entry, int p
     _knowsMounts = true;
     _services.fileSystems.addMountsOf(processDirectory);
     return _services.fileSystems.kindOf(entry.device);
+}
+
+void TaskSnapshot::takeRegionsOf(const TaskSnapshot& other) {
+    _regions = other._regions;
+    _files = other._files;
+    for (SnapshotRegion& region : _regions)
+        if (!region.shared.empty()) region.shared = keep(region.shared);
 }
 
 const SnapshotRegion* TaskSnapshot::regionAtOrAfter(std::uint64_t address) const {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <forward_list>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -58,6 +59,8 @@ struct ReadingPlan {
     /// Resident pages that are no file's, all regions together, as far as known; huge pages of hugetlbfs left
     /// out.
     std::optional<std::uint64_t> anonymousPages;
+    /// Private pages in swap, as far as known.
+    std::optional<std::uint64_t> swappedPages;
 };
 
 /// The regions and images of a process. Regions are disjoint and in ascending order.
@@ -74,6 +77,8 @@ class TaskSnapshot {
     [[nodiscard]] std::vector<SnapshotRegion>& regions() { return _regions; }
     /// Keeps shared pages for the regions.
     std::span<const SharedPages> keep(std::span<const SharedPages> shared);
+    /// Takes the regions of another snapshot, which shows the same address space.
+    void takeRegionsOf(const TaskSnapshot& other);
 
     /// The first region that ends above the address, or null.
     [[nodiscard]] const SnapshotRegion* regionAtOrAfter(std::uint64_t address) const;
@@ -103,6 +108,7 @@ class TaskSnapshot {
     // In TaskSnapshotPages.cpp.
     /// Counts the pages of all regions. 0 or an errno.
     int _countAllPages(const ReadingPlan& plan);
+    int _recountSwapped(const ReadingPlan& plan);
     /// Counts the pages of regions that follow each other. Large anonymous ones are left out where the words
     /// of their pages are read later. 0 or an errno.
     int _countPages(std::span<SnapshotRegion> counted, bool readsWords);
@@ -126,7 +132,8 @@ class TaskSnapshot {
                              ///< its memory.
     std::optional<PageTables> _tables;  ///< While it is read.
     std::vector<SnapshotRegion> _regions;
-    std::forward_list<MappedFile> _files;  ///< Lent to the regions.
+    /// Lent to the regions; also of a snapshot that has taken them over.
+    std::shared_ptr<std::forward_list<MappedFile>> _files = std::make_shared<std::forward_list<MappedFile>>();
     LoadedImages _images;
     std::forward_list<std::vector<SharedPages>> _shared;  ///< Lent to the regions.
     KernReturn _codeAtEnd = kKernInvalidAddress;

@@ -63,6 +63,13 @@ std::uint64_t anonymousPagesOf(std::span<const SnapshotRegion> regions) {
     return pages;
 }
 
+/// Private pages that are in swap, or look like that.
+std::uint64_t swappedPagesOf(std::span<const SnapshotRegion> regions) {
+    std::uint64_t pages = 0;
+    for (const SnapshotRegion& region : regions) pages += region.pages.swapped;
+    return pages;
+}
+
 using Regions = std::span<SnapshotRegion>;
 
 /// The end of the regions at the beginning that need the same detail, and are all private or all shared.
@@ -92,8 +99,8 @@ std::uint64_t sizeOf(Regions regions) {
 void add(const PageRun& run, PageTables::Detail detail, std::uint32_t pages, SnapshotRegion& region) {
     if (region.tag == Tag::kVvar) return;  // Present, but of no use to count: no memory of the system's.
     const bool isFile = run.isFile || (detail == PageTables::Detail::kPlace && !isAnonymous(region));
-    if (!run.isPresent)
-        region.pages.swapped += pages;
+    if (!run.isPresent)  // Shared pages in swap don't show; what looks like them is a mark of the kernel's.
+        region.pages.swapped += region.isPrivate ? pages : 0;
     else if (isFile)
         region.pages.file += pages;
     else if (region.isPrivate)
@@ -129,10 +136,33 @@ int TaskSnapshot::_countAllPages(const ReadingPlan& plan) {
     const bool readsWords = plan.lineageUse.lineages != nullptr;
     const bool mayVerify = plan.anonymousPages && !readsWords;
     if (mayVerify) markOnlyFiles(_regions);
-    const int error = _countPages(_regions, readsWords);
-    if (error != 0 || !mayVerify || anonymousPagesOf(_regions) == *plan.anonymousPages) return error;
-    for (SnapshotRegion& region : _regions) region.isOnlyFile = false;
-    return _countPages(_regions, readsWords);
+    int error = _countPages(_regions, readsWords);
+    if (error == 0 && mayVerify && anonymousPagesOf(_regions) != *plan.anonymousPages) {
+        for (SnapshotRegion& region : _regions) region.isOnlyFile = false;
+        error = _countPages(_regions, readsWords);
+    }
+    if (error == 0 && swappedPagesOf(_regions) != plan.swappedPages) error = _recountSwapped(plan);
+    return error;
+}
+
+// Guards and other marks of the kernel's look like pages in swap to the scan; their words show the
+// difference.
+int TaskSnapshot::_recountSwapped(const ReadingPlan& plan) {
+    for (SnapshotRegion& region : _regions) {
+        if (region.pages.swapped == 0) continue;
+        region.pages.swapped = 0;
+        if (plan.swappedPages == 0U) continue;
+        int error = 0;
+        const int scanError = _tables->forEachRun(
+            region.start, region.end, PageTables::Detail::kPlace, [&](const PageRun& run) {
+                if (run.isPresent || error != 0) return;
+                error = _tables->forEachWord(run.start, run.end, [&](std::uint64_t, auto words) {
+                    for (const std::uint64_t word : words) region.pages.swapped += PageWord(word).isSwapped();
+                });
+            });
+        if (error != 0 || scanError != 0) return error != 0 ? error : scanError;
+    }
+    return 0;
 }
 
 // Pages of files cost the kernel a look at each page, so large stretches that have none are scanned apart.
@@ -260,7 +290,7 @@ void TaskSnapshot::_notePagesOf(SnapshotRegion& region, const LineageUse& use) {
             pages.anonymous += count;
             if (use.swapCache != nullptr && count == 1 && _services.frameFlags.isInSwapCache(frame)) {
                 use.swapCache->noteFrame(member, page, frame);
-            } else if (word.isExclusive()) {
+            } else if (word.isExclusive() && !(use.seesFrames && _tables->mayBeOfHugePage(page, word))) {
                 region.exclusive += count;
             } else {
                 if (frame != firstFrame + frames) noteFrames();

@@ -73,6 +73,7 @@ struct SharedPages {
     std::uint64_t object_pages_resident = 0;
     std::uint64_t object_pages_swapped_out = 0;
     std::uint64_t object_pages_reusable = 0;
+    std::uint64_t object_pages_wired = 0;
     // Of the resident ones: those that can be read again from a file. Only saved graphs have such parts.
     std::uint32_t pages_clean = 0;
     std::uint64_t object_pages_clean = 0;

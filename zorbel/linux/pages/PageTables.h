@@ -30,23 +30,29 @@ class PageWord {
     explicit PageWord(std::uint64_t word) : _word(word) {}
 
     [[nodiscard]] bool isPresent() const { return (_word >> 63 & 1) != 0; }
-    [[nodiscard]] bool isSwapped() const { return (_word >> 62 & 1) != 0; }
+    /// Whether the page is in swap. The kernel has entries of its own that look like that: marks, such as
+    /// those of guards within a mapping, and pages that it is moving or has lost. Guards show without the
+    /// right to see places, from Linux 6.15 on, the others by their place only.
+    [[nodiscard]] bool isSwapped() const {
+        return (_word >> 62 & 1) != 0 && (_word >> 58 & 1) == 0 && _area() < kMostAreas;
+    }
     [[nodiscard]] bool isFile() const { return (_word >> 61 & 1) != 0; }
     /// Whether nobody else maps the page. That it is not exclusive proves nothing: for large folios it is an
-    /// estimate.
+    /// estimate. Nor does the opposite where the page is part of a huge one: the kernel then looks at the
+    /// first page only, and others of it may be mapped elsewhere.
     [[nodiscard]] bool isExclusive() const { return (_word >> 56 & 1) != 0; }
     /// Number of the frame of a present page; 0 without the right to see it.
     [[nodiscard]] std::uint64_t frame() const { return _word & kPlace; }
     /// Identifies the slot of a page in swap; 0 without the right to see it.
-    [[nodiscard]] std::uint64_t slot() const {
-        constexpr unsigned kTypeBits = 5;
-        const std::uint64_t place = _word & kPlace;
-        const std::uint64_t area = place & ((1U << kTypeBits) - 1);
-        return place >> kTypeBits | area << 32;
-    }
+    [[nodiscard]] std::uint64_t slot() const { return frame() >> kAreaBits | _area() << 32; }
 
   private:
     static constexpr std::uint64_t kPlace = (std::uint64_t{1} << 55) - 1;
+    static constexpr unsigned kAreaBits = 5;
+    /// Of swap. Higher numbers are entries of the kernel's own.
+    static constexpr std::uint64_t kMostAreas = 23;
+
+    [[nodiscard]] std::uint64_t _area() const { return _word & ((1U << kAreaBits) - 1); }
 
     std::uint64_t _word;
 };
@@ -72,7 +78,8 @@ struct PageAccess {
 /// The page tables of a process.
 ///
 /// The kernel holds the lock of an address space while it looks at its page tables, and whatever maps or
-/// unmaps memory there waits. So no call here looks at more than kMostPagesOfCall pages. Page tables whose
+/// unmaps memory there waits. So no call here looks at more than kMostPagesOfCall pages, or a quarter of that
+/// where it takes a look at each page itself. Page tables whose
 /// pages were all given back are work too, 2 ns a page, and do not show before they are looked at: so a call
 /// reaches only as far as kNearReach, and each one that returns at once lets the next reach twice as far, up
 /// to kFarReach. A mapping of terabytes without any page tables is then some hundreds of calls. After
@@ -116,6 +123,10 @@ class PageTables {
     /// Whether the address space still exists. Otherwise its page tables may have shown nothing.
     [[nodiscard]] bool isAlive();
 
+    /// Whether a page may be part of one that is mapped as a huge page, given its number in the address
+    /// space: both are at the same place within one.
+    [[nodiscard]] bool mayBeOfHugePage(std::uint64_t page, PageWord word) const;
+
     /// Whether a page only shows the kernel's page of zeros.
     [[nodiscard]] bool isZeroPage(PageWord word) const {
         return word.isPresent() && _access.seesFrames() && word.frame() == _access.zeroFrame;
@@ -140,6 +151,7 @@ class PageTables {
 
     FileDescriptor _file;
     PageAccess _access;
+    bool _wasQuick = false;             ///< Whether the last call returned at once.
     std::uint64_t _reach = kNearReach;  ///< Of the next call, in bytes.
     std::chrono::steady_clock::time_point _turnBegan;
 };

@@ -21,7 +21,7 @@ RegionInfoRecord SnapshotRegion::record() const {
     record.offset = offset;
     record.user_tag = static_cast<std::uint32_t>(tag);
     record.pages_resident = isKernels() ? pages.anonymous : pages.anonymous + pages.file;
-    record.pages_dirtied = !hasStorage ? record.pages_resident
+    record.pages_dirtied = !hasStorage ? record.pages_resident - std::min(pages.lazy, record.pages_resident)
                            : isPrivate ? pages.anonymous - pages.lazy
                                        : std::min(pages.fileDirty, pages.file);
     record.pages_reusable = pages.lazy;

@@ -18,6 +18,7 @@ VmStatistics parseVmStatistics(std::string_view text) {
             listed += value;
         if (name == "nr_file_pages") cached = value;
         if (name == "nr_shmem" || name == "nr_swapcached") notListed += value;
+        if (name == "nr_mlock") result.lockedPages = value;
         if (name == "pglazyfree") result.hasLazyPages = value != 0;
     }
     if (listed + notListed > cached) result.lazyPages = listed + notListed - cached;
