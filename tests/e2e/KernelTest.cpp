@@ -1,7 +1,9 @@
 // The kernel of this machine as a target.
 
 #include <gmock/gmock.h>
+#include <linux/bpf.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -66,6 +68,27 @@ TEST_F(KernelTest, ZoneFollowsItsObjects) {
         after = dentries();
     }
     EXPECT_THAT(after - full, Le(-kPages));
+}
+
+TEST_F(KernelTest, MappedBpfArrayCountsForItsProcessesOnce) {
+    constexpr std::uint32_t kPages = 200;
+    bpf_attr attributes{};
+    attributes.map_type = BPF_MAP_TYPE_ARRAY;
+    attributes.key_size = sizeof(std::uint32_t);
+    attributes.value_size = static_cast<std::uint32_t>(kPageSize);
+    attributes.max_entries = kPages;
+    attributes.map_flags = BPF_F_MMAPABLE;
+    const auto map = static_cast<int>(syscall(SYS_bpf, BPF_MAP_CREATE, &attributes, sizeof attributes));
+    if (map < 0) GTEST_SKIP() << "no BPF map can be made";
+    const Region region(kPages, MAP_SHARED, map);
+    const auto touch = [&] { region.touch(0, kPages); };
+    const Fixture first({touch}), second({touch});
+    const auto ofKernel = [](const Outcome& outcome) { return outcome.tableOf(0)["array_map_alloc"].dirty; };
+    const std::int64_t alone = ofKernel(measure({0}));
+    EXPECT_GE(alone, kPages);
+    const Outcome all = measure({0, first.pid(), second.pid()});
+    EXPECT_EQ(ofKernel(all), alone - kPages);
+    EXPECT_EQ(all.summary()["BPF map"], (Row{.dirty = kPages, .regions = 2}));
 }
 
 TEST_F(KernelTest, AcceptsAllWaysToSelectTheKernel) {

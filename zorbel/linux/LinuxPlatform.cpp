@@ -406,6 +406,7 @@ void LinuxPlatform::settleTasks() {
         tasks.push_back({task.snapshot.get(), first, task.lineages});
     }
     settle(tasks, _services());
+    _kernelPagesOfTasks = mappedKernelPages(tasks);
 }
 
 void LinuxPlatform::forgetTask(TaskName task) {
@@ -466,7 +467,7 @@ Name LinuxPlatform::proc_regionfilename(TaskName task, std::uint64_t address) {
 KernReturn LinuxPlatform::mach_memory_info(KernelMemoryAccount& account) {
     const auto texts = readKernelTexts(_root);
     if (!texts) return kernReturnFromErrno(texts.error().code);
-    _kernelMemory = std::make_unique<KernelMemory>(*texts, pageSize());
+    _kernelMemory = std::make_unique<KernelMemory>(*texts, pageSize(), _kernelPagesOfTasks * pageSize());
     account = _kernelMemory->account();
     return kKernSuccess;
 }

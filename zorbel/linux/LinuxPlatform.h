@@ -163,6 +163,7 @@ class LinuxPlatform : public Platform, private Symbolicator {
     /// By pid, from the records of processes.
     std::unordered_map<std::int32_t, std::uint64_t> _stackStarts;
     std::unordered_map<std::int32_t, ProcessAhead> _ahead;  ///< By pid, until they are opened.
+    std::uint64_t _kernelPagesOfTasks = 0;                  ///< Of the kernel's memory, those that tasks map.
     std::unique_ptr<KernelMemory> _kernelMemory;            ///< Null until mach_memory_info is called.
     /// Grows only while processes are opened, before any of them is read.
     std::deque<Task> _tasks;

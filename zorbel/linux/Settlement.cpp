@@ -196,4 +196,19 @@ void settle(std::vector<ReadTask>& tasks, const SnapshotServices& services) {
     }
 }
 
+std::uint64_t mappedKernelPages(const std::vector<ReadTask>& tasks) {
+    boost::unordered_flat_map<std::uint32_t, std::uint32_t> maps;  // By object id.
+    for (const ReadTask& task : tasks) {
+        if (task.snapshot == nullptr) continue;
+        for (const SnapshotRegion& region : task.snapshot->regions()) {
+            if (region.tag != Tag::kBpfMap) continue;
+            std::uint32_t& pages = maps[region.objectId];
+            pages = std::max(pages, region.pages.file);
+        }
+    }
+    std::uint64_t sum = 0;
+    for (const auto& [id, pages] : maps) sum += pages;
+    return sum;
+}
+
 }  // namespace zorbel

@@ -22,4 +22,8 @@ struct ReadTask {
 /// the number of regions, and what the kernel takes to count the pages of mapped files.
 void settle(std::vector<ReadTask>& tasks, const SnapshotServices& services);
 
+/// How many pages of the kernel's own areas the tasks map: those of BPF arrays. Each map counts once, as far
+/// as it is known which one a region maps. When settled.
+std::uint64_t mappedKernelPages(const std::vector<ReadTask>& tasks);
+
 }  // namespace zorbel

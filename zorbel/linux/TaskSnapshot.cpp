@@ -75,6 +75,7 @@ TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& service
     const bool needsSmaps = !_noteFiles(memoryDirectory) || plan.smapsUse == SmapsUse::kAlways ||
                             (plan.smapsUse == SmapsUse::kForLazyPages && _mayHaveLazyPages());
     if (_services.pageAccess.mayScan && needsSmaps) _readDetails(memoryDirectory);
+    _identifyByFrames();
     for (SnapshotRegion& region : _regions) region.isWritten = region.isWritten || region.hasOwnPages();
     _findImages(processDirectory);
     _recountSplitRegions();
@@ -172,7 +173,7 @@ void TaskSnapshot::_addEntry(const SmapsEntry& entry, int processDirectory) {
 }
 
 void TaskSnapshot::_lookAtFile(const SmapsEntry& entry, int processDirectory) {
-    FileIdentity identity = {entry.device, entry.inode, 0};
+    FileIdentity identity = {entry.device, entry.inode};
     if (entry.path.starts_with("/SYSV")) {
         struct stat ipc {};
         if (fstatat(processDirectory, "ns/ipc", &ipc, 0) == 0) identity.ipcNamespace = ipc.st_ino;

@@ -117,6 +117,8 @@ class TaskSnapshot {
     void _readDetails(int processDirectory);
     /// False where the dirty pages of a file on disk can't be counted in the file: smaps shows them.
     bool _noteFiles(int processDirectory);
+    /// Objects of the kernel that share one inode are told apart by the frame of their first page.
+    void _identifyByFrames();
     void _notePages(const LineageUse& use);
     void _notePagesOf(SnapshotRegion& region, const LineageUse& use);
     /// Memory of devices shows by its pages only.

@@ -259,6 +259,20 @@ bool TaskSnapshot::_noteFiles(int processDirectory) {
     return isKnown;
 }
 
+void TaskSnapshot::_identifyByFrames() {
+    if (!_services.pageAccess.seesFrames()) return;
+    for (SnapshotRegion& region : _regions) {
+        if (region.tag != Tag::kBpfMap || region.fileId() != 0 || region.pages.file == 0) continue;
+        PageWord first(0);
+        _tables->forEachWord(region.start, region.start + pageSize(),
+                             [&](std::uint64_t, auto words) { first = PageWord(words[0]); });
+        if (!first.isPresent() || first.frame() == 0) continue;
+        MappedFile& mapped = _files->emplace_front(*region.file);
+        mapped.number = _services.objectIds.numberOfFile({.firstFrame = first.frame()});
+        region.file = &mapped;
+    }
+}
+
 void TaskSnapshot::_notePages(const LineageUse& use) {
     if (use.lineages == nullptr) return;
     if (!_tables->isOpen()) {

@@ -65,5 +65,20 @@ TEST(KernelMemoryTest, NumbersDoNotCollideWithLockedMemory) {
     EXPECT_EQ(std::ranges::count_if(memory.account().memory, isSite24), 1);  // The locked memory itself.
 }
 
+TEST(KernelMemoryTest, AreasThatTargetsMapCountForThem) {
+    KernelTexts texts;
+    texts.vmallocinfo =
+        "0x1-0x2 20480 array_map_alloc+0x1/0x2 pages=4 vmalloc user vpages N0=4\n"
+        "0x3-0x4 12288 array_map_alloc+0x1/0x2 pages=2 vmalloc N0=2\n";
+    for (const auto& [mapped, left] : {std::pair(0, 6), {3, 3}, {4, 2}, {9, 2}}) {
+        const KernelMemory memory(texts, 4096, static_cast<std::uint64_t>(mapped) * 4096);
+        const auto site = std::ranges::find_if(memory.account().memory, [&](const MemoryInfoRecord& record) {
+            return memory.symbolOfSite(record.site) == "array_map_alloc";
+        });
+        ASSERT_NE(site, memory.account().memory.end());
+        EXPECT_EQ(site->size, static_cast<std::uint64_t>(left) * 4096) << mapped;
+    }
+}
+
 }  // namespace
 }  // namespace zorbel::test

@@ -72,10 +72,10 @@ std::uint64_t sizeIn(std::string_view meminfo, const std::string& item) {
 
 }  // namespace
 
-KernelMemory::KernelMemory(const KernelTexts& texts, std::uint64_t pageSize) {
+KernelMemory::KernelMemory(const KernelTexts& texts, std::uint64_t pageSize, std::uint64_t mappedByTargets) {
     _addZones(texts.slabinfo, pageSize);
     _addModules(texts.modules);
-    _addFunctions(texts.vmallocinfo, pageSize);
+    _addFunctions(texts.vmallocinfo, pageSize, mappedByTargets);
     _findSources(texts.allocinfo);
     _addTags(texts);
     _addCounters(texts, pageSize);
@@ -134,11 +134,18 @@ void KernelMemory::_addModules(std::string_view modules) {
 
 /// Line format: "start-end size function+offset/length [module] pages=n ...". An area without pages only maps
 /// memory that is counted elsewhere.
-void KernelMemory::_addFunctions(std::string_view vmallocinfo, std::uint64_t pageSize) {
+/// "user" marks an area that processes may map.
+void KernelMemory::_addFunctions(std::string_view vmallocinfo, std::uint64_t pageSize,
+                                 std::uint64_t mappedByTargets) {
     std::map<std::string_view, std::uint64_t> sizes;
     while (!vmallocinfo.empty()) {
         std::string_view line = takeLine(vmallocinfo);
-        const std::uint64_t size = numberBehind(line, " pages=").value_or(0) * pageSize;
+        std::uint64_t size = numberBehind(line, " pages=").value_or(0) * pageSize;
+        if (line.find(" user") != std::string_view::npos) {
+            const std::uint64_t mapped = std::min(size, mappedByTargets);
+            size -= mapped;
+            mappedByTargets -= mapped;
+        }
         takeWord(line);
         takeWord(line);
         const std::string_view caller = takeWord(line);

@@ -36,7 +36,8 @@ Result<KernelTexts> readKernelTexts(const SystemRoot& root);
 /// zones include all memory of the slab allocator, so its total is hidden.
 class KernelMemory {
   public:
-    KernelMemory(const KernelTexts& texts, std::uint64_t pageSize);
+    /// Areas that processes map, such as BPF arrays, count for those: so many bytes of them are left out.
+    KernelMemory(const KernelTexts& texts, std::uint64_t pageSize, std::uint64_t mappedByTargets = 0);
 
     [[nodiscard]] KernelMemoryAccount account() const { return {_zoneNames, _zones, _records}; }
     /// Frees the array of the account that begins at this address. False if there is none.
@@ -56,7 +57,7 @@ class KernelMemory {
 
     void _addZones(std::string_view slabinfo, std::uint64_t pageSize);
     void _addModules(std::string_view modules);
-    void _addFunctions(std::string_view vmallocinfo, std::uint64_t pageSize);
+    void _addFunctions(std::string_view vmallocinfo, std::uint64_t pageSize, std::uint64_t mappedByTargets);
     void _findSources(std::string_view allocinfo);
     void _addTags(const KernelTexts& texts);
     void _addCounters(const KernelTexts& texts, std::uint64_t pageSize);

@@ -14,14 +14,14 @@ std::size_t hash_value(const FileIdentity& file) {
     boost::hash_combine(seed, file.device);
     boost::hash_combine(seed, file.inode);
     boost::hash_combine(seed, file.ipcNamespace);
+    boost::hash_combine(seed, file.firstFrame);
     return seed;
 }
 
 ObjectIds::ObjectIds() {
     const FileDescriptor probe(eventfd(0, EFD_CLOEXEC));  // Uses that inode too.
     struct stat status {};
-    if (probe.isOpen() && fstat(probe.get(), &status) == 0)
-        _anonymousInode = {status.st_dev, status.st_ino, 0};
+    if (probe.isOpen() && fstat(probe.get(), &status) == 0) _anonymousInode = {status.st_dev, status.st_ino};
 }
 
 std::uint32_t ObjectIds::numberOfFile(const FileIdentity& file) {

@@ -17,6 +17,8 @@ struct FileIdentity {
     /// The IPC namespace of a SysV segment, 0 for anything else. The inode number of a segment is its
     /// identifier. Another namespace, or another memory file on the same device, may have the same number.
     std::uint64_t ipcNamespace = 0;
+    /// Of something that is no file of its own, the frame of the first page that is mapped; 0 for a file.
+    std::uint64_t firstFrame = 0;
 
     friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
     friend std::size_t hash_value(const FileIdentity& file);
