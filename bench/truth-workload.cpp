@@ -222,6 +222,15 @@ void thpSplit() {  // 128 + 4 * 64 pages = 129 MiB
     });
 }
 
+void thpSplitByChild() {  // 128 MiB + 64 pages
+    needHugePages();
+    start([] {
+        const Area area = hugePages(128 * kMiB);
+        area.write();
+        start([&] { splitEach(area, 0); });
+    });
+}
+
 void thpSplitSwapped() {  // 128 + 3 * 64 pages = 128.75 MiB
     needHugePages();
     needSwap();
@@ -410,6 +419,7 @@ constexpr Workload kWorkloads[] = {
     {"chain6", 7, chain6},
     {"rewrite", 9, rewrite},
     {"thp-split", 4, thpSplit},
+    {"thp-split-child", 2, thpSplitByChild},
     {"thp-split-zram", 4, thpSplitSwapped},
     {"fork-swap", 5, forkSwap},
     {"memfd-quarters", 4, memfdQuarters},
