@@ -86,8 +86,7 @@ void ZBUserProcess::_setSizes(ZBMemoryRegion& region, const RegionInfoRecord& re
     const bool recalculate = record.external_pager == 0 && _anonymousDirtyRecalculation && !breakDown;
     const std::uint32_t dirtyPages =
         recalculate ? record.pages_resident - record.pages_reusable : record.pages_dirtied;
-    const std::uint32_t cleanPages =
-        record.pages_resident - std::min(record.pages_resident, dirtyPages + record.pages_reusable);
+    const std::uint32_t cleanPages = record.pages_resident - dirtyPages - record.pages_reusable;
     region.setDirtySize(page * dirtyPages);
     region.setReclaimableSize(page * record.pages_reusable);
     region.setSwappedSize(page * record.pages_swapped_out);
