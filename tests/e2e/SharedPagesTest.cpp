@@ -1,12 +1,19 @@
 // Memory that several processes have in common counts once, page by page.
 
 #include <gmock/gmock.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
+#include <cstddef>
 #include <fstream>
+#include <thread>
 
 #include "e2e/Program.h"
 #include "fixtures/Fixture.h"
@@ -18,6 +25,61 @@ using namespace testing;
 
 /// Private copies of pages of a file on disk, which nothing else has this name for.
 constexpr const char* kCopied = "mapped file";
+
+/// Through which processes tell the test their numbers.
+class PidPipe {
+  public:
+    PidPipe() { check(pipe(_ends.data()) == 0, "pipe"); }
+    PidPipe(const PidPipe&) = delete;
+    ~PidPipe() {
+        for (const int end : _ends) close(end);
+    }
+    void send(pid_t pid) const { check(write(_ends[1], &pid, sizeof pid) == sizeof pid, "write"); }
+    [[nodiscard]] pid_t receive() const {
+        pid_t pid = 0;
+        check(read(_ends[0], &pid, sizeof pid) == sizeof pid, "read");
+        return pid;
+    }
+
+  private:
+    std::array<int, 2> _ends{};
+};
+
+/// Ends the first thread of this process. Another one stops the process once that is done, and goes on.
+void endFirstThread() {
+    std::thread([first = pthread_self()] {
+        pthread_join(first, nullptr);
+        for (;;) kill(getpid(), SIGSTOP);
+    }).detach();
+    syscall(SYS_exit, 0);
+}
+
+/// Starts a process that uses the address space of this one, and returns its number. It outlives this one if
+/// it is to.
+pid_t shareAddressSpace(bool outlives = false) {
+    static std::array<char, 1 << 16> stack;
+    const auto sleep = [](void* isBound) -> int {
+        if (isBound != nullptr) prctl(PR_SET_PDEATHSIG, SIGKILL);
+        for (;;) pause();
+    };
+    const pid_t pid = clone(sleep, stack.data() + stack.size(), CLONE_VM, outlives ? nullptr : stack.data());
+    check(pid > 0, "clone");
+    return pid;
+}
+
+/// Fails all comparisons of processes that this thread asks for, and the programs that it starts from now on.
+void forbidComparing() {
+    sock_filter code[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_kcmp, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program = {std::size(code), code};
+    check(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+              prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0,
+          "seccomp");
+}
 
 TEST(SharedPagesTest, ForkedMemoryCountsOnce) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root";
@@ -43,21 +105,18 @@ TEST(SharedPagesTest, RegionsWithPagesInCommonByWayOfOthersAreOneGroup) {
     // Each link of the chain rewrites the part that only it and the next one share.
     const Region memory(30, MAP_PRIVATE, newFile(30, "/var/tmp"));
     memory.touch(0, 30);
-    int pipe[2];
-    ASSERT_EQ(::pipe(pipe), 0);
+    const PidPipe pipe;
     const Fixture first({[&] {
         memory.touch(0, 10);
         if (fork() == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             memory.touch(10, 20);
-            const pid_t self = getpid();
-            if (write(pipe[1], &self, sizeof self) != sizeof self) _exit(1);
+            pipe.send(getpid());
             for (;;) pause();
         }
     }});
     const Fixture other({[&] { memory.touch(0, 10), memory.touch(20, 10); }});
-    pid_t second = 0;
-    ASSERT_EQ(read(pipe[0], &second, sizeof second), static_cast<ssize_t>(sizeof second));
+    const pid_t second = pipe.receive();
     const Outcome all = measure({first.pid(), second, other.pid()});
     // first and second: 0 to 9. first and other: 10 to 19, which second has rewritten.
     EXPECT_EQ(all.summary()[kCopied].dirty, 10 + 10 + 10 + 20 + 20);
@@ -95,18 +154,77 @@ TEST(SharedPagesTest, HugePagesThatOnlyTheChildHasSplit) {
 }
 
 TEST(SharedPagesTest, OneAddressSpaceCountsOnce) {
-    const Fixture fixture({[] {
-        static char stack[1 << 16];
-        const auto sleep = [](void*) -> int {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            for (;;) pause();
-        };
-        clone(sleep, stack + sizeof stack, CLONE_VM, nullptr);
-    }});
+    const Fixture fixture({[] { shareAddressSpace(); }});
     const std::int64_t alone = measure({fixture.pid()}).tableOf(fixture.pid())["TOTAL"].dirty;
     const Outcome both = runZorbel({"-t", "-w", "-f", "pages", "--pid", std::to_string(fixture.pid())});
     ASSERT_THAT(both.output, HasSubstr("Shared with e2e-tests"));
     EXPECT_NEAR(static_cast<double>(both.summary()["TOTAL"].dirty), static_cast<double>(alone), 2.0);
+}
+
+TEST(SharedPagesTest, OneAddressSpaceCountsOnceWhereProcessesCannotBeCompared) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    const Region memory(100, MAP_PRIVATE, newFile(100, "/var/tmp"));
+    const Fixture fixture({[&] { memory.touch(0, 100), shareAddressSpace(); }});
+    Outcome both;
+    std::thread([&] {
+        forbidComparing();
+        both = runZorbel({"-t", "-w", "-f", "pages", "--pid", std::to_string(fixture.pid())});
+    }).join();
+    ASSERT_THAT(both.output, HasSubstr("Shared with e2e-tests"));
+    EXPECT_EQ(both.summary()[kCopied].dirty, 100);
+}
+
+TEST(SharedPagesTest, ProcessesWithoutTheirFirstThreadAreToldApart) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    const Region memory(200, MAP_PRIVATE, newFile(200, "/var/tmp"));
+    memory.touch(0, 30);
+    Fixture zombie;
+    zombie.kill(false);
+    const Fixture first({[&] { memory.touch(50, 40), endFirstThread(); }});
+    const Fixture second({[&] { memory.touch(20, 90), endFirstThread(); }});
+    const Fixture whole({[&] { memory.touch(0, 10); }});
+    const Outcome all = measure({zombie.pid(), first.pid(), second.pid(), whole.pid()});
+    // What all have from before the fork: 10 to 19, all three; 0 to 9, the first two; 20 to 29, the first and
+    // the last.
+    EXPECT_EQ(all.summary()[kCopied].dirty, 30 + 40 + 90 + 10);
+    EXPECT_EQ(all.tableOf(first.pid())[kCopied].dirty, 40);
+    EXPECT_EQ(all.tableOf(second.pid())[kCopied].dirty, 90);
+    EXPECT_EQ(all.tableOf(whole.pid())[kCopied].dirty, 10);
+    const Outcome two = measure({zombie.pid(), second.pid()});
+    EXPECT_EQ(two.tableOf(second.pid())[kCopied].dirty, 20 + 90);
+    EXPECT_EQ(two.summary()[kCopied].dirty, 20 + 90);
+}
+
+TEST(SharedPagesTest, OneAddressSpaceWithoutTheFirstThreadCountsOnce) {
+    const Region memory(100, MAP_PRIVATE, newFile(100, "/var/tmp"));
+    const PidPipe pipe;
+    const Fixture fixture({[&] {
+        memory.touch(0, 100);
+        pipe.send(shareAddressSpace(true));
+        endFirstThread();
+    }});
+    const pid_t sibling = pipe.receive();
+    const Outcome both = measure({fixture.pid(), sibling});
+    kill(sibling, SIGKILL);
+    EXPECT_EQ(both.summary()[kCopied].dirty, 100);
+}
+
+TEST(SharedPagesTest, AddressSpaceOutlivesTheProcessThatWasToStandForIt) {
+    const Region memory(100, MAP_PRIVATE, newFile(100, "/var/tmp"));
+    const PidPipe pipe;
+    Fixture fixture({[&] { memory.touch(0, 100), pipe.send(shareAddressSpace(true)); }});
+    const pid_t sibling = pipe.receive();
+    const Fixture large({makeManyRegions});  // Its number is the highest, so it is read first.
+    Words command = {"taskset", "1", kZorbel};
+    const Words arguments = wide({fixture.pid(), sibling, large.pid()});
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    ProgramRun run(command);
+    const bool isStopped = run.stopWhileReading(large.pid());
+    fixture.kill(true);
+    const Outcome outcome = run.finish();
+    kill(sibling, SIGKILL);
+    if (!isStopped) GTEST_SKIP() << "could not be stopped while it read";
+    EXPECT_EQ(outcome.tableOf(sibling)[kCopied].dirty, 100) << outcome.output << outcome.error;
 }
 
 TEST(SharedPagesTest, EqualStatesGiveEqualBytes) {

@@ -58,6 +58,11 @@ void copyText(char (&field)[size], const std::string& text) {
     std::memcpy(field, text.data(), std::min(size, text.size()));
 }
 
+/// The number of a thread, given its place "task/TID/" below its process.
+std::int32_t threadOfPlace(const std::string& place) {
+    return static_cast<std::int32_t>(std::strtol(place.c_str() + place.find('/') + 1, nullptr, 10));
+}
+
 /// Whether the number is the id of a thread other than the first one of its process. /proc has a directory
 /// for such a thread, but does not list it.
 bool isThread(std::int32_t pid) {
@@ -188,6 +193,7 @@ LinuxPlatform::ProcessAhead LinuxPlatform::_readAhead(std::int32_t pid) const {
     if (!ahead.stat || (ahead.stat->flags & ProcessStat::kKernelThread) != 0) return ahead;
     ahead.code = _open(pid, ahead.task);
     if (ahead.code != kKernSuccess) return ahead;
+    ahead.task.stackStart = ahead.stat->stackStart;
     _readStatus(ahead.task);
     return ahead;
 }
@@ -287,7 +293,7 @@ KernReturn LinuxPlatform::task_for_pid(std::int32_t pid, TaskName& task) {
     const KernReturn code = ahead ? ahead.mapped().code : _open(pid, opened);
     if (code != kKernSuccess) return code;
     if (ahead) opened = std::move(ahead.mapped().task);
-    if (const auto known = _stackStarts.find(pid); known != _stackStarts.end())
+    if (const auto known = _stackStarts.find(pid); opened.stackStart == 0 && known != _stackStarts.end())
         opened.stackStart = known->second;
     _tasks.push_back(std::move(opened));
     task = static_cast<TaskName>(_tasks.size());
@@ -312,7 +318,14 @@ void LinuxPlatform::_readStatus(Task& task) const {
     anyTask(directory.get(), [&](const std::string& place) {
         const auto text = readWholeFile((place + "status").c_str(), directory.get());
         if (text) task.status = parseProcessStatus(*text);
-        return task.status.has_value();
+        if (!task.status) return false;
+        task.thread = place.empty() ? task.pid : threadOfPlace(place);
+        if (task.stackStart != 0) return true;
+        // What the kernel says of a first thread that has ended, or of a process that was handed over.
+        const auto stat = readWholeFile((place + "stat").c_str(), directory.get());
+        const auto parsed = stat ? parseProcessStat(*stat) : std::nullopt;
+        if (parsed) task.stackStart = parsed->stackStart;
+        return true;
     });
 }
 
@@ -348,10 +361,15 @@ int LinuxPlatform::proc_get_dirty(std::int32_t /*pid*/, std::uint32_t& flags) {
 void LinuxPlatform::_prepareReading() {
     std::vector<Families::Process> processes;
     processes.reserve(_tasks.size());
-    for (const Task& task : _tasks)
-        processes.push_back({task.pid, task.stackStart, task.status && task.status->swapped != 0});
+    for (Task& task : _tasks) {
+        if (!task.status) _readStatus(task);
+        processes.push_back({task.thread, task.stackStart, task.status && task.status->swapped != 0});
+    }
     _pageAccess = PageAccess::find(_root);
-    _families.emplace(processes, _pageAccess.seesFrames());
+    _families.emplace(processes, _pageAccess.seesFrames(), [this](std::int32_t thread) {
+        const auto stat = readStatOf(_root, thread);
+        return stat && stat->stackStart != 0;
+    });
     const auto merged = readWholeFile((_root.sys + "/kernel/mm/ksm/pages_shared").c_str(), AT_FDCWD);
     _mergesPages = merged && *merged != "0\n";
     if (const auto statistics = readWholeFile((_root.proc + "/vmstat").c_str(), AT_FDCWD)) {

@@ -304,7 +304,8 @@ void TaskSnapshot::_notePagesOf(SnapshotRegion& region, const LineageUse& use) {
             pages.anonymous += count;
             if (use.swapCache != nullptr && count == 1 && _services.frameFlags.isInSwapCache(frame)) {
                 use.swapCache->noteFrame(member, page, frame);
-            } else if (word.isExclusive() && !(use.seesFrames && _tables->mayBeOfHugePage(page, word))) {
+            } else if (word.isExclusive() && !use.notesExclusive &&
+                       !(use.seesFrames && _tables->mayBeOfHugePage(page, word))) {
                 region.exclusive += count;
             } else {
                 if (frame != firstFrame + frames) noteFrames();
