@@ -9,7 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <fstream>
@@ -17,6 +19,8 @@
 
 #include "e2e/Program.h"
 #include "fixtures/Fixture.h"
+#include "fixtures/Merging.h"
+#include "fixtures/SystemSetting.h"
 
 namespace zorbel::e2e {
 namespace {
@@ -225,6 +229,69 @@ TEST(SharedPagesTest, AddressSpaceOutlivesTheProcessThatWasToStandForIt) {
     kill(sibling, SIGKILL);
     if (!isStopped) GTEST_SKIP() << "could not be stopped while it read";
     EXPECT_EQ(outcome.tableOf(sibling)[kCopied].dirty, 100) << outcome.output << outcome.error;
+}
+
+const std::string kKsm = "/sys/kernel/mm/ksm/";
+
+/// At the end, KSM forgets what it has merged since. Otherwise it would keep that until it works again.
+class KsmAsBefore {
+  public:
+    KsmAsBefore() = default;
+    KsmAsBefore(const KsmAsBefore&) = delete;
+    ~KsmAsBefore() {
+        constexpr int kUnmerge = 2;
+        if (_pages == 0) SystemSetting(kKsm + "run", kUnmerge);
+    }
+
+  private:
+    int _pages = readNumber(kKsm + "pages_shared");
+};
+
+/// Lets KSM work until it has merged so many pages of each process. False if it does not.
+bool mergePages(const std::vector<pid_t>& pids, std::size_t pages) {
+    const SystemSetting speed(kKsm + "pages_to_scan", 5000);
+    const SystemSetting sleep(kKsm + "sleep_millisecs", 1);
+    const SystemSetting run(kKsm + "run", 1);
+    const auto isMerged = [&](pid_t pid) {
+        return readNumber("/proc/" + std::to_string(pid) + "/ksm_merging_pages") == static_cast<int>(pages);
+    };
+    for (int i = 0; i < 500; ++i) {
+        if (std::ranges::all_of(pids, isMerged)) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+TEST(SharedPagesTest, MergedPagesCountOnce) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    const KsmAsBefore atTheEnd;
+    const auto run = [](const char* what) {
+        return Fixture::Step([what] { execl(PROGRAM_DIR "/merging-program", "merging", what, nullptr); });
+    };
+    const Fixture first({run("")});
+    const Fixture second({run("rewrite")});
+    const Fixture parent({run("fork")});
+    if (!mergePages({first.pid(), second.pid(), parent.pid()}, kEqualPages + kSamePages))
+        GTEST_SKIP() << "takes KSM";
+    const auto counted = [](const std::vector<pid_t>& pids) {
+        const Outcome outcome = measure(pids);
+        const Table table = pids.size() > 1 ? outcome.summary() : outcome.tableOf(pids[0]);
+        const auto row = table.find(kCopied);
+        return row == table.end() ? 0 : static_cast<std::size_t>(row->second.dirty);
+    };
+    constexpr std::size_t kMerged = kEqualPages + 1;
+    EXPECT_EQ(counted({first.pid()}), kMerged + kOwnPages);
+    EXPECT_EQ(counted({first.pid(), second.pid(), parent.pid()}), kMerged + 3 * kOwnPages);
+    second.next();
+    EXPECT_EQ(counted({first.pid(), second.pid()}), kMerged + 2 * kOwnPages + kRewrittenPages);
+    // The kernel does not count merged pages for a child that has them from its parent.
+    parent.next();
+    const std::string thread = std::to_string(parent.pid());
+    const pid_t child = readNumber("/proc/" + thread + "/task/" + thread + "/children");
+    ASSERT_GT(child, 0);
+    EXPECT_EQ(counted({child}), kMerged + kOwnPages);
+    EXPECT_EQ(counted({first.pid(), child}), kMerged + 2 * kOwnPages);
+    EXPECT_EQ(counted({first.pid(), parent.pid(), child}), kMerged + 2 * kOwnPages);
 }
 
 TEST(SharedPagesTest, EqualStatesGiveEqualBytes) {

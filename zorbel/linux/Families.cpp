@@ -79,9 +79,9 @@ std::size_t Families::_findAddressSpaces(std::span<const Process> processes,
     return spaces.size() + withoutMemory;
 }
 
-LineageUse Families::useOf(std::size_t process, bool hasMergedPages) {
+LineageUse Families::useOf(std::size_t process, bool mayHaveMergedPages) {
     const std::uint32_t family = _families[process];
-    if (_isAlone[family] && (!hasMergedPages || !_seesFrames)) return {};
+    if (_isAlone[family] && (!mayHaveMergedPages || !_seesFrames)) return {};
     LineageUse use;
     use.lineages = _lineages[_seesFrames ? 0 : family].get();
     use.seesFrames = _seesFrames;

@@ -37,8 +37,9 @@ class Families {
     /// The index of the first process that has the same address space, as after vfork().
     [[nodiscard]] std::size_t firstOfAddressSpace(std::size_t process) const { return _firsts[process]; }
 
-    /// How a process notes its private pages. One that has pages merged by KSM may share them with any other.
-    LineageUse useOf(std::size_t process, bool hasMergedPages);
+    /// How a process notes its private pages. One that may have pages merged by KSM may share them with any
+    /// other.
+    LineageUse useOf(std::size_t process, bool mayHaveMergedPages);
 
     /// When all processes are read.
     void settle();

@@ -119,6 +119,15 @@ bool isProcessDirectory(int fd) {
     });
 }
 
+/// Whether any page of a process may be one that KSM has merged. The kernel counts those of each process, but
+/// a new child has all of its parent's and a count of 0. Only regions can have them that have asked for it
+/// (MADV_MERGEABLE), and children inherit that; from Linux 6.14 on, the kernel says whether there is such a
+/// region.
+bool mayHaveMergedPages(int processDirectory) {
+    const auto text = readWholeFile("ksm_stat", processDirectory);
+    return !text || text->find("ksm_mergeable: no\n") == std::string::npos;
+}
+
 /// Raises the soft limit. Tasks keep only descriptors below the returned number.
 int raiseDescriptorLimit() {
     rlimit limit{};
@@ -399,13 +408,8 @@ void LinuxPlatform::readTask(TaskName name) {
     Task& task = _taskNamed(name);
     const TaskDirectory directory(task, _root);
     if (directory.get() < 0) return;
-    bool hasMergedPages = false;
-    if (_mergesPages) {
-        const auto merged = readWholeFile("ksm_merging_pages", directory.get());
-        hasMergedPages = !merged || *merged != "0\n";
-    }
     ReadingPlan plan;
-    plan.lineageUse = _families->useOf(name - 1, hasMergedPages);
+    plan.lineageUse = _families->useOf(name - 1, _mergesPages && mayHaveMergedPages(directory.get()));
     plan.smapsUse = _useOfSmaps(task);
     if (task.status && _pageAccess.countsExactly)
         plan.anonymousPages = task.status->residentAnonymous / pageSize();
