@@ -294,6 +294,68 @@ TEST(SharedPagesTest, MergedPagesCountOnce) {
     EXPECT_EQ(counted({first.pid(), parent.pid(), child}), kMerged + 2 * kOwnPages);
 }
 
+/// Some read back pages that were in swap before they were forked, and some write them.
+void expectSwappedPagesToCountOnce() {
+    const Region memory(120, MAP_PRIVATE, newFile(120, "/var/tmp"));
+    memory.touch(0, 120);
+    memory.pageOut();
+    const Fixture first;
+    const Fixture readsBack({[&] { memory.read(0, 30); }});
+    const Fixture writes({[&] { memory.touch(20, 20); }});
+    const Fixture writesOut({[&] { memory.touch(30, 20), memory.pageOut(); }});
+    const Outcome all = measure({first.pid(), readsBack.pid(), writes.pid(), writesOut.pid()});
+    EXPECT_EQ(all.summary()[kCopied].dirty, 120 + 20 + 20);
+    EXPECT_EQ(all.tableOf(writes.pid())[kCopied].dirty, 20);
+    EXPECT_EQ(all.tableOf(writesOut.pid())[kCopied].dirty, 20);
+    EXPECT_EQ(all.tableOf(writesOut.pid())[kCopied].swapped, 20);
+}
+
+TEST(SharedPagesTest, SwappedPagesCountOnce) {
+    const SwapDevice device;
+    if (!device.isUsable()) GTEST_SKIP() << "takes root and an unused /dev/zram0";
+    expectSwappedPagesToCountOnce();
+}
+
+TEST(SharedPagesTest, SwappedPagesOnDiskCountOnce) {
+    const SwapFile area;
+    if (!area.isUsable()) GTEST_SKIP() << "takes root and a file in /var/tmp that can be swap";
+    expectSwappedPagesToCountOnce();
+}
+
+TEST(SharedPagesTest, PagesReadBackBesideTheSlotsOfRelatives) {
+    const SwapFile area;
+    if (!area.isUsable()) GTEST_SKIP() << "takes root and a file in /var/tmp that can be swap";
+    const Region memory(60, MAP_PRIVATE, newFile(60, "/var/tmp"));
+    memory.touch(0, 60);
+    const auto writeOut = [&] { memory.touch(0, 40), memory.pageOut(); };
+    {
+        // Both have written the pages: nobody else has the slots that the second one has read back from.
+        const Fixture first({writeOut});
+        const Fixture second({[&] { writeOut(), memory.read(0, 40); }});
+        const Outcome both = measure({first.pid(), second.pid()});
+        EXPECT_EQ(both.summary()[kCopied].dirty, 40 + 40 + 20);
+        EXPECT_EQ(both.tableOf(first.pid())[kCopied], (Row{.dirty = 40, .swapped = 40, .regions = 1}));
+        EXPECT_EQ(both.tableOf(second.pid())[kCopied], (Row{.dirty = 40, .regions = 1}));
+    }
+    memory.pageOut();
+    const Fixture first;
+    const Fixture second;
+    const Fixture writesOut({writeOut});
+    const Fixture readsBack({[&] { memory.read(0, 60); }});
+    const std::vector<pid_t> all = {first.pid(), second.pid(), writesOut.pid(), readsBack.pid()};
+    const Outcome outcome = measure(all);
+    EXPECT_EQ(outcome.summary()[kCopied].dirty, 60 + 40);
+    EXPECT_EQ(outcome.tableOf(writesOut.pid())[kCopied].dirty, 40);
+    EXPECT_EQ(outcome.tableOf(readsBack.pid())[kCopied].dirty, 0);
+    EXPECT_EQ(measure({first.pid(), writesOut.pid(), readsBack.pid()}).summary()[kCopied].dirty, 60 + 40);
+    // With one worker and with several, in any order.
+    const Words arguments = wide(all);
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(runZorbel(arguments).output, outcome.output);
+        EXPECT_EQ(runZorbel(arguments, {"taskset", "1", kZorbel}).output, outcome.output);
+    }
+}
+
 TEST(SharedPagesTest, EqualStatesGiveEqualBytes) {
     const Region memory(50);
     memory.touch(0, 50);

@@ -86,6 +86,7 @@ LineageUse Families::useOf(std::size_t process, bool mayHaveMergedPages) {
     use.lineages = _lineages[_seesFrames ? 0 : family].get();
     use.seesFrames = _seesFrames;
     use.notesExclusive = _seesFrames && !_comparesSpaces;
+    use.isTwin = _firsts[process] != process;
     use.swapCache = _swapCaches[family].get();
     return use;
 }

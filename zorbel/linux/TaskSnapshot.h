@@ -44,6 +44,7 @@ struct LineageUse {
     /// Whether it also notes pages that only one address space maps: where two processes may have the same
     /// one, and nothing else shows that.
     bool notesExclusive = false;
+    bool isTwin = false;             ///< Whether it uses the address space of a task before it.
     SwapCache* swapCache = nullptr;  ///< Null where no member of the family has a page in swap.
 };
 
