@@ -356,6 +356,66 @@ TEST(SharedPagesTest, PagesReadBackBesideTheSlotsOfRelatives) {
     }
 }
 
+TEST(SharedPagesTest, CopiesReadBackFromSwapAreNoPagesOfTheFile) {
+    const SwapFile area;
+    if (!area.isUsable()) GTEST_SKIP() << "takes root and a file in /var/tmp that can be swap";
+    // smaps calls those that were only read "Private_Clean", like pages of the file.
+    const Region memory(60, MAP_PRIVATE, newFile(60, "/var/tmp"));
+    const PidPipe pipe;
+    const Fixture parent({[&] { memory.touch(0, 40), memory.pageOut(), memory.read(0, 10); },
+                          [&] {
+                              if (fork() != 0) return;
+                              prctl(PR_SET_PDEATHSIG, SIGKILL);
+                              memory.read(5, 15);
+                              pipe.send(getpid());
+                              for (;;) pause();
+                          }});
+    EXPECT_EQ(measure({parent.pid()}).tableOf(parent.pid())[kCopied],
+              (Row{.dirty = 40, .swapped = 30, .regions = 1}));
+    parent.next();
+    const pid_t child = pipe.receive();
+    EXPECT_EQ(measure({child}).tableOf(child)[kCopied], (Row{.dirty = 40, .swapped = 20, .regions = 1}));
+    const Row both = measure({parent.pid(), child}).summary()[kCopied];
+    EXPECT_EQ(both.dirty, 40);
+    EXPECT_EQ(both.clean, 0);
+}
+
+TEST(SharedPagesTest, PrivateMappingsDoNotCountWhatTheFileIsYetToGet) {
+    const std::vector<char> content(50 * kPageSize, 'z');
+    const int file = newFile(50, "/var/tmp");
+    ASSERT_EQ(write(file, content.data(), content.size()), static_cast<ssize_t>(content.size()));
+    const auto mapAndRead = [&](int protection) {
+        auto* start =
+            static_cast<volatile char*>(mmap(nullptr, content.size(), protection, MAP_PRIVATE, file, 0));
+        check(start != MAP_FAILED, "mmap");
+        for (std::size_t i = 0; i < content.size(); i += kPageSize) check(start[i] == 'z', "read");
+    };
+    const Fixture first({[&] { mapAndRead(PROT_READ); }});
+    const Fixture second({[&] { mapAndRead(PROT_READ | PROT_WRITE); }});
+    close(file);
+    for (const Fixture* fixture : {&first, &second})
+        EXPECT_EQ(measure({fixture->pid()}).tableOf(fixture->pid())[kCopied],
+                  (Row{.clean = 50, .regions = 1}));
+    EXPECT_EQ(measure({first.pid(), second.pid()}).summary()[kCopied], (Row{.clean = 50, .regions = 2}));
+}
+
+TEST(SharedPagesTest, CopiesOfPagesOfMemoryFilesCountBesideTheFile) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    constexpr const char* kFile = "POSIX shared memory";
+    const Region memory(60, MAP_PRIVATE, newFile(60, "/dev/shm"));
+    memory.read(0, 60);
+    memory.touch(0, 6);  // Copies that all of the following have.
+    const Fixture first;
+    const Fixture second({[&] { memory.touch(4, 10); }});
+    const Fixture third({[&] { memory.touch(20, 16); }});
+    const Outcome all = measure({first.pid(), second.pid(), third.pid()});
+    EXPECT_EQ(all.summary()[kFile], (Row{.dirty = 60 + 6 + 10 + 16, .regions = 3}));
+    EXPECT_EQ(all.tableOf(first.pid())[kFile].dirty, 0);
+    EXPECT_EQ(all.tableOf(second.pid())[kFile].dirty, 10);
+    EXPECT_EQ(all.tableOf(third.pid())[kFile].dirty, 16);
+    EXPECT_EQ(measure({second.pid()}).tableOf(second.pid())[kFile].dirty, 60 + 4 + 10);
+}
+
 TEST(SharedPagesTest, EqualStatesGiveEqualBytes) {
     const Region memory(50);
     memory.touch(0, 50);
