@@ -58,15 +58,15 @@ void endFirstThread() {
     syscall(SYS_exit, 0);
 }
 
-/// Starts a process that uses the address space of this one, and returns its number. It outlives this one if
-/// it is to.
-pid_t shareAddressSpace(bool outlives = false) {
+/// Starts a process that uses the address space of this one, and returns its number. It is a child of this
+/// process, or with CLONE_PARENT of the test.
+pid_t shareAddressSpace(int flags = 0) {
     static std::array<char, 1 << 16> stack;
-    const auto sleep = [](void* isBound) -> int {
-        if (isBound != nullptr) prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const auto sleep = [](void*) -> int {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         for (;;) pause();
     };
-    const pid_t pid = clone(sleep, stack.data() + stack.size(), CLONE_VM, outlives ? nullptr : stack.data());
+    const pid_t pid = clone(sleep, stack.data() + stack.size(), CLONE_VM | SIGCHLD | flags, nullptr);
     check(pid > 0, "clone");
     return pid;
 }
@@ -204,31 +204,14 @@ TEST(SharedPagesTest, OneAddressSpaceWithoutTheFirstThreadCountsOnce) {
     const PidPipe pipe;
     const Fixture fixture({[&] {
         memory.touch(0, 100);
-        pipe.send(shareAddressSpace(true));
+        pipe.send(shareAddressSpace(CLONE_PARENT));
         endFirstThread();
     }});
     const pid_t sibling = pipe.receive();
     const Outcome both = measure({fixture.pid(), sibling});
     kill(sibling, SIGKILL);
+    waitpid(sibling, nullptr, 0);
     EXPECT_EQ(both.summary()[kCopied].dirty, 100);
-}
-
-TEST(SharedPagesTest, AddressSpaceOutlivesTheProcessThatWasToStandForIt) {
-    const Region memory(100, MAP_PRIVATE, newFile(100, "/var/tmp"));
-    const PidPipe pipe;
-    Fixture fixture({[&] { memory.touch(0, 100), pipe.send(shareAddressSpace(true)); }});
-    const pid_t sibling = pipe.receive();
-    const Fixture large({makeManyRegions});  // Its number is the highest, so it is read first.
-    Words command = {"taskset", "1", kZorbel};
-    const Words arguments = wide({fixture.pid(), sibling, large.pid()});
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    ProgramRun run(command);
-    const bool isStopped = run.stopWhileReading(large.pid());
-    fixture.kill(true);
-    const Outcome outcome = run.finish();
-    kill(sibling, SIGKILL);
-    if (!isStopped) GTEST_SKIP() << "could not be stopped while it read";
-    EXPECT_EQ(outcome.tableOf(sibling)[kCopied].dirty, 100) << outcome.output << outcome.error;
 }
 
 const std::string kKsm = "/sys/kernel/mm/ksm/";

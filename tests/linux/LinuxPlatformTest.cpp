@@ -3,11 +3,15 @@
 #include "linux/LinuxPlatform.h"
 
 #include <gmock/gmock.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <array>
 #include <csignal>
+#include <cstring>
 
 namespace zorbel::test {
 namespace {
@@ -83,6 +87,53 @@ TEST_F(LinuxPlatformTest, PageQueriesMatchRegionCounts) {
         pages += present;
     }
     EXPECT_GT(pages, 2000U);
+}
+
+/// Without checks by sanitizers: it has the memory of a process that goes on beside it.
+__attribute__((no_sanitize("address", "thread", "undefined"))) int waitForEnd(void* /*unused*/) {
+    for (;;) pause();
+}
+
+TEST(LinuxPlatformSettlingTest, AddressSpaceOutlivesTheProcessThatStandsForIt) {
+    constexpr std::size_t kPages = 300;
+    StreamDiagnostics diagnostics{stderr};
+    LinuxPlatform machine{diagnostics};
+    const std::size_t size = kPages * machine.vm_kernel_page_size();
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    const pid_t first = fork();
+    if (first == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (memory == MAP_FAILED) _exit(1);
+        std::memset(memory, 1, size);
+        static std::array<char, 1 << 16> stack;
+        const pid_t other =
+            clone(&waitForEnd, stack.data() + stack.size(), CLONE_VM | CLONE_PARENT | SIGCHLD, nullptr);
+        if (write(pipe[1], &other, sizeof other) != sizeof other) _exit(1);
+        for (;;) pause();
+    }
+    pid_t other = 0;
+    ASSERT_EQ(read(pipe[0], &other, sizeof other), static_cast<ssize_t>(sizeof other));
+    ASSERT_GT(other, 0);
+    TaskName tasks[2] = {};
+    EXPECT_EQ(machine.task_for_pid(first, tasks[0]), kKernSuccess);
+    EXPECT_EQ(machine.task_for_pid(other, tasks[1]), kKernSuccess);
+    machine.readTask(tasks[1]);
+    kill(first, SIGKILL);
+    waitpid(first, nullptr, 0);
+    machine.readTask(tasks[0]);
+    machine.settleTasks();
+    std::uint64_t pages = 0;
+    std::uint64_t length = 0;
+    RegionInfoRecord record;
+    for (std::uint64_t address = 0;
+         machine.mach_vm_region_recurse(tasks[1], address, length, record) == kKernSuccess; address += length)
+        pages += record.pages_dirtied;
+    EXPECT_GE(pages, kPages);
+    kill(other, SIGKILL);
+    waitpid(other, nullptr, 0);
+    for (const int end : pipe) close(end);
 }
 
 TEST_F(LinuxPlatformTest, PageQueriesCoverGapsAndFailAfterExit) {
