@@ -425,7 +425,7 @@ void LinuxPlatform::settleTasks() {
     for (const Task& task : _tasks) {
         const std::size_t index = tasks.size();
         const std::size_t first = _families ? _families->firstOfAddressSpace(index) : index;
-        tasks.push_back({task.snapshot.get(), first, task.lineages});
+        tasks.push_back({task.snapshot.get(), first, task.lineages, task.stackStart});
     }
     settle(tasks, _services());
     _kernelPagesOfTasks = mappedKernelPages(tasks);

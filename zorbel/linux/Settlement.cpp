@@ -178,14 +178,20 @@ class Settlement {
     boost::container::small_vector<SharedPages, 2> _parts;
 };
 
-}  // namespace
-
-namespace {
-
 /// Whether all of its address space was read.
 bool isWhole(const ReadTask& task) {
     return task.snapshot != nullptr && !task.snapshot->regions().empty() &&
            task.snapshot->codeAtEnd() == kKernInvalidAddress;
+}
+
+/// Whether two tasks had one address space when they were read. A child of vfork() may have called exec since
+/// they were compared: its stack is somewhere else now.
+bool hadSameStack(const ReadTask& a, const ReadTask& b) {
+    const auto endOfStack = [start = a.stackStart](const ReadTask& task) {
+        const SnapshotRegion* region = task.snapshot->regionAtOrAfter(start);
+        return region != nullptr ? region->end : 0;
+    };
+    return a.snapshot == nullptr || b.snapshot == nullptr || endOfStack(a) == endOfStack(b);
 }
 
 /// For each task, the one whose regions stand for its address space: the first one of it that was read as a
@@ -199,7 +205,7 @@ std::vector<std::size_t> tasksThatStandForAll(const std::vector<ReadTask>& tasks
     std::vector<std::size_t> standing(tasks.size());
     for (std::size_t i = 0; i < tasks.size(); ++i) {
         const std::size_t found = whole[tasks[i].firstOfAddressSpace];
-        standing[i] = found == tasks.size() ? i : found;
+        standing[i] = found == tasks.size() || !hadSameStack(tasks[found], tasks[i]) ? i : found;
     }
     return standing;
 }

@@ -9,9 +9,9 @@ namespace zorbel {
 
 namespace {
 
-// A word has a bit for a slot that several address spaces have, 5 for the area, and 26 for the place in it
-// plus
-// 1. Places beyond those, 256 GiB of small pages, are kept where different slots of one address are.
+// A word has a bit for a slot that several address spaces have, 5 bits for the area, and 26 for the place in
+// it, counted from 1. Places that do not fit, from 256 GiB of small pages on, are kept where the different
+// slots of one address are.
 constexpr std::uint32_t kIsOfSeveral = 0x80000000;
 constexpr std::uint32_t kLookAmongDifferent = 0xFFFFFFFF;
 constexpr unsigned kPlaceBits = 26;

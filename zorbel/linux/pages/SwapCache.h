@@ -30,7 +30,7 @@ namespace zorbel {
 /// The frame may also be the copy of a slot that nobody has any more, because all others have written the
 /// page since: then one page is missing.
 ///
-/// Memory: 4 bytes for each address with a slot, and about 60 where there are different ones.
+/// Memory: 4 bytes for each address with a slot, and about 70 where there are different ones.
 class SwapCache {
   public:
     /// Notes the slot that an address space has for a page, given by its address in pages. Once for each
