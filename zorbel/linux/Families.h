@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <vector>
@@ -20,19 +21,25 @@ namespace zorbel {
 class Families {
   public:
     struct Process {
-        std::int32_t pid = 0;
+        /// A thread that has the memory of the process: its first one, unless that has ended before others.
+        /// 0 where none is known, as for a zombie.
+        std::int32_t thread = 0;
         std::uint64_t stackStart = 0;  ///< 0 where it is not known: such processes count as one family.
         bool hasSwap = false;          ///< Whether it has pages in swap.
     };
 
+    /// Whether a thread has memory now.
+    using HasMemory = std::function<bool(std::int32_t thread)>;
+
     /// Without the right to see frames, pages are told apart by their addresses.
-    Families(std::span<const Process> processes, bool seesFrames);
+    Families(std::span<const Process> processes, bool seesFrames, const HasMemory& hasMemory);
 
     /// The index of the first process that has the same address space, as after vfork().
     [[nodiscard]] std::size_t firstOfAddressSpace(std::size_t process) const { return _firsts[process]; }
 
-    /// How a process notes its private pages. One that has pages merged by KSM may share them with any other.
-    LineageUse useOf(std::size_t process, bool hasMergedPages);
+    /// How a process notes its private pages. One that may have pages merged by KSM may share them with any
+    /// other.
+    LineageUse useOf(std::size_t process, bool mayHaveMergedPages);
 
     /// When all processes are read.
     void settle();
@@ -40,9 +47,11 @@ class Families {
   private:
     /// Finds the members of a family that have the same address space as one before them. Returns how many
     /// address spaces the family has.
-    std::size_t _findAddressSpaces(std::span<const Process> processes, std::span<const std::size_t> family);
+    std::size_t _findAddressSpaces(std::span<const Process> processes, std::span<const std::size_t> family,
+                                   const HasMemory& hasMemory);
 
     bool _seesFrames;
+    bool _comparesSpaces;  ///< Whether the kernel tells which processes use one address space.
     std::vector<std::size_t> _firsts;
     std::vector<std::uint32_t> _families;              ///< Of each process.
     std::vector<bool> _isAlone;                        ///< Of each family: whether it is one address space.

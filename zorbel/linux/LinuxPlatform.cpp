@@ -58,6 +58,11 @@ void copyText(char (&field)[size], const std::string& text) {
     std::memcpy(field, text.data(), std::min(size, text.size()));
 }
 
+/// The number of a thread, given its place "task/TID/" below its process.
+std::int32_t threadOfPlace(const std::string& place) {
+    return static_cast<std::int32_t>(std::strtol(place.c_str() + place.find('/') + 1, nullptr, 10));
+}
+
 /// Whether the number is the id of a thread other than the first one of its process. /proc has a directory
 /// for such a thread, but does not list it.
 bool isThread(std::int32_t pid) {
@@ -112,6 +117,15 @@ bool isProcessDirectory(int fd) {
         const auto stat = text ? parseProcessStat(*text) : std::nullopt;
         return stat && !stat->hasEnded() && (stat->flags & ProcessStat::kKernelThread) == 0;
     });
+}
+
+/// Whether any page of a process may be one that KSM has merged. The kernel counts those of each process, but
+/// a new child has all of its parent's and a count of 0. Only regions can have them that have asked for it
+/// (MADV_MERGEABLE), and children inherit that; from Linux 6.14 on, the kernel says whether there is such a
+/// region.
+bool mayHaveMergedPages(int processDirectory) {
+    const auto text = readWholeFile("ksm_stat", processDirectory);
+    return !text || text->find("ksm_mergeable: no\n") == std::string::npos;
 }
 
 /// Raises the soft limit. Tasks keep only descriptors below the returned number.
@@ -188,6 +202,7 @@ LinuxPlatform::ProcessAhead LinuxPlatform::_readAhead(std::int32_t pid) const {
     if (!ahead.stat || (ahead.stat->flags & ProcessStat::kKernelThread) != 0) return ahead;
     ahead.code = _open(pid, ahead.task);
     if (ahead.code != kKernSuccess) return ahead;
+    ahead.task.stackStart = ahead.stat->stackStart;
     _readStatus(ahead.task);
     return ahead;
 }
@@ -287,7 +302,7 @@ KernReturn LinuxPlatform::task_for_pid(std::int32_t pid, TaskName& task) {
     const KernReturn code = ahead ? ahead.mapped().code : _open(pid, opened);
     if (code != kKernSuccess) return code;
     if (ahead) opened = std::move(ahead.mapped().task);
-    if (const auto known = _stackStarts.find(pid); known != _stackStarts.end())
+    if (const auto known = _stackStarts.find(pid); opened.stackStart == 0 && known != _stackStarts.end())
         opened.stackStart = known->second;
     _tasks.push_back(std::move(opened));
     task = static_cast<TaskName>(_tasks.size());
@@ -312,7 +327,14 @@ void LinuxPlatform::_readStatus(Task& task) const {
     anyTask(directory.get(), [&](const std::string& place) {
         const auto text = readWholeFile((place + "status").c_str(), directory.get());
         if (text) task.status = parseProcessStatus(*text);
-        return task.status.has_value();
+        if (!task.status) return false;
+        task.thread = place.empty() ? task.pid : threadOfPlace(place);
+        if (task.stackStart != 0) return true;
+        // What the kernel says of a first thread that has ended, or of a process that was handed over.
+        const auto stat = readWholeFile((place + "stat").c_str(), directory.get());
+        const auto parsed = stat ? parseProcessStat(*stat) : std::nullopt;
+        if (parsed) task.stackStart = parsed->stackStart;
+        return true;
     });
 }
 
@@ -348,10 +370,15 @@ int LinuxPlatform::proc_get_dirty(std::int32_t /*pid*/, std::uint32_t& flags) {
 void LinuxPlatform::_prepareReading() {
     std::vector<Families::Process> processes;
     processes.reserve(_tasks.size());
-    for (const Task& task : _tasks)
-        processes.push_back({task.pid, task.stackStart, task.status && task.status->swapped != 0});
+    for (Task& task : _tasks) {
+        if (!task.status) _readStatus(task);
+        processes.push_back({task.thread, task.stackStart, task.status && task.status->swapped != 0});
+    }
     _pageAccess = PageAccess::find(_root);
-    _families.emplace(processes, _pageAccess.seesFrames());
+    _families.emplace(processes, _pageAccess.seesFrames(), [this](std::int32_t thread) {
+        const auto stat = readStatOf(_root, thread);
+        return stat && stat->stackStart != 0;
+    });
     const auto merged = readWholeFile((_root.sys + "/kernel/mm/ksm/pages_shared").c_str(), AT_FDCWD);
     _mergesPages = merged && *merged != "0\n";
     if (const auto statistics = readWholeFile((_root.proc + "/vmstat").c_str(), AT_FDCWD)) {
@@ -381,13 +408,8 @@ void LinuxPlatform::readTask(TaskName name) {
     Task& task = _taskNamed(name);
     const TaskDirectory directory(task, _root);
     if (directory.get() < 0) return;
-    bool hasMergedPages = false;
-    if (_mergesPages) {
-        const auto merged = readWholeFile("ksm_merging_pages", directory.get());
-        hasMergedPages = !merged || *merged != "0\n";
-    }
     ReadingPlan plan;
-    plan.lineageUse = _families->useOf(name - 1, hasMergedPages);
+    plan.lineageUse = _families->useOf(name - 1, _mergesPages && mayHaveMergedPages(directory.get()));
     plan.smapsUse = _useOfSmaps(task);
     if (task.status && _pageAccess.countsExactly)
         plan.anonymousPages = task.status->residentAnonymous / pageSize();
@@ -403,7 +425,7 @@ void LinuxPlatform::settleTasks() {
     for (const Task& task : _tasks) {
         const std::size_t index = tasks.size();
         const std::size_t first = _families ? _families->firstOfAddressSpace(index) : index;
-        tasks.push_back({task.snapshot.get(), first, task.lineages});
+        tasks.push_back({task.snapshot.get(), first, task.lineages, task.stackStart});
     }
     settle(tasks, _services());
     _kernelPagesOfTasks = mappedKernelPages(tasks);

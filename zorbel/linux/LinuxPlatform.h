@@ -115,6 +115,7 @@ class LinuxPlatform : public Platform, private Symbolicator {
         std::uint64_t startTime = 0;
         FileDescriptor directory;
         std::uint64_t stackStart = 0;  ///< 0 where it is not known.
+        std::int32_t thread = 0;       ///< One that has the memory of the process; 0 if none is known.
         std::optional<ProcessStatus> status;
         std::string program;                 ///< Path, if it was read ahead.
         const Lineages* lineages = nullptr;  ///< Where its pages are noted.
@@ -132,6 +133,7 @@ class LinuxPlatform : public Platform, private Symbolicator {
     /// Opens the process; without its place among the tasks.
     KernReturn _open(std::int32_t pid, Task& task) const;
     ProcessAhead _readAhead(std::int32_t pid) const;
+    /// Also finds the thread that has the memory.
     void _readStatus(Task& task) const;
 
     Task& _taskNamed(TaskName task) { return _tasks[task - 1]; }

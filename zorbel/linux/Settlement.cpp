@@ -178,22 +178,50 @@ class Settlement {
     boost::container::small_vector<SharedPages, 2> _parts;
 };
 
+/// Whether all of its address space was read.
+bool isWhole(const ReadTask& task) {
+    return task.snapshot != nullptr && !task.snapshot->regions().empty() &&
+           task.snapshot->codeAtEnd() == kKernInvalidAddress;
+}
+
+/// Whether two tasks had one address space when they were read. A child of vfork() may have called exec since
+/// they were compared: its stack is somewhere else now.
+bool hadSameStack(const ReadTask& a, const ReadTask& b) {
+    const auto endOfStack = [start = a.stackStart](const ReadTask& task) {
+        const SnapshotRegion* region = task.snapshot->regionAtOrAfter(start);
+        return region != nullptr ? region->end : 0;
+    };
+    return a.snapshot == nullptr || b.snapshot == nullptr || endOfStack(a) == endOfStack(b);
+}
+
+/// For each task, the one whose regions stand for its address space: the first one of it that was read as a
+/// whole, since any of them may have ended meanwhile. The task itself if there is none.
+std::vector<std::size_t> tasksThatStandForAll(const std::vector<ReadTask>& tasks) {
+    std::vector<std::size_t> whole(tasks.size(), tasks.size());  // By the first task of the address space.
+    for (std::size_t i = 0; i < tasks.size(); ++i) {
+        std::size_t& found = whole[tasks[i].firstOfAddressSpace];
+        if (found == tasks.size() && isWhole(tasks[i])) found = i;
+    }
+    std::vector<std::size_t> standing(tasks.size());
+    for (std::size_t i = 0; i < tasks.size(); ++i) {
+        const std::size_t found = whole[tasks[i].firstOfAddressSpace];
+        standing[i] = found == tasks.size() || !hadSameStack(tasks[found], tasks[i]) ? i : found;
+    }
+    return standing;
+}
+
 }  // namespace
 
 void settle(std::vector<ReadTask>& tasks, const SnapshotServices& services) {
     Settlement settlement(services);
     for (const ReadTask& task : tasks)
         if (task.snapshot != nullptr) settlement.survey(task);
+    const std::vector<std::size_t> standing = tasksThatStandForAll(tasks);
     for (std::size_t i = 0; i < tasks.size(); ++i)
-        if (tasks[i].snapshot != nullptr && tasks[i].firstOfAddressSpace == i) settlement.settle(tasks[i]);
-    for (std::size_t i = 0; i < tasks.size(); ++i) {
-        const ReadTask& first = tasks[tasks[i].firstOfAddressSpace];
-        if (tasks[i].firstOfAddressSpace == i || tasks[i].snapshot == nullptr) continue;
-        if (first.snapshot != nullptr)
-            Settlement::shareAddressSpace(first, tasks[i]);
-        else
-            settlement.settle(tasks[i]);  // The first one could not be read.
-    }
+        if (tasks[i].snapshot != nullptr && standing[i] == i) settlement.settle(tasks[i]);
+    for (std::size_t i = 0; i < tasks.size(); ++i)
+        if (standing[i] != i && tasks[i].snapshot != nullptr && !tasks[i].snapshot->regions().empty())
+            Settlement::shareAddressSpace(tasks[standing[i]], tasks[i]);
 }
 
 std::uint64_t mappedKernelPages(const std::vector<ReadTask>& tasks) {

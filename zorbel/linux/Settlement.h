@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "linux/TaskSnapshot.h"
@@ -13,6 +14,7 @@ struct ReadTask {
     std::size_t firstOfAddressSpace =
         0;  ///< Index of the task whose address space this one uses: its own, mostly.
     const Lineages* lineages = nullptr;  ///< Where its regions have noted their pages.
+    std::uint64_t stackStart = 0;        ///< 0 where it is not known.
 };
 
 /// Settles what depends on several tasks, when all are read: gives the objects their ids, and says which

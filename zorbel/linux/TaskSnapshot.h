@@ -41,6 +41,10 @@ struct LineageUse {
     /// Whether frames and slots identify pages. Without that right, addresses do, among the members of a
     /// family.
     bool seesFrames = true;
+    /// Whether it also notes pages that only one address space maps: where two processes may have the same
+    /// one, and nothing else shows that.
+    bool notesExclusive = false;
+    bool isTwin = false;             ///< Whether it uses the address space of a task before it.
     SwapCache* swapCache = nullptr;  ///< Null where no member of the family has a page in swap.
 };
 

@@ -302,9 +302,10 @@ void TaskSnapshot::_notePagesOf(SnapshotRegion& region, const LineageUse& use) {
         if (word.isPresent() && !word.isFile()) {
             const std::uint64_t frame = use.seesFrames ? word.frame() : page;
             pages.anonymous += count;
-            if (use.swapCache != nullptr && count == 1 && _services.frameFlags.isInSwapCache(frame)) {
+            if (use.swapCache != nullptr && count == 1 && _services.frameFlags.mayBeCopyOfSlot(frame)) {
                 use.swapCache->noteFrame(member, page, frame);
-            } else if (word.isExclusive() && !(use.seesFrames && _tables->mayBeOfHugePage(page, word))) {
+            } else if (word.isExclusive() && !use.notesExclusive &&
+                       !(use.seesFrames && _tables->mayBeOfHugePage(page, word))) {
                 region.exclusive += count;
             } else {
                 if (frame != firstFrame + frames) noteFrames();
@@ -314,7 +315,7 @@ void TaskSnapshot::_notePagesOf(SnapshotRegion& region, const LineageUse& use) {
         } else if (word.isSwapped()) {
             pages.swapped += count;
             holder.holdSlot(use.seesFrames ? word.slot() : page);
-            if (use.swapCache != nullptr) use.swapCache->noteSlot(page, word.slot());
+            if (use.swapCache != nullptr && !use.isTwin) use.swapCache->noteSlot(page, word.slot());
         }
     };
     _tables->forEachUsedWord(

@@ -9,8 +9,6 @@
 #include <thread>
 #include <vector>
 
-#include "linux/pages/SwapCache.h"
-
 namespace zorbel::test {
 namespace {
 
@@ -122,23 +120,6 @@ TEST(LineagesTest, HugePageIsAsManyFrames) {
     Lineages::Holder(lineages, small).holdFrames(1500);
     EXPECT_EQ(lineages.aloneIn(whole).resident, 511U);
     EXPECT_EQ(lineages.sharedThrough(whole).resident + lineages.sharedThrough(small).resident, 1U);
-}
-
-TEST(LineagesTest, FrameOfTheSwapCacheIsTheSlotAtItsAddress) {
-    SwapCache swapCache;
-    Lineages lineages;
-    const Lineages::Member readBack = lineages.addMember();
-    const Lineages::Member other = lineages.addMember();
-    const std::uint64_t slot = std::uint64_t{3} << 32 | 77;  // In the fourth swap area.
-    Lineages::Holder(lineages, other).holdSlot(slot);
-    swapCache.noteSlot(1000, slot);
-    swapCache.noteFrame(readBack, 1000, 5);
-    swapCache.noteFrame(readBack, 1001, 6);  // Nobody has a slot there.
-    swapCache.settle(lineages);
-    EXPECT_EQ(lineages.lineageOf(other), readBack);
-    EXPECT_EQ(lineages.aloneIn(readBack).resident, 1U);
-    EXPECT_EQ(lineages.aloneIn(other).swapped, 0U);
-    EXPECT_EQ(lineages.sharedThrough(readBack).swapped + lineages.sharedThrough(other).swapped, 1U);
 }
 
 }  // namespace

@@ -16,6 +16,8 @@ namespace {
 constexpr std::uint64_t kAnonymous = 1U << 12;
 constexpr std::uint64_t kSwapCache = 1U << 13;
 constexpr std::uint64_t kSwapBacked = 1U << 14;
+// There "mapped to disk", which means this for anonymous pages.
+constexpr std::uint64_t kOfOneAddressSpace = std::uint64_t{1} << 34;
 
 }  // namespace
 
@@ -28,9 +30,9 @@ bool FrameFlags::_read(std::uint64_t frame, std::span<std::uint64_t> flags) cons
            static_cast<ssize_t>(flags.size_bytes());
 }
 
-bool FrameFlags::isInSwapCache(std::uint64_t frame) const {
+bool FrameFlags::mayBeCopyOfSlot(std::uint64_t frame) const {
     std::uint64_t flags = 0;
-    return _read(frame, {&flags, 1}) && (flags & kSwapCache) != 0;
+    return _read(frame, {&flags, 1}) && (flags & (kSwapCache | kOfOneAddressSpace)) == kSwapCache;
 }
 
 bool FrameFlags::mayBeLazy(std::span<const std::uint64_t> words) const {

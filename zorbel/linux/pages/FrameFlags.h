@@ -14,8 +14,10 @@ class FrameFlags {
   public:
     explicit FrameFlags(const SystemRoot& root);
 
-    /// Whether a frame is kept as a copy of a slot in swap.
-    [[nodiscard]] bool isInSwapCache(std::uint64_t frame) const;
+    /// Whether a frame is kept as a copy of a slot in swap that other page tables may still hold. They can't
+    /// if the kernel knows the page to be of one address space only, which it does from Linux 5.19 on: it
+    /// learns that when the page is written, keeps it while the page is in swap, and forgets it at a fork.
+    [[nodiscard]] bool mayBeCopyOfSlot(std::uint64_t frame) const;
 
     /// Whether any of the pages, given by their words, may be lazily freed (MADV_FREE). A page that was
     /// written after that looks the same here; only smaps shows the difference.

@@ -9,7 +9,8 @@
 namespace zorbel {
 
 /// A 32-bit word for each number below 2^36, all 0 at first: frames of physical memory (256 TiB of small
-/// pages), slots of a swap area, or pages of an address space. Several threads may use it at once.
+/// pages), slots of swap as PageWord numbers them (32 areas of up to 8 TiB), or pages of an address space
+/// (256 TiB, which is all that a process has unless it asks for more). Several threads may use it at once.
 ///
 /// The words are in pieces of 64, made when they are first needed, below three levels of directories. A
 /// look-up is four loads and no search. Memory: 4 bytes for each number where most of them are used, and at
@@ -18,7 +19,8 @@ class FrameTable {
   public:
     using Word = std::atomic<std::uint32_t>;
 
-    /// The word of a number. Higher bits of the number are cut off.
+    /// The word of a number. Higher bits of the number are cut off: two that differ only there are taken for
+    /// one.
     Word& at(std::uint64_t number) { return from(number).front(); }
     /// The word of a number, and those of the next ones that are in the same piece.
     std::span<Word> from(std::uint64_t number);

@@ -43,12 +43,18 @@ class PageWord {
     [[nodiscard]] bool isExclusive() const { return (_word >> 56 & 1) != 0; }
     /// Number of the frame of a present page; 0 without the right to see it.
     [[nodiscard]] std::uint64_t frame() const { return _word & kPlace; }
-    /// Identifies the slot of a page in swap; 0 without the right to see it.
-    [[nodiscard]] std::uint64_t slot() const { return frame() >> kAreaBits | _area() << 32; }
+    /// Identifies the slot of a page in swap; 0 without the right to see it. A number below 2^36: an area,
+    /// and the place in it, below 2^31, which is 8 TiB of small pages. Places beyond that get the number of
+    /// another one.
+    [[nodiscard]] std::uint64_t slot() const {
+        return (frame() >> kAreaBits & kMostPlaces) | _area() << kPlaceBitsOfSlot;
+    }
+    static constexpr unsigned kPlaceBitsOfSlot = 31;
 
   private:
     static constexpr std::uint64_t kPlace = (std::uint64_t{1} << 55) - 1;
     static constexpr unsigned kAreaBits = 5;
+    static constexpr std::uint64_t kMostPlaces = (std::uint64_t{1} << kPlaceBitsOfSlot) - 1;
     /// Of swap. Higher numbers are entries of the kernel's own.
     static constexpr std::uint64_t kMostAreas = 23;
 
