@@ -290,13 +290,6 @@ void TaskSnapshot::_notePagesOf(SnapshotRegion& region, const LineageUse& use) {
     region.member = member + 1;
     RegionPages& pages = region.pages;
     pages.anonymous = pages.swapped = 0;
-    // Frames that follow each other are noted together.
-    std::uint64_t firstFrame = 0;
-    std::uint64_t frames = 0;
-    const auto noteFrames = [&] {
-        if (frames != 0) holder.holdFrames(firstFrame, frames);
-        frames = 0;
-    };
     const auto note = [&](std::uint64_t page, PageWord word, std::uint32_t count) {
         if (_tables->isZeroPage(word)) return;
         if (word.isPresent() && !word.isFile()) {
@@ -307,10 +300,10 @@ void TaskSnapshot::_notePagesOf(SnapshotRegion& region, const LineageUse& use) {
             } else if (word.isExclusive() && !use.notesExclusive &&
                        !(use.seesFrames && _tables->mayBeOfHugePage(page, word))) {
                 region.exclusive += count;
+            } else if (count == 1) {
+                holder.holdFrame(frame);
             } else {
-                if (frame != firstFrame + frames) noteFrames();
-                if (frames == 0) firstFrame = frame;
-                frames += count;
+                holder.holdFrames(frame, count);
             }
         } else if (word.isSwapped()) {
             pages.swapped += count;
@@ -324,7 +317,6 @@ void TaskSnapshot::_notePagesOf(SnapshotRegion& region, const LineageUse& use) {
             std::uint64_t page = address / pageSize();
             for (const std::uint64_t word : words) note(page++, PageWord(word), count);
         });
-    noteFrames();
 }
 
 void TaskSnapshot::_markDevices() {

@@ -100,7 +100,7 @@ TEST(LineagesTest, CountEachPageOnceInAnyOrderAndFromSeveralThreads) {
             for (std::size_t i = next++; i < regions; i = next++) {
                 const std::size_t region = regions - 1 - i;  // Low numbers come late.
                 Lineages::Holder holder(lineages, static_cast<Lineages::Member>(region));
-                for (const std::uint64_t frame : all.frames[region]) holder.holdFrames(frame);
+                for (const std::uint64_t frame : all.frames[region]) holder.holdFrame(frame);
                 for (const std::uint64_t slot : all.slots[region]) holder.holdSlot(slot);
             }
         };
@@ -117,7 +117,7 @@ TEST(LineagesTest, HugePageIsAsManyFrames) {
     const Lineages::Member whole = lineages.addMember();
     const Lineages::Member small = lineages.addMember();
     Lineages::Holder(lineages, whole).holdFrames(1024, 512);
-    Lineages::Holder(lineages, small).holdFrames(1500);
+    Lineages::Holder(lineages, small).holdFrame(1500);
     EXPECT_EQ(lineages.aloneIn(whole).resident, 511U);
     EXPECT_EQ(lineages.sharedThrough(whole).resident + lineages.sharedThrough(small).resident, 1U);
 }

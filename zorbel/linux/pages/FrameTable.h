@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -19,6 +20,9 @@ class FrameTable {
   public:
     using Word = std::atomic<std::uint32_t>;
 
+    /// So many words, from a multiple of that on, are in one piece.
+    static constexpr std::uint64_t kTogether = 64;
+
     /// The word of a number. Higher bits of the number are cut off: two that differ only there are taken for
     /// one.
     Word& at(std::uint64_t number) { return from(number).front(); }
@@ -26,7 +30,7 @@ class FrameTable {
     std::span<Word> from(std::uint64_t number);
 
   private:
-    static constexpr unsigned kPieceBits = 6;
+    static constexpr unsigned kPieceBits = std::bit_width(kTogether) - 1;
     static constexpr unsigned kDirectoryBits = 10;
 
     struct Piece {

@@ -50,6 +50,15 @@ void Lineages::Holder::holdFrames(std::uint64_t frame, std::uint64_t count) {
     }
 }
 
+// Neighbours in a process are neighbours in memory, in one direction or the other, as often as not.
+void Lineages::Holder::holdFrame(std::uint64_t frame) {
+    if (frame - _nearFrame >= _near.size()) {
+        _nearFrame = frame - frame % FrameTable::kTogether;
+        _near = _lineages._frames.from(_nearFrame);
+    }
+    _hold(_near[frame - _nearFrame], kResident);
+}
+
 void Lineages::Holder::holdSlot(std::uint64_t slot) { _hold(_lineages._slots.at(slot), kSwapped); }
 
 void Lineages::Holder::_holdKnown(FrameTable::Word& word, std::uint32_t known, std::size_t kind) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 
 #include "linux/pages/FrameTable.h"
 
@@ -65,7 +66,8 @@ class Lineages {
         Holder& operator=(const Holder&) = delete;
 
         /// Notes that the region holds so many consecutive frames.
-        void holdFrames(std::uint64_t frame, std::uint64_t count = 1);
+        void holdFrames(std::uint64_t frame, std::uint64_t count);
+        void holdFrame(std::uint64_t frame);
         /// Notes that the region holds a slot in swap.
         void holdSlot(std::uint64_t slot);
 
@@ -79,6 +81,8 @@ class Lineages {
         /// The word of shared pages first noted by the member that was met last: mostly it is the next one's,
         /// too.
         std::uint32_t _lastMet = 0;
+        std::span<FrameTable::Word> _near;  ///< Words from that of frame _nearFrame on, which was held last.
+        std::uint64_t _nearFrame = 0;
         std::array<std::int64_t, 2> _alone{};
         std::array<std::int64_t, 2> _shared{};
         std::array<std::int64_t, 2> _taken{};  ///< No longer alone in the member that was met last.

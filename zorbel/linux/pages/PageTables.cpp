@@ -215,7 +215,9 @@ int PageTables::forEachWord(std::uint64_t start, std::uint64_t end, const VisitW
 
 int PageTables::forEachUsedWord(std::uint64_t start, std::uint64_t end, const VisitUsedWords& visit) {
     const std::uint64_t stretch = kMostPagesOfCall * pageSize();
-    bool isDense = end - start <= _access.hugePageSize;
+    // The first scan only finds out what the region is like.
+    std::uint64_t scanned = _access.hugePageSize;
+    bool isDense = end - start <= scanned;
     while (start < end) {
         int error = 0;
         if (!_access.mayScan || (isDense && _access.seesFrames())) {
@@ -230,10 +232,13 @@ int PageTables::forEachUsedWord(std::uint64_t start, std::uint64_t end, const Vi
         } else {
             const std::uint64_t began = start;
             isDense = false;
-            error = _scan(start, end, Detail::kPlace, [&](const PageRun& run) {
-                isDense = !run.isHuge && run.end - run.start >= stretch && run.start == began;
-                if (error == 0) error = _visitRun(run, visit);
-            });
+            const int scanError =
+                _scan(start, std::min(end, start + scanned), Detail::kPlace, [&](const PageRun& run) {
+                    isDense = !run.isHuge && run.end - run.start >= scanned && run.start == began;
+                    if (error == 0) error = _visitRun(run, visit);
+                });
+            if (scanError != 0) return scanError;
+            scanned = stretch;
         }
         if (error != 0) return error;
         if (start < end) _giveWay();

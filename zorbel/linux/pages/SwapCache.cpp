@@ -88,7 +88,7 @@ void SwapCache::settle(Lineages& lineages) {
         if (const auto slot = _slotFor(kept.page))
             holder.holdSlot(*slot);
         else
-            holder.holdFrames(kept.frame);
+            holder.holdFrame(kept.frame);
     }
     _frames.clear();
 }
