@@ -1,5 +1,6 @@
 #include "e2e/Program.h"
 
+#include <fcntl.h>
 #include <pty.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -20,7 +21,7 @@ namespace zorbel::e2e {
 namespace {
 
 /// The descriptors become standard input, output and error; -1 keeps one unchanged.
-pid_t start(Words command, const std::array<int, 3>& streams) {
+pid_t start(Words command, const std::array<int, 3>& streams, const Preparation& prepare) {
     std::vector<char*> argv;
     for (std::string& word : command) argv.push_back(word.data());
     argv.push_back(nullptr);
@@ -29,6 +30,12 @@ pid_t start(Words command, const std::array<int, 3>& streams) {
     if (pid > 0) return pid;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     for (int target = 0; const int stream : streams) dup2(stream, target++);  // None where it is -1.
+    if (prepare) {
+        const int program = open(argv[0], O_PATH | O_CLOEXEC);
+        prepare();
+        prctl(PR_SET_PDEATHSIG, SIGKILL);  // A change of the user has forgotten it.
+        execveat(program, "", argv.data(), environ, AT_EMPTY_PATH);
+    }
     execvp(argv[0], argv.data());
     _exit(127);
 }
@@ -98,7 +105,7 @@ std::vector<ListedRegion> Outcome::listing() const {
     return regions;
 }
 
-ProgramRun::ProgramRun(Words command, bool isOnTerminal)
+ProgramRun::ProgramRun(Words command, bool isOnTerminal, const Preparation& prepare)
     : _output(memfd_create("output", MFD_CLOEXEC)), _error(memfd_create("error", MFD_CLOEXEC)) {
     int input = -1;
     if (isOnTerminal) {
@@ -107,7 +114,7 @@ ProgramRun::ProgramRun(Words command, bool isOnTerminal)
         _output = input;
         command.insert(command.begin(), {"setsid", "--ctty"});
     }
-    _pid = start(std::move(command), {input, _output, _error});
+    _pid = start(std::move(command), {input, _output, _error}, prepare);
     if (isOnTerminal) close(std::exchange(_output, -1));
 }
 
@@ -144,9 +151,9 @@ Words wide(const std::vector<pid_t>& pids) {
     return arguments;
 }
 
-Outcome runZorbel(const Words& arguments, Words program) {
+Outcome runZorbel(const Words& arguments, Words program, const Preparation& prepare) {
     program.insert(program.end(), arguments.begin(), arguments.end());
-    return ProgramRun(std::move(program)).finish();
+    return ProgramRun(std::move(program), false, prepare).finish();
 }
 
 }  // namespace zorbel::e2e

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -52,10 +53,14 @@ struct Outcome {
 inline std::string numberOf(pid_t pid) { return " [" + std::to_string(pid) + "]"; }
 inline std::string headerOf(pid_t pid) { return numberOf(pid) + ": 64-bit"; }
 
+/// What the process of a program does before the program begins, such as to become another user. The program
+/// is opened before that, so it need not be in reach then.
+using Preparation = std::function<void()>;
+
 /// A program that runs, and what it prints.
 class ProgramRun {
   public:
-    explicit ProgramRun(Words command, bool isOnTerminal = false);
+    explicit ProgramRun(Words command, bool isOnTerminal = false, const Preparation& prepare = {});
     ProgramRun(const ProgramRun&) = delete;
     ~ProgramRun();
 
@@ -77,7 +82,7 @@ class ProgramRun {
 Words wide(const std::vector<pid_t>& pids);
 
 /// Runs zorbel to its end, or another program that runs it.
-Outcome runZorbel(const Words& arguments, Words program = {kZorbel});
+Outcome runZorbel(const Words& arguments, Words program = {kZorbel}, const Preparation& prepare = {});
 inline Outcome measure(const std::vector<pid_t>& pids) { return runZorbel(wide(pids)); }
 
 }  // namespace zorbel::e2e

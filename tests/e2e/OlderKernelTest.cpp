@@ -1,0 +1,42 @@
+// What an older kernel does not have is done without: the report stays the same, or differs as documented.
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "e2e/Program.h"
+#include "fixtures/Fixture.h"
+#include "fixtures/Restriction.h"
+
+namespace zorbel::e2e {
+namespace {
+
+Outcome measureWithout(const std::vector<Call>& calls, const std::vector<pid_t>& pids) {
+    Words arguments = wide(pids);
+    arguments.insert(arguments.begin(), "-v");
+    return runZorbel(arguments, {kZorbel}, [&] { doWithout(calls); });
+}
+
+TEST(OlderKernelTest, SameReportWithoutTheScan) {
+    if (geteuid() != 0) GTEST_SKIP() << "takes root";
+    const Region memory(200), disk(200, MAP_PRIVATE, newFile(200, "/var/tmp"));
+    memory.touch(0, 150), disk.touch(0, 100);
+    const Region changed(40, MAP_SHARED, newFile(40, "/var/tmp"));
+    const Region copied(20, MAP_PRIVATE, newFile(20, "/dev/shm"));
+    const Region memfd(64, MAP_SHARED, newFile(64)), privateMemfd(30, MAP_PRIVATE, newFile(30));
+    const Region freed(70), locked(30);
+    const Fixture first({[&] {
+        disk.read(100, 50), changed.touch(10, 15), copied.read(0, 20), memfd.touch(0, 10);
+        freed.touch(0, 70), freed.freeLazily(), freed.touch(0, 4);
+    }});
+    const Fixture second({[&] {
+        memory.touch(0, 20), disk.touch(0, 10), disk.touch(150, 5), copied.read(0, 20), copied.touch(3, 5);
+        memfd.touch(5, 30), privateMemfd.touch(2, 8), locked.lock();
+    }});
+    const Fixture third({[&] { disk.touch(0, 100), memory.touch(100, 100), memfd.read(0, 35); }});
+    const std::vector<pid_t> pids = {first.pid(), second.pid(), third.pid()};
+    EXPECT_EQ(measureWithout({Call::kPageScan}, pids).output, measureWithout({}, pids).output);
+}
+
+}  // namespace
+}  // namespace zorbel::e2e
