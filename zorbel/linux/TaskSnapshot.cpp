@@ -72,9 +72,10 @@ TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& service
     _readRegions(processDirectory, plan);
     const int memoryDirectory = _directoryOfMemory(processDirectory);
     if (!_tables) _tables.emplace(memoryDirectory, _services.pageAccess);
-    const bool needsSmaps = !_noteFiles(memoryDirectory) || plan.smapsUse == SmapsUse::kAlways ||
-                            (plan.smapsUse == SmapsUse::kForLazyPages && _mayHaveLazyPages());
-    if (_services.pageAccess.mayScan && needsSmaps) _readDetails(memoryDirectory);
+    const bool knowsFiles = _noteFiles(memoryDirectory);
+    if (!_isFromSmaps && (!knowsFiles || plan.smapsUse == SmapsUse::kAlways ||
+                          (plan.smapsUse == SmapsUse::kForLazyPages && _mayHaveLazyPages())))
+        _readDetails(memoryDirectory);
     _identifyByFrames();
     for (SnapshotRegion& region : _regions) region.isWritten = region.isWritten || region.hasOwnPages();
     _findImages(processDirectory);
@@ -111,8 +112,21 @@ void TaskSnapshot::_readRegions(int processDirectory, const ReadingPlan& plan) {
 }
 
 KernReturn TaskSnapshot::_read(int processDirectory, const std::string& place, const ReadingPlan& plan) {
-    const std::string path = place + (_services.pageAccess.mayScan ? "maps" : "smaps");
-    const FileDescriptor maps = openForReading(path.c_str(), processDirectory);
+    const auto open = [&](const char* name) {
+        return openForReading((place + name).c_str(), processDirectory);
+    };
+    FileDescriptor maps = open(_services.pageAccess.mayScan ? "maps" : "smaps");
+    _isFromSmaps = !_services.pageAccess.mayScan;
+    int tablesError = 0;
+    if (maps.isOpen() && !_isFromSmaps) {
+        const FileDescriptor directory =
+            place.empty() ? FileDescriptor() : openDirectory(place.c_str(), processDirectory);
+        _tables.emplace(directory.isOpen() ? directory.get() : processDirectory, _services.pageAccess);
+        tablesError = _tables->isOpen() ? 0 : errno;
+        // Who may trace a process may read these texts, but pagemap is for its user and root.
+        _isFromSmaps = tablesError == EACCES || tablesError == EPERM;
+        if (_isFromSmaps) maps = open("smaps");
+    }
     if (!maps.isOpen())
         return errno == ENOENT || errno == ESRCH ? kMachSendInvalidDest : kernReturnFromErrno(errno);
     // One for each worker thread, reused for all its processes.
@@ -132,11 +146,8 @@ KernReturn TaskSnapshot::_read(int processDirectory, const std::string& place, c
         filled -= consumed;
         if (filled == kBufferSize) filled = 0;  // No entry is that large.
     }
-    if (_services.pageAccess.mayScan) {
-        const FileDescriptor directory =
-            place.empty() ? FileDescriptor() : openDirectory(place.c_str(), processDirectory);
-        _tables.emplace(directory.isOpen() ? directory.get() : processDirectory, _services.pageAccess);
-        const int error = _tables->isOpen() ? _countAllPages(plan) : errno;
+    if (!_isFromSmaps) {
+        const int error = tablesError == 0 ? _countAllPages(plan) : tablesError;
         if (error != 0 && error != ESRCH && error != ENOENT) return kernReturnFromErrno(error);
     }
     // Asked at the end: page tables that are gone count nothing.

@@ -32,7 +32,7 @@ struct SnapshotServices {
     ObjectIds& objectIds;
     SharedFiles& sharedFiles;
     const FrameFlags& frameFlags;
-    PageAccess pageAccess;  ///< Where it has no scan, smaps is read.
+    PageAccess pageAccess;  ///< Where it has no scan, smaps is read instead of maps.
 };
 
 /// How a process notes its private pages, where another target may have them in common with it.
@@ -69,7 +69,8 @@ struct ReadingPlan {
 
 /// The regions and images of a process. Regions are disjoint and in ascending order.
 ///
-/// The regions come from maps, and their pages from the page tables. The kernel merges neighbours, such as a
+/// The regions come from maps, and their pages from the page tables; where those can't be scanned or opened,
+/// both come from smaps. The kernel merges neighbours, such as a
 /// library's zeroed data and a heap above it: regions are split where a segment of an image begins or ends.
 class TaskSnapshot {
   public:
@@ -145,6 +146,7 @@ class TaskSnapshot {
     KernReturn _codeAtEnd = kKernInvalidAddress;
     mutable std::size_t _lastFound = 0;
     bool _knowsMounts = false;
+    bool _isFromSmaps = false;  ///< Otherwise from maps and the page tables.
     struct SplitRegion {
         std::uint64_t start;
         std::uint64_t end;

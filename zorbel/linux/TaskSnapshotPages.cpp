@@ -126,6 +126,23 @@ int countStretch(PageTables& tables, Regions regions, PageTables::Detail detail)
     });
 }
 
+/// Gives each part its share of the pages that the whole has, by size. The sums stay the same.
+void distributePages(Regions parts) {
+    const RegionPages whole = parts.front().pages;
+    std::uint64_t restSize = sizeOf(parts);
+    RegionPages rest = whole;
+    for (SnapshotRegion& part : parts) {
+        for (const auto count : {&RegionPages::anonymous, &RegionPages::file, &RegionPages::swapped,
+                                 &RegionPages::fileSwapped, &RegionPages::fileDirty, &RegionPages::lazy}) {
+            part.pages.*count =
+                static_cast<std::uint32_t>(static_cast<double>(rest.*count) *
+                                           static_cast<double>(part.size()) / static_cast<double>(restSize));
+            rest.*count -= part.pages.*count;
+        }
+        restSize -= part.size();
+    }
+}
+
 }  // namespace
 
 // Most of what processes map is programs and libraries that nobody has written, and to tell their pages from
@@ -197,7 +214,7 @@ int TaskSnapshot::_countPages(std::span<SnapshotRegion> counted, bool readsWords
     return 0;
 }
 
-// The parts had the pages of the whole until now. Where lazily freed pages are is not known: heaps free like
+// The parts had the pages of the whole until now. Where page tables can't be read, each gets a share. Where lazily freed pages are is not known: heaps free like
 // that, and are large.
 void TaskSnapshot::_recountSplitRegions() {
     for (const SplitRegion& whole : _splitRegions) {
@@ -205,7 +222,10 @@ void TaskSnapshot::_recountSplitRegions() {
         const auto last = std::ranges::lower_bound(_regions, whole.end, {}, &SnapshotRegion::start);
         const Regions parts(first, last);
         const std::uint32_t lazy = parts.front().pages.lazy;
-        if (!parts.front().isUncounted && _countPages(parts, false) != 0) continue;
+        if (!parts.front().isUncounted && _countPages(parts, false) != 0) {
+            distributePages(parts);
+            continue;
+        }
         for (SnapshotRegion& part : parts) part.pages.lazy = 0;
         std::ranges::max_element(parts, {}, &SnapshotRegion::size)->pages.lazy = lazy;
     }
@@ -276,7 +296,7 @@ void TaskSnapshot::_identifyByFrames() {
 void TaskSnapshot::_notePages(const LineageUse& use) {
     if (use.lineages == nullptr) return;
     if (!_tables->isOpen()) {
-        if (_services.pageAccess.mayScan) _codeAtEnd = kMachSendInvalidDest;  // It could be opened before.
+        if (!_isFromSmaps) _codeAtEnd = kMachSendInvalidDest;  // It could be opened before.
         return;
     }
     for (SnapshotRegion& region : _regions)
