@@ -25,7 +25,8 @@ bool isBefore(std::int32_t a, std::int32_t b) {
 
 }  // namespace
 
-Families::Families(std::span<const Process> processes, bool seesFrames, const HasMemory& hasMemory)
+Families::Families(std::span<const Process> processes, bool seesFrames, bool seesFlags,
+                   const HasMemory& hasMemory)
     : _seesFrames(seesFrames),
       _comparesSpaces(compareSpaces(getpid(), getpid()) == 0),
       _firsts(processes.size()),
@@ -42,7 +43,8 @@ Families::Families(std::span<const Process> processes, bool seesFrames, const Ha
         const std::size_t spaces = _findAddressSpaces(processes, {first, last}, hasMemory);
         _isAlone.push_back(spaces == 1);
         const bool hasSwap = std::any_of(first, last, [&](std::size_t i) { return processes[i].hasSwap; });
-        _swapCaches.push_back(_seesFrames && spaces > 1 && hasSwap ? std::make_unique<SwapCache>() : nullptr);
+        const bool mayPair = _seesFrames && seesFlags && spaces > 1 && hasSwap;
+        _swapCaches.push_back(mayPair ? std::make_unique<SwapCache>() : nullptr);
         first = last;
     }
     _lineages.resize(_seesFrames ? 1 : _isAlone.size());

@@ -31,8 +31,9 @@ class Families {
     /// Whether a thread has memory now.
     using HasMemory = std::function<bool(std::int32_t thread)>;
 
-    /// Without the right to see frames, pages are told apart by their addresses.
-    Families(std::span<const Process> processes, bool seesFrames, const HasMemory& hasMemory);
+    /// Without the right to see frames, pages are told apart by their addresses. Without the right to see
+    /// their flags, nothing is known of the swap cache.
+    Families(std::span<const Process> processes, bool seesFrames, bool seesFlags, const HasMemory& hasMemory);
 
     /// The index of the first process that has the same address space, as after vfork().
     [[nodiscard]] std::size_t firstOfAddressSpace(std::size_t process) const { return _firsts[process]; }

@@ -375,7 +375,7 @@ void LinuxPlatform::_prepareReading() {
         processes.push_back({task.thread, task.stackStart, task.status && task.status->swapped != 0});
     }
     _pageAccess = PageAccess::find(_root);
-    _families.emplace(processes, _pageAccess.seesFrames(), [this](std::int32_t thread) {
+    _families.emplace(processes, _pageAccess.seesFrames(), _frameFlags.isOpen(), [this](std::int32_t thread) {
         const auto stat = readStatOf(_root, thread);
         return stat && stat->stackStart != 0;
     });

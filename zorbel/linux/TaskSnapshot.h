@@ -120,7 +120,8 @@ class TaskSnapshot {
     void _recountSplitRegions();
     [[nodiscard]] bool _mayHaveLazyPages();
     void _readDetails(int processDirectory);
-    /// False where the dirty pages of a file on disk can't be counted in the file: smaps shows them.
+    /// False where a file on disk is mapped that may have been written through the mapping, but whose dirty
+    /// pages can't be counted in the file: smaps shows them.
     bool _noteFiles(int processDirectory);
     /// Objects of the kernel that share one inode are told apart by the frame of their first page.
     void _identifyByFrames();

@@ -233,7 +233,7 @@ void TaskSnapshot::_recountSplitRegions() {
 
 // Only anonymous mappings can be freed like that.
 bool TaskSnapshot::_mayHaveLazyPages() {
-    if (!_services.pageAccess.seesFrames()) return true;
+    if (!_services.pageAccess.seesFrames() || !_services.frameFlags.isOpen()) return true;
     for (const SnapshotRegion& region : _regions) {
         if (!region.isPrivate || region.fileId() != 0 || (region.pages.anonymous == 0 && !region.isUncounted))
             continue;
@@ -263,6 +263,8 @@ void TaskSnapshot::_readDetails(int processDirectory) {
 bool TaskSnapshot::_noteFiles(int processDirectory) {
     bool isKnown = true;
     for (const SnapshotRegion& region : _regions) {
+        // Programs map many files shared that they only read, and without root none can be opened.
+        const bool mayBeDirty = region.has(SmapsEntry::kWrite) && region.pages.file != 0;
         const bool isOnDisk = region.hasStorage;
         if (region.fileId() == 0 || !(isOnDisk ? !region.isPrivate : hasSharedPages(region.tag))) continue;
         const bool isOpen = _services.sharedFiles.note(region.fileId(), region.offset, region.size(), [&] {
@@ -274,7 +276,7 @@ bool TaskSnapshot::_noteFiles(int processDirectory) {
             return FileDescriptor(
                 openat(processDirectory, path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
         });
-        isKnown = isKnown && (isOpen || !isOnDisk || region.pages.file == 0);
+        isKnown = isKnown && (isOpen || !isOnDisk || !mayBeDirty);
     }
     return isKnown;
 }
