@@ -7,6 +7,7 @@
 #include "e2e/Program.h"
 #include "fixtures/Fixture.h"
 #include "fixtures/Restriction.h"
+#include "fixtures/SystemSetting.h"
 
 namespace zorbel::e2e {
 namespace {
@@ -36,6 +37,26 @@ TEST(OlderKernelTest, SameReportWithoutTheScan) {
     const Fixture third({[&] { disk.touch(0, 100), memory.touch(100, 100), memfd.read(0, 35); }});
     const std::vector<pid_t> pids = {first.pid(), second.pid(), third.pid()};
     EXPECT_EQ(measureWithout({Call::kPageScan}, pids).output, measureWithout({}, pids).output);
+}
+
+TEST(OlderKernelTest, SwappedCopiesOfMemoryFilesAreTheProcesssOwn) {
+    const SwapDevice device;
+    if (!device.isUsable()) GTEST_SKIP() << "takes root and an unused /dev/zram0";
+    const int fd = newFile(40);
+    const Region file(40, MAP_SHARED, dup(fd)), written(40, MAP_PRIVATE, dup(fd));
+    const Region sealed(40, MAP_PRIVATE, fd);
+    const Fixture first({[&] { file.touch(0, 40), file.pageOut(); }});
+    const Fixture second({[&] {
+        written.touch(0, 5), written.pageOut();
+        sealed.touch(10, 3), sealed.pageOut(), sealed.protect(PROT_READ);
+    }});
+    // One alone in a report, and a family.
+    for (const auto& pids : {std::vector{second.pid()}, std::vector{first.pid(), second.pid()}}) {
+        const Outcome expected = measureWithout({}, pids);
+        EXPECT_EQ(expected.tableOf(second.pid())["memfd"].swapped, pids.size() == 1 ? 32 + 8 : 8);
+        EXPECT_EQ(expected.summary()["memfd"].swapped, pids.size() == 1 ? 0 : 32 + 8);
+        EXPECT_EQ(measureWithout({Call::kPageScan}, pids).output, expected.output);
+    }
 }
 
 }  // namespace

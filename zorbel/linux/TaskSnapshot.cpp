@@ -54,8 +54,8 @@ RegionPages pagesOf(const SmapsEntry& entry, bool hasStorage) {
     pages.anonymous = pagesOfKibibytes(entry.anonymous + (entry.isShared ? 0 : entry.hugetlb()));
     pages.file = pagesOfKibibytes(entry.resident - std::min(entry.anonymous, entry.resident) +
                                   (entry.isShared ? entry.hugetlb() : 0));
-    // "Swap" counts the pages of a file in memory as well. A private mapping that is not writable has none of
-    // its own.
+    // "Swap" counts the pages of a file in memory as well. What a private mapping has of its own is most
+    // likely all of it if it is writable, and nothing otherwise; _tellOwnSwap() looks closer.
     const bool isOfFile =
         entry.isShared || (mapsFile(entry) && !hasStorage && (entry.permissions & SmapsEntry::kWrite) == 0);
     (isOfFile ? pages.fileSwapped : pages.swapped) = pagesOfKibibytes(entry.swap);
@@ -72,6 +72,7 @@ TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& service
     _readRegions(processDirectory, plan);
     const int memoryDirectory = _directoryOfMemory(processDirectory);
     if (!_tables) _tables.emplace(memoryDirectory, _services.pageAccess);
+    if (_isFromSmaps) _tellOwnSwap();
     const bool knowsFiles = _noteFiles(memoryDirectory);
     if (!_isFromSmaps && (!knowsFiles || plan.smapsUse == SmapsUse::kAlways ||
                           (plan.smapsUse == SmapsUse::kForLazyPages && _mayHaveLazyPages())))

@@ -117,6 +117,8 @@ class TaskSnapshot {
     /// Counts the pages of regions that follow each other. Large anonymous ones are left out where the words
     /// of their pages are read later. 0 or an errno.
     int _countPages(std::span<SnapshotRegion> counted, bool readsWords);
+    /// Of private mappings of files in memory, whose pages in swap smaps counts with the file's.
+    void _tellOwnSwap();
     void _recountSplitRegions();
     [[nodiscard]] bool _mayHaveLazyPages();
     void _readDetails(int processDirectory);

@@ -214,8 +214,24 @@ int TaskSnapshot::_countPages(std::span<SnapshotRegion> counted, bool readsWords
     return 0;
 }
 
-// The parts had the pages of the whole until now. Where page tables can't be read, each gets a share. Where lazily freed pages are is not known: heaps free like
-// that, and are large.
+// Page tables have the slots of private pages. Those of a file's pages are in the file only.
+void TaskSnapshot::_tellOwnSwap() {
+    if (!_tables->isOpen()) return;
+    for (SnapshotRegion& region : _regions) {
+        const std::uint32_t all = region.pages.swapped + region.pages.fileSwapped;
+        if (!region.isPrivate || region.file == nullptr || region.hasStorage || all == 0) continue;
+        std::uint32_t own = 0;
+        const auto count = [&own](std::uint64_t, std::span<const std::uint64_t> words) {
+            for (const std::uint64_t word : words) own += PageWord(word).isSwapped();
+        };
+        if (_tables->forEachWord(region.start, region.end, count) != 0) continue;
+        region.pages.swapped = std::min(own, all);
+        region.pages.fileSwapped = all - region.pages.swapped;
+    }
+}
+
+// The parts had the pages of the whole until now. Where page tables can't be read, each gets a share. Where
+// lazily freed pages are is not known: heaps free like that, and are large.
 void TaskSnapshot::_recountSplitRegions() {
     for (const SplitRegion& whole : _splitRegions) {
         const auto first = std::ranges::lower_bound(_regions, whole.start, {}, &SnapshotRegion::start);
