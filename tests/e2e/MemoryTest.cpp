@@ -5,10 +5,10 @@
 #include <unistd.h>
 
 #include <list>
-#include <memory>
 
 #include "e2e/Program.h"
 #include "fixtures/Fixture.h"
+#include "fixtures/Restriction.h"
 #include "fixtures/SystemSetting.h"
 
 namespace zorbel::e2e {
@@ -210,20 +210,33 @@ TEST(MemoryTest, NoRegionHasMorePagesThanAddresses) {
 }
 
 TEST(MemoryTest, HugePages) {
+    const HugePages pages(16);
+    if (!pages.areUsable()) GTEST_SKIP() << "takes root, pages of 4 KiB and 32 MiB for huge ones";
     constexpr std::int64_t kSmallPages = kHugePageSize / 4096;
-    if (geteuid() != 0 || kPageSize != 4096) GTEST_SKIP() << "takes root and pages of 4 KiB";
-    const std::string path = "/proc/sys/vm/nr_hugepages";
-    const int setting = readNumber(path);
-    const std::shared_ptr<void> putBack(
-        nullptr, [&](void*) { EXPECT_TRUE(writeFile(path, std::to_string(setting))); });
-    ASSERT_TRUE(writeFile(path, std::to_string(setting + 4)));
-    if (readNumber(path) < setting + 4) GTEST_SKIP() << "no huge pages to be had";
     const Fixture fixture({[] {
         static const Region huge(4, MAP_PRIVATE | MAP_HUGETLB);
         huge.touch(0, 3);
     }});
     EXPECT_EQ(ownRow(fixture, "huge pages"),
               (Row{.dirty = 3 * kSmallPages, .wired = 3 * kSmallPages, .regions = 1}));
+
+    // Pages of a file count once, whoever has touched them, and copies for the process that has made them.
+    const int fd = memfd_create("huge", MFD_CLOEXEC | MFD_HUGETLB);
+    check(fd >= 0 && ftruncate(fd, 4 * kHugePageSize) == 0, "a file of huge pages");
+    const Region file(4, MAP_SHARED | MAP_HUGETLB, dup(fd)), copied(4, MAP_PRIVATE | MAP_HUGETLB, fd);
+    const Fixture left({[&] { file.touch(0, 2); }}), right({[&] { file.touch(2, 1); }});
+    const Fixture reader({[&] { copied.read(0, 3); }});
+    const Fixture writer({[&] { copied.read(0, 3), copied.touch(0, 1); }});
+    const std::vector<pid_t> pids = {left.pid(), right.pid(), reader.pid(), writer.pid()};
+    const auto expect = [&](const Outcome& outcome) {
+        EXPECT_EQ(outcome.summary()["huge pages"].dirty, 4 * kSmallPages);
+        EXPECT_EQ(outcome.tableOf(writer.pid())["huge pages"],
+                  (Row{.dirty = kSmallPages, .wired = kSmallPages, .regions = 1}));
+        EXPECT_EQ(outcome.tableOf(reader.pid()).count("huge pages"), 0U);
+    };
+    expect(measure(pids));
+    expect(runZorbel(wide(pids), {kZorbel}, [] { doWithout({Call::kPageScan, Call::kCachestat}); }));
+    EXPECT_EQ(measure({left.pid(), right.pid()}).summary()["huge pages"].dirty, 3 * kSmallPages);
 }
 
 TEST(MemoryTest, PagesInSwap) {

@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -93,6 +94,55 @@ TEST(PrivilegeTest, LazilyFreedPagesWithoutTheFlagsOfFrames) {
     for (const auto& capabilities : {std::vector<unsigned>(), std::vector<unsigned>{CAP_SYS_ADMIN}}) {
         Table table = measureAsNobody({fixture.pid()}, capabilities).tableOf(fixture.pid());
         EXPECT_EQ(table["TOTAL"].reclaimable, 65);
+    }
+}
+
+TEST(PrivilegeTest, SharedMemoryIsWhatAnyTargetHasTouched) {
+    if (geteuid() != 0) GTEST_SKIP() << "takes root";
+    const int fd = newFile(68);
+    const Region memory(64, MAP_SHARED, dup(fd)), copied(64, MAP_PRIVATE, fd);
+    const auto quarter = [&](std::size_t number) {
+        // Neighbours have two pages in common. The last two pages of all nobody touches.
+        return Fixture::Step(
+            [&memory, number] { becomeNobody(), memory.touch(number * 16, number < 3 ? 18 : 14); });
+    };
+    const Fixture first({quarter(0)}), second({quarter(1)}), third({quarter(2)}), fourth({quarter(3)});
+    const std::vector<pid_t> pids = {first.pid(), second.pid(), third.pid(), fourth.pid()};
+    const Outcome all = measureAsNobody(pids);
+    EXPECT_EQ(all.summary()["memfd"], (Row{.dirty = 62, .regions = 8}));
+    std::vector<pid_t> reversed(pids.rbegin(), pids.rend());
+    EXPECT_EQ(measureAsNobody(reversed).summary()["memfd"], (Row{.dirty = 62, .regions = 8}));
+    EXPECT_EQ(measureAsNobody({second.pid()}).tableOf(second.pid())["memfd"],
+              (Row{.dirty = 18, .regions = 2}));
+    // A private mapping shows pages of the file, too, and has its copies besides.
+    const Fixture copies({[&] { becomeNobody(), copied.read(0, 20), copied.touch(30, 5); }});
+    const Outcome both = measureAsNobody({first.pid(), copies.pid()});
+    EXPECT_EQ(both.tableOf(copies.pid())["memfd"], (Row{.dirty = 5, .regions = 1}));
+    const std::int64_t ofFile = both.summary()["memfd"].dirty - 5;
+    EXPECT_GE(ofFile, 20);  // Reading maps some pages around, of those that exist.
+    EXPECT_LE(ofFile, 62);
+}
+
+TEST(PrivilegeTest, PrivateMemoryOfAFamilyIsBetweenTheLargestAndTheSum) {
+    if (geteuid() != 0) GTEST_SKIP() << "takes root";
+    const Region memory(300), disk(200, MAP_PRIVATE, newFile(200, "/var/tmp"));
+    memory.touch(0, 200), disk.touch(0, 100);
+    const Fixture first({[&] { becomeNobody(), memory.touch(50, 100), disk.touch(150, 50); }});
+    const Fixture second({[&] { becomeNobody(), memory.touch(200, 100); }});
+    const Fixture third({[&] { becomeNobody(), disk.touch(0, 100); }});
+    const std::vector<pid_t> pids = {first.pid(), second.pid(), third.pid()};
+    Table summary = measureAsNobody(pids).summary(), truth = measure(pids).summary();
+    for (const std::string& category : {kUntagged, std::string("mapped file"), std::string("TOTAL")}) {
+        std::int64_t largest = 0, sum = 0;
+        for (const pid_t pid : pids) {
+            const std::int64_t own = measure({pid}).tableOf(pid)[category].dirty;
+            largest = std::max(largest, own);
+            sum += own;
+        }
+        EXPECT_GE(summary[category].dirty, largest) << category;
+        EXPECT_LE(summary[category].dirty, sum) << category;
+        EXPECT_GT(sum, truth[category].dirty);
+        EXPECT_GE(truth[category].dirty, largest);
     }
 }
 

@@ -119,6 +119,19 @@ TEST(ProcessTest, MeasuresMoreSharedFilesThanOpenFiles) {
     for (const Fixture& fixture : readLater) EXPECT_GT(outcome.tableOf(fixture.pid())["stack"].regions, 0);
 }
 
+TEST(ProcessTest, CountsFilesInTheSameWayWithFewDescriptors) {
+    if (geteuid() != 0) GTEST_SKIP() << "takes root";
+    std::list<Region> files;
+    for (int i = 0; i < 150; ++i) files.emplace_back(2, MAP_SHARED, newFile(2)).touch(0, 2);
+    const Fixture first;  // They map the files, and have touched no page.
+    const Fixture second({[&] { files.front().read(0, 1); }});
+    const std::vector<pid_t> pids = {first.pid(), second.pid()};
+    const Outcome outcome = measure(pids);
+    EXPECT_EQ(outcome.summary()["memfd"], (Row{.dirty = 300, .regions = 300}));
+    for (const char* limit : {"--nofile=100", "--nofile=60"})
+        EXPECT_EQ(runZorbel(wide(pids), {"prlimit", limit, kZorbel}).output, outcome.output) << limit;
+}
+
 /// A run of zorbel, stopped while it reads the many regions of the first process. On a busy
 /// machine the stop may come too late, so it is retried.
 std::unique_ptr<ProgramRun> stoppedRun(const std::vector<pid_t>& pids, bool isOnTerminal = false) {

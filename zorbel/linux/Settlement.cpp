@@ -28,7 +28,8 @@ class Settlement {
             Lineage& lineage = _lineages[lineageOf(region, task)];
             lineage.pages += task.lineages->sharedThrough(region.member - 1);
             lineage.lazy = std::max<std::uint64_t>(lineage.lazy, part.pages_reusable);
-            if (region.isLocked) lineage.wired = std::max<std::uint64_t>(lineage.wired, part.pages_resident);
+            if (region.isLocked || region.isHuge)
+                lineage.wired = std::max<std::uint64_t>(lineage.wired, part.pages_resident);
         }
     }
 
@@ -45,13 +46,13 @@ class Settlement {
     }
 
     /// Two tasks with one address space: all that is private becomes common to both.
-    static void shareAddressSpace(const ReadTask& first, const ReadTask& other) {
+    void shareAddressSpace(const ReadTask& first, const ReadTask& other) {
         for (SnapshotRegion& region : first.snapshot->regions()) {
             if (!region.isPrivate || isCommon(region)) continue;
             SharedPages own{region.objectId, region.pages.anonymous, region.pages.swapped, region.pages.lazy};
             std::vector<SharedPages> parts(region.shared.begin(), region.shared.end());
             for (const SharedPages& part : parts) {
-                if (region.isOfMemoryFile() && &part == &parts.back()) continue;
+                if (region.fileId() != 0 && part.object_id == idOfFile(region.fileId())) continue;
                 own.pages_resident -= std::min(own.pages_resident, part.pages_resident);
                 own.pages_swapped_out -= std::min(own.pages_swapped_out, part.pages_swapped_out);
             }
@@ -60,7 +61,7 @@ class Settlement {
             own.pages_reusable = std::min(own.pages_reusable, own.pages_resident);
             own.object_pages_swapped_out = own.pages_swapped_out;
             own.object_pages_reusable = own.pages_reusable;
-            own.object_pages_wired = region.isLocked ? own.pages_resident : 0;
+            own.object_pages_wired = region.isLocked || region.isHuge ? own.pages_resident : 0;
             parts.push_back(own);
             region.shared = first.snapshot->keep(parts);
         }
@@ -123,7 +124,8 @@ class Settlement {
     /// Pages of a region's file in its range, and in all ranges that are mapped.
     std::pair<std::optional<FilePages>, std::optional<FilePages>> pagesOfFile(const SnapshotRegion& region) {
         SharedFiles& files = _services.sharedFiles;
-        return {files.pagesIn(region.fileId(), region.offset, region.size()), files.pagesOf(region.fileId())};
+        return {files.pagesIn(region.fileId(), region.offset, region.size(), region.pages.fileSwapped),
+                files.pagesOf(region.fileId())};
     }
 
     /// Pages of a file in the ranges that any task has locked.
@@ -138,13 +140,14 @@ class Settlement {
             const std::uint64_t start = std::max(range.first, end);
             end = std::max(end, range.second);
             if (start >= end) continue;
-            if (const auto pages = _services.sharedFiles.pagesIn(fileId, start, end - start))
+            if (const auto pages = _services.sharedFiles.pagesIn(fileId, start, end - start, 0))
                 locked += (*pages).*kind;
         }
         return locked;
     }
 
-    /// All pages of the file in the mapped ranges are charged, no matter which process has touched them.
+    /// All pages of the file in the mapped ranges are charged, no matter which process has touched them;
+    /// where only touched ones are known, these.
     void addMemoryFile(SnapshotRegion& region) {
         const auto [inRegion, total] = pagesOfFile(region);
         if (!inRegion || !total) return;
@@ -155,8 +158,11 @@ class Settlement {
         const auto swapped = pages32(std::min(inRegion->swapped, room - resident));
         region.pages.file = resident;
         region.pages.fileSwapped = swapped;
-        _parts.push_back({idOfFile(region.fileId()), resident, swapped, 0, total->cached, total->swapped, 0,
-                          lockedPagesOf(region.fileId(), &FilePages::cached)});
+        if (total->cached + total->swapped == 0) return;
+        const std::uint64_t locked =
+            region.isHuge ? total->cached : lockedPagesOf(region.fileId(), &FilePages::cached);
+        _parts.push_back(
+            {idOfFile(region.fileId()), resident, swapped, 0, total->cached, total->swapped, 0, locked});
     }
 
     /// Dirty pages of a file on disk, also those that nobody here has touched.
@@ -221,7 +227,7 @@ void settle(std::vector<ReadTask>& tasks, const SnapshotServices& services) {
         if (tasks[i].snapshot != nullptr && standing[i] == i) settlement.settle(tasks[i]);
     for (std::size_t i = 0; i < tasks.size(); ++i)
         if (standing[i] != i && tasks[i].snapshot != nullptr && !tasks[i].snapshot->regions().empty())
-            Settlement::shareAddressSpace(tasks[standing[i]], tasks[i]);
+            settlement.shareAddressSpace(tasks[standing[i]], tasks[i]);
 }
 
 std::uint64_t mappedKernelPages(const std::vector<ReadTask>& tasks) {

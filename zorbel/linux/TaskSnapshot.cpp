@@ -72,7 +72,10 @@ TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& service
     _readRegions(processDirectory, plan);
     const int memoryDirectory = _directoryOfMemory(processDirectory);
     if (!_tables) _tables.emplace(memoryDirectory, _services.pageAccess);
-    if (_isFromSmaps) _tellOwnSwap();
+    if (_isFromSmaps) {
+        _tellOwnSwap();
+        _seePagesOfFiles();
+    }
     const bool knowsFiles = _noteFiles(memoryDirectory);
     if (!_isFromSmaps && (!knowsFiles || plan.smapsUse == SmapsUse::kAlways ||
                           (plan.smapsUse == SmapsUse::kForLazyPages && _mayHaveLazyPages())))
@@ -91,6 +94,7 @@ TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& service
     _splitRegions = {};
     _thread = FileDescriptor();
     _tables.reset();
+    _seen = {};
 }
 
 void TaskSnapshot::_readRegions(int processDirectory, const ReadingPlan& plan) {

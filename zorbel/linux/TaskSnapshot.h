@@ -119,6 +119,14 @@ class TaskSnapshot {
     int _countPages(std::span<SnapshotRegion> counted, bool readsWords);
     /// Of private mappings of files in memory, whose pages in swap smaps counts with the file's.
     void _tellOwnSwap();
+    /// Whether the pages that a region has of its file count by page tables.
+    [[nodiscard]] bool _countsSeenPages(const SnapshotRegion& region) const;
+    /// Notes a run of pages of the region's file, for the files that count like that.
+    void _see(const SnapshotRegion& region, std::uint64_t start, std::uint64_t end);
+    /// Looks at such pages where only their number is known.
+    void _seePagesOfFiles();
+    /// Likewise, with one question. 0 or an errno.
+    int _countStretch(std::span<SnapshotRegion> regions, PageTables::Detail detail);
     void _recountSplitRegions();
     [[nodiscard]] bool _mayHaveLazyPages();
     void _readDetails(int processDirectory);
@@ -141,6 +149,8 @@ class TaskSnapshot {
     FileDescriptor _thread;  ///< The /proc directory of a thread; open if the process's own files do not show
                              ///< its memory.
     std::optional<PageTables> _tables;  ///< While it is read.
+    std::vector<SeenPages> _seen;       ///< Likewise.
+    bool _knowsSeen = false;            ///< Whether these are all.
     std::vector<SnapshotRegion> _regions;
     /// Lent to the regions; also of a snapshot that has taken them over.
     std::shared_ptr<std::forward_list<MappedFile>> _files = std::make_shared<std::forward_list<MappedFile>>();

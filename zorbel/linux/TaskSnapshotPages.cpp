@@ -1,11 +1,7 @@
 // The pages of a snapshot: how many of which kind, and who else may have them.
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 
 #include "linux/TaskSnapshot.h"
 #include "linux/kinds/RegionKinds.h"
@@ -96,9 +92,13 @@ std::uint64_t sizeOf(Regions regions) {
     return size;
 }
 
-void add(const PageRun& run, PageTables::Detail detail, std::uint32_t pages, SnapshotRegion& region) {
+/// Whether pages that are present are the file's.
+bool isOfFile(const PageRun& run, PageTables::Detail detail, const SnapshotRegion& region) {
+    return run.isFile || (detail == PageTables::Detail::kPlace && !isAnonymous(region));
+}
+
+void add(const PageRun& run, bool isFile, std::uint32_t pages, SnapshotRegion& region) {
     if (region.tag == Tag::kVvar) return;  // Present, but of no use to count: no memory of the system's.
-    const bool isFile = run.isFile || (detail == PageTables::Detail::kPlace && !isAnonymous(region));
     if (!run.isPresent)  // Shared pages in swap don't show; what looks like them is a mark of the kernel's.
         region.pages.swapped += region.isPrivate ? pages : 0;
     else if (isFile)
@@ -107,23 +107,6 @@ void add(const PageRun& run, PageTables::Detail detail, std::uint32_t pages, Sna
         region.pages.anonymous += pages;
     else  // Pages of a shared mapping that are neither: of a device.
         region.isDevice = true;
-}
-
-/// Counts the pages of regions that follow each other. 0 or an errno.
-int countStretch(PageTables& tables, Regions regions, PageTables::Detail detail) {
-    for (SnapshotRegion& region : regions) region.pages = {};
-    auto region = regions.begin();
-    return tables.forEachRun(regions.front().start, regions.back().end, detail, [&](const PageRun& run) {
-        for (std::uint64_t start = run.start; start < run.end;) {
-            while (region != regions.end() && region->end <= start) ++region;
-            if (region == regions.end() || region->start >= run.end)
-                return;  // Mapped since the regions were read.
-            start = std::max(start, region->start);
-            const std::uint64_t end = std::min(run.end, region->end);
-            add(run, detail, static_cast<std::uint32_t>((end - start) / pageSize()), *region);
-            start = end;
-        }
-    });
 }
 
 /// Gives each part its share of the pages that the whole has, by size. The sums stay the same.
@@ -153,9 +136,12 @@ int TaskSnapshot::_countAllPages(const ReadingPlan& plan) {
     const bool readsWords = plan.lineageUse.lineages != nullptr;
     const bool mayVerify = plan.anonymousPages && !readsWords;
     if (mayVerify) markOnlyFiles(_regions);
+    _seen.clear();
+    _knowsSeen = true;
     int error = _countPages(_regions, readsWords);
     if (error == 0 && mayVerify && anonymousPagesOf(_regions) != *plan.anonymousPages) {
         for (SnapshotRegion& region : _regions) region.isOnlyFile = false;
+        _seen.clear();
         error = _countPages(_regions, readsWords);
     }
     if (error == 0 && swappedPagesOf(_regions) != plan.swappedPages) error = _recountSwapped(plan);
@@ -180,6 +166,24 @@ int TaskSnapshot::_recountSwapped(const ReadingPlan& plan) {
         if (error != 0 || scanError != 0) return error != 0 ? error : scanError;
     }
     return 0;
+}
+
+int TaskSnapshot::_countStretch(std::span<SnapshotRegion> regions, PageTables::Detail detail) {
+    for (SnapshotRegion& region : regions) region.pages = {};
+    auto region = regions.begin();
+    return _tables->forEachRun(regions.front().start, regions.back().end, detail, [&](const PageRun& run) {
+        for (std::uint64_t start = run.start; start < run.end;) {
+            while (region != regions.end() && region->end <= start) ++region;
+            if (region == regions.end() || region->start >= run.end)
+                return;  // Mapped since the regions were read.
+            start = std::max(start, region->start);
+            const std::uint64_t end = std::min(run.end, region->end);
+            const bool isFile = run.isPresent && isOfFile(run, detail, *region);
+            add(run, isFile, static_cast<std::uint32_t>((end - start) / pageSize()), *region);
+            if (isFile) _see(*region, start, end);
+            start = end;
+        }
+    });
 }
 
 // Pages of files cost the kernel a look at each page, so large stretches that have none are scanned apart.
@@ -207,7 +211,7 @@ int TaskSnapshot::_countPages(std::span<SnapshotRegion> counted, bool readsWords
         const Detail detail = isAlike ? Detail::kPlace : Detail::kWhetherFile;
         for (auto begin = stretch.begin(); begin != stretch.end();) {
             const auto end = endOfNeighbours(begin, stretch.end());
-            if (const int error = countStretch(*_tables, {begin, end}, detail); error != 0) return error;
+            if (const int error = _countStretch({begin, end}, detail); error != 0) return error;
             begin = end;
         }
     }
@@ -276,24 +280,60 @@ void TaskSnapshot::_readDetails(int processDirectory) {
     });
 }
 
+bool TaskSnapshot::_countsSeenPages(const SnapshotRegion& region) const {
+    return region.fileId() != 0 && !region.hasStorage &&
+           (region.isHuge || (!_services.pageAccess.countsFiles && hasSharedPages(region.tag)));
+}
+
+void TaskSnapshot::_see(const SnapshotRegion& region, std::uint64_t start, std::uint64_t end) {
+    if (!_countsSeenPages(region)) return;
+    const std::uint64_t first = (region.offset + (start - region.start)) / pageSize();
+    _seen.push_back({region.fileId(), first, first + (end - start) / pageSize()});
+}
+
+// smaps calls all huge pages of a private mapping its own, though some may be the file's.
+void TaskSnapshot::_seePagesOfFiles() {
+    _seen.clear();
+    _knowsSeen = _tables->isOpen();
+    if (!_knowsSeen) return;
+    for (SnapshotRegion& region : _regions) {
+        if (!_countsSeenPages(region) || region.pages.file + region.pages.anonymous == 0) continue;
+        std::uint32_t pages = 0;
+        const auto see = [&](const PageRun& run) {
+            if (!run.isPresent || !run.isFile) return;
+            pages += static_cast<std::uint32_t>(run.pages());
+            _see(region, run.start, run.end);
+        };
+        const int error =
+            _tables->forEachRun(region.start, region.end, PageTables::Detail::kWhetherFile, see);
+        _knowsSeen = _knowsSeen && error == 0;
+        if (!region.isHuge || !region.isPrivate) continue;
+        pages = std::min(pages, region.pages.anonymous);
+        region.pages.anonymous -= pages;
+        region.pages.file += pages;
+    }
+}
+
 bool TaskSnapshot::_noteFiles(int processDirectory) {
     bool isKnown = true;
     for (const SnapshotRegion& region : _regions) {
         // Programs map many files shared that they only read, and without root none can be opened.
         const bool mayBeDirty = region.has(SmapsEntry::kWrite) && region.pages.file != 0;
         const bool isOnDisk = region.hasStorage;
-        if (region.fileId() == 0 || !(isOnDisk ? !region.isPrivate : hasSharedPages(region.tag))) continue;
-        const bool isOpen = _services.sharedFiles.note(region.fileId(), region.offset, region.size(), [&] {
-            char path[64];
-            if (isOnDisk && region.fileUse != FileUse::kMayBeRead) return FileDescriptor();
-            std::snprintf(path, sizeof path, "map_files/%llx-%llx",
-                          static_cast<unsigned long long>(region.start),
-                          static_cast<unsigned long long>(region.end));
-            return FileDescriptor(
-                openat(processDirectory, path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-        });
+        const bool isOfInterest = isOnDisk ? !region.isPrivate : region.isHuge || hasSharedPages(region.tag);
+        if (region.fileId() == 0 || !isOfInterest) continue;
+        const bool isSeen = _countsSeenPages(region) && (_knowsSeen || region.pages.file == 0);
+        // The kernel does not count huge pages in their file.
+        const bool mayOpen = _services.pageAccess.countsFiles && !region.isHuge &&
+                             (!isOnDisk || region.fileUse == FileUse::kMayBeRead);
+        std::optional<SharedFiles::Mapping> mapping;
+        if (mayOpen) mapping = {processDirectory, region.start, region.end};
+        const bool isOpen = _services.sharedFiles.note(
+            region.fileId(), {region.offset, region.offset + region.size(), region.pages.fileSwapped, isSeen},
+            mapping);
         isKnown = isKnown && (isOpen || !isOnDisk || !mayBeDirty);
     }
+    if (_knowsSeen) _services.sharedFiles.see(_seen);
     return isKnown;
 }
 

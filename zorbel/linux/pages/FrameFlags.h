@@ -8,8 +8,8 @@
 
 namespace zorbel {
 
-/// What the kernel says about frames of memory, from /proc/kpageflags. It takes root, and to know frames takes
-/// CAP_SYS_ADMIN; no lock of any address space. About 40 ns a frame, and 500 for each call.
+/// What the kernel says about frames of memory, from /proc/kpageflags. It takes root, and to know frames
+/// takes CAP_SYS_ADMIN; no lock of any address space. About 40 ns a frame, and 500 for each call.
 class FrameFlags {
   public:
     explicit FrameFlags(const SystemRoot& root);

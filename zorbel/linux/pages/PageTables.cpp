@@ -15,6 +15,7 @@
 #include <string>
 
 #include "base/TextCursor.h"
+#include "linux/pages/SharedFiles.h"
 #include "linux/process/PageSize.h"
 
 namespace zorbel {
@@ -86,9 +87,17 @@ class Density {
     std::uint64_t _mostInSequence = 0;
 };
 
-}  // namespace
+/// Tried on memory of our own. A new file in memory would be refused under a limit for the size of files.
+bool mayCountFiles(int ownDirectory) {
+    void* page = mmap(nullptr, pageSize(), PROT_READ, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED) return false;
+    const auto start = reinterpret_cast<std::uint64_t>(page);
+    const FileDescriptor opened = SharedFiles::open({ownDirectory, start, start + pageSize()});
+    munmap(page, pageSize());
+    return opened.isOpen() && countPages(opened.get(), 0, pageSize());
+}
 
-std::uint64_t PageRun::pages() const { return (end - start) / pageSize(); }
+}  // namespace
 
 PageAccess PageAccess::find(const SystemRoot& root) {
     const FileDescriptor self = openDirectory((root.proc + "/self").c_str(), AT_FDCWD);
@@ -99,6 +108,7 @@ PageAccess PageAccess::find(const SystemRoot& root) {
         const std::uint64_t size = std::strtoull(text->c_str(), nullptr, 10);
         if (std::has_single_bit(size) && size >= pageSize()) access.hugePageSize = size;
     }
+    access.countsFiles = mayCountFiles(self.get());
     if (!own.isOpen()) return access;
     void* page = mmap(nullptr, pageSize(), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED) return access;
@@ -116,6 +126,8 @@ PageAccess PageAccess::find(const SystemRoot& root) {
     munmap(page, pageSize());
     return access;
 }
+
+std::uint64_t PageRun::pages() const { return (end - start) / pageSize(); }
 
 PageTables::PageTables(int processDirectory, const PageAccess& access)
     : _file(openForReading("pagemap", processDirectory)),

@@ -71,6 +71,10 @@ struct PageAccess {
     /// Whether the kernel knows exactly how many anonymous pages a process has; from Linux 6.16 on. Before,
     /// its counters lag behind by some dozens.
     bool countsExactly = false;
+    /// Whether the pages of a file can be counted in the file: with cachestat, from Linux 6.5 on, and the
+    /// right to open what others have mapped, CAP_CHECKPOINT_RESTORE. Otherwise only what processes have
+    /// touched is known.
+    bool countsFiles = false;
     /// What the kernel maps as one huge page, in bytes, a power of two; that of x86 and most others where it
     /// is not known.
     std::uint64_t hugePageSize = std::uint64_t{2} << 20;

@@ -72,7 +72,7 @@ struct SnapshotRegion {
         return tag == Tag::kVdso || tag == Tag::kVvar || tag == Tag::kVsyscall;
     }
     /// Whether the file lives in memory only, so that all of its pages are charged.
-    [[nodiscard]] bool isOfMemoryFile() const { return fileId() != 0 && !hasStorage && !isHuge; }
+    [[nodiscard]] bool isOfMemoryFile() const { return fileId() != 0 && !hasStorage; }
     /// Whether it has pages that are its own and no file's.
     [[nodiscard]] bool hasOwnPages() const { return isPrivate && pages.anonymous + pages.swapped != 0; }
     /// One of the kShareMode constants.
