@@ -234,8 +234,16 @@ TEST(MemoryTest, HugePages) {
                   (Row{.dirty = kSmallPages, .wired = kSmallPages, .regions = 1}));
         EXPECT_EQ(outcome.tableOf(reader.pid()).count("huge pages"), 0U);
     };
+    const auto measureOnOlderKernel = [](const std::vector<pid_t>& processes) {
+        return runZorbel(wide(processes), {kZorbel}, [] { doWithout({Call::kPageScan, Call::kCachestat}); });
+    };
     expect(measure(pids));
-    expect(runZorbel(wide(pids), {kZorbel}, [] { doWithout({Call::kPageScan, Call::kCachestat}); }));
+    expect(measureOnOlderKernel(pids));
+    for (const Fixture* one : {&reader, &writer}) {
+        const Row row = {.dirty = 3 * kSmallPages, .wired = 3 * kSmallPages, .regions = 2};
+        EXPECT_EQ(ownRow(*one, "huge pages"), row);
+        EXPECT_EQ(measureOnOlderKernel({one->pid()}).tableOf(one->pid())["huge pages"], row);
+    }
     EXPECT_EQ(measure({left.pid(), right.pid()}).summary()["huge pages"].dirty, 3 * kSmallPages);
 }
 

@@ -31,15 +31,17 @@ Outcome measureAsNobody(const std::vector<pid_t>& pids, const std::vector<unsign
 TEST(PrivilegeTest, WhoMayTraceNeedsNotBeRoot) {
     if (geteuid() != 0) GTEST_SKIP() << "takes root";
     const Region memory(200), disk(40, MAP_PRIVATE, newFile(40, "/var/tmp"));
-    const Region changed(40, MAP_SHARED, newFile(40, "/var/tmp"));
-    const Fixture fixture(
-        {[&] { memory.touch(0, 150), disk.touch(0, 10), disk.read(20, 4), changed.touch(0, 6); }});
+    const Region changed(40, MAP_SHARED, newFile(40, "/var/tmp")), memfd(9, MAP_SHARED, newFile(9));
+    const Fixture fixture({[&] {
+        memory.touch(0, 150), disk.touch(0, 10), disk.read(20, 4), changed.touch(0, 6), memfd.touch(0, 5);
+    }});
     Table expected = measure({fixture.pid()}).tableOf(fixture.pid());
     for (const unsigned capability : {unsigned{CAP_SYS_PTRACE}, unsigned{CAP_PERFMON}}) {
         const Outcome outcome = measureAsNobody({fixture.pid()}, {capability});
         EXPECT_EQ(outcome.error, "");
         Table table = outcome.tableOf(fixture.pid());
         EXPECT_EQ(table["mapped file"], expected["mapped file"]);
+        EXPECT_EQ(table["memfd"], (Row{.dirty = 5, .regions = 1}));
         EXPECT_EQ(table["TOTAL"].dirty, expected["TOTAL"].dirty);
         EXPECT_GE(table[kUntagged].dirty, 150);
     }
@@ -107,6 +109,11 @@ TEST(PrivilegeTest, SharedMemoryIsWhatAnyTargetHasTouched) {
     EXPECT_EQ(all.summary()["memfd"], (Row{.dirty = 62, .regions = 8}));
     std::vector<pid_t> reversed(pids.rbegin(), pids.rend());
     EXPECT_EQ(measureAsNobody(reversed).summary()["memfd"], (Row{.dirty = 62, .regions = 8}));
+    const Outcome onOlderKernel = runZorbel(wide(pids), {kZorbel}, [] {
+        becomeNobody();
+        doWithout({Call::kPageScan, Call::kCachestat});
+    });
+    EXPECT_EQ(onOlderKernel.summary()["memfd"], (Row{.dirty = 62, .regions = 8}));
     EXPECT_EQ(measureAsNobody({second.pid()}).tableOf(second.pid())["memfd"],
               (Row{.dirty = 18, .regions = 2}));
     // A private mapping shows pages of the file, too, and has its copies besides.
