@@ -10,11 +10,11 @@
 #include <vector>
 
 #include "base/Files.h"
-#include "linux/Families.h"
 #include "linux/TaskSnapshot.h"
 #include "linux/kernel/KernelMemory.h"
 #include "linux/kinds/FileSystems.h"
 #include "linux/kinds/ObjectIds.h"
+#include "linux/pages/Families.h"
 #include "linux/process/ProcessStat.h"
 #include "linux/process/ProcessStatus.h"
 #include "linux/process/SystemRoot.h"

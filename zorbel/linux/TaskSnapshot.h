@@ -14,6 +14,7 @@
 #include "linux/images/LoadedImages.h"
 #include "linux/kinds/FileSystems.h"
 #include "linux/kinds/ObjectIds.h"
+#include "linux/pages/Families.h"
 #include "linux/pages/FrameFlags.h"
 #include "linux/pages/Lineages.h"
 #include "linux/pages/PageTables.h"
@@ -33,19 +34,6 @@ struct SnapshotServices {
     SharedFiles& sharedFiles;
     const FrameFlags& frameFlags;
     PageAccess pageAccess;  ///< Where it has no scan, smaps is read instead of maps.
-};
-
-/// How a process notes its private pages, where another target may have them in common with it.
-struct LineageUse {
-    Lineages* lineages = nullptr;  ///< Null where none can.
-    /// Whether frames and slots identify pages. Without that right, addresses do, among the members of a
-    /// family.
-    bool seesFrames = true;
-    /// Whether it also notes pages that only one address space maps: where two processes may have the same
-    /// one, and nothing else shows that.
-    bool notesExclusive = false;
-    bool isTwin = false;             ///< Whether it uses the address space of a task before it.
-    SwapCache* swapCache = nullptr;  ///< Null where no member of the family has a page in swap.
 };
 
 /// When the smaps of a process is read too: it alone shows which regions are locked, and which pages lazily

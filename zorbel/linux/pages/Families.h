@@ -7,10 +7,23 @@
 #include <span>
 #include <vector>
 
-#include "linux/TaskSnapshot.h"
 #include "linux/pages/Lineages.h"
+#include "linux/pages/SwapCache.h"
 
 namespace zorbel {
+
+/// How a process notes its private pages, where another target may have them in common with it.
+struct LineageUse {
+    Lineages* lineages = nullptr;  ///< Null where none can.
+    /// Whether frames and slots identify pages. Without that right, addresses do, among the members of a
+    /// family.
+    bool seesFrames = true;
+    /// Whether it also notes pages that only one address space maps: where two processes may have the same
+    /// one, and nothing else shows that.
+    bool notesExclusive = false;
+    bool isTwin = false;             ///< Whether it uses the address space of a task before it.
+    SwapCache* swapCache = nullptr;  ///< Null where no member of the family has a page in swap.
+};
 
 /// Which of the processes of a run may have private memory in common.
 ///

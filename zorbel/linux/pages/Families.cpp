@@ -1,4 +1,4 @@
-#include "linux/Families.h"
+#include "linux/pages/Families.h"
 
 #include <linux/kcmp.h>
 #include <sys/syscall.h>
