@@ -413,6 +413,7 @@ void LinuxPlatform::readTask(TaskName name) {
     plan.smapsUse = _useOfSmaps(task);
     if (task.status && _pageAccess.countsExactly)
         plan.anonymousPages = task.status->residentAnonymous / pageSize();
+    if (task.status) plan.threads = task.status->threads;
     if (task.status) plan.swappedPages = task.status->swapped / pageSize();
     task.lineages = plan.lineageUse.lineages;
     task.snapshot = std::make_unique<TaskSnapshot>(directory.get(), _services(), plan);

@@ -12,6 +12,7 @@
 #include "base/Files.h"
 #include "base/Utf8.h"
 #include "linux/kinds/RegionKinds.h"
+#include "linux/kinds/Stacks.h"
 #include "linux/process/PageSize.h"
 #include "linux/process/ProcessDirectory.h"
 
@@ -83,12 +84,22 @@ TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& service
     _identifyByFrames();
     for (SnapshotRegion& region : _regions) region.isWritten = region.isWritten || region.hasOwnPages();
     _findImages(processDirectory);
-    _recountSplitRegions();
+    ThreadStacks stacks;
+    std::vector<std::uint64_t> stackStarts;
+    if (plan.threads > 1 && std::ranges::any_of(_regions, mayHoldStacks)) {
+        stacks = stacksOfThreads(processDirectory);
+        stackStarts = placesToSplit(_regions, stacks, [this](const SnapshotRegion& region, auto& starts) {
+            _findGuards(region, starts);
+        });
+        if (!stackStarts.empty()) _split(stackStarts);
+    }
+    _recountSplitRegions(plan);
     _notePages(plan.lineageUse);
     _markDevices();
     for (SnapshotRegion& region : _regions)
         region.pages.lazy = std::min(region.pages.lazy, region.pages.anonymous);
     findAnonymousKinds(_regions);
+    findStacks(_regions, stacks, stackStarts);
     // The snapshot is kept until all tasks are read, so free what is no longer needed.
     _regions.shrink_to_fit();
     _splitRegions = {};

@@ -53,6 +53,7 @@ struct ReadingPlan {
     std::optional<std::uint64_t> anonymousPages;
     /// Private pages in swap, as far as known.
     std::optional<std::uint64_t> swappedPages;
+    std::uint64_t threads = 1;  ///< As far as known.
 };
 
 /// The regions and images of a process. Regions are disjoint and in ascending order.
@@ -101,7 +102,7 @@ class TaskSnapshot {
     // In TaskSnapshotPages.cpp.
     /// Counts the pages of all regions. 0 or an errno.
     int _countAllPages(const ReadingPlan& plan);
-    int _recountSwapped(const ReadingPlan& plan);
+    int _recountSwapped(std::span<SnapshotRegion> regions, const ReadingPlan& plan);
     /// Counts the pages of regions that follow each other. Large anonymous ones are left out where the words
     /// of their pages are read later. 0 or an errno.
     int _countPages(std::span<SnapshotRegion> counted, bool readsWords);
@@ -115,7 +116,9 @@ class TaskSnapshot {
     void _seePagesOfFiles();
     /// Likewise, with one question. 0 or an errno.
     int _countStretch(std::span<SnapshotRegion> regions, PageTables::Detail detail);
-    void _recountSplitRegions();
+    void _recountSplitRegions(const ReadingPlan& plan);
+    /// Adds the addresses at which runs of guard pages begin in the region.
+    void _findGuards(const SnapshotRegion& region, std::vector<std::uint64_t>& starts);
     [[nodiscard]] bool _mayHaveLazyPages();
     void _readDetails(int processDirectory);
     /// False where a file on disk is mapped that may have been written through the mapping, but whose dirty

@@ -44,7 +44,12 @@ void TaskSnapshot::_split(std::vector<std::uint64_t> cuts) {
             part.offset += start - whole.start;
             start = end;
         };
-        if (cut != cuts.end() && *cut < whole.end) _splitRegions.push_back({whole.start, whole.end});
+        while (cut != cuts.end() && *cut <= whole.start) ++cut;
+        const bool isPart = std::ranges::any_of(_splitRegions, [&](const SplitRegion& earlier) {
+            return earlier.start <= whole.start && whole.end <= earlier.end;
+        });
+        if (cut != cuts.end() && *cut < whole.end && !isPart)
+            _splitRegions.push_back({whole.start, whole.end});
         for (; cut != cuts.end() && *cut < whole.end; ++cut) addPart(*cut);
         addPart(whole.end);
     }

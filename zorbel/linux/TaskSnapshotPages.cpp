@@ -144,14 +144,14 @@ int TaskSnapshot::_countAllPages(const ReadingPlan& plan) {
         _seen.clear();
         error = _countPages(_regions, readsWords);
     }
-    if (error == 0 && swappedPagesOf(_regions) != plan.swappedPages) error = _recountSwapped(plan);
+    if (error == 0 && swappedPagesOf(_regions) != plan.swappedPages) error = _recountSwapped(_regions, plan);
     return error;
 }
 
 // Guards and other marks of the kernel's look like pages in swap to the scan; their words show the
 // difference.
-int TaskSnapshot::_recountSwapped(const ReadingPlan& plan) {
-    for (SnapshotRegion& region : _regions) {
+int TaskSnapshot::_recountSwapped(Regions regions, const ReadingPlan& plan) {
+    for (SnapshotRegion& region : regions) {
         if (region.pages.swapped == 0) continue;
         region.pages.swapped = 0;
         if (plan.swappedPages == 0U) continue;
@@ -236,19 +236,37 @@ void TaskSnapshot::_tellOwnSwap() {
 
 // The parts had the pages of the whole until now. Where page tables can't be read, each gets a share. Where
 // lazily freed pages are is not known: heaps free like that, and are large.
-void TaskSnapshot::_recountSplitRegions() {
+void TaskSnapshot::_recountSplitRegions(const ReadingPlan& plan) {
     for (const SplitRegion& whole : _splitRegions) {
         const auto first = std::ranges::lower_bound(_regions, whole.start, {}, &SnapshotRegion::start);
         const auto last = std::ranges::lower_bound(_regions, whole.end, {}, &SnapshotRegion::start);
         const Regions parts(first, last);
         const std::uint32_t lazy = parts.front().pages.lazy;
-        if (!parts.front().isUncounted && _countPages(parts, false) != 0) {
+        if (!parts.front().isUncounted &&
+            (_countPages(parts, false) != 0 || _recountSwapped(parts, plan) != 0)) {
             distributePages(parts);
             continue;
         }
         for (SnapshotRegion& part : parts) part.pages.lazy = 0;
         std::ranges::max_element(parts, {}, &SnapshotRegion::size)->pages.lazy = lazy;
     }
+}
+
+void TaskSnapshot::_findGuards(const SnapshotRegion& region, std::vector<std::uint64_t>& starts) {
+    std::uint64_t end = 0;  // Of the last guard.
+    const auto add = [&](std::uint64_t address, std::span<const std::uint64_t> words) {
+        for (const std::uint64_t word : words) {
+            if (PageWord(word).isGuard()) {
+                if (address != end) starts.push_back(address);
+                end = address + pageSize();
+            }
+            address += pageSize();
+        }
+    };
+    _tables->forEachRun(region.start, region.end, PageTables::Detail::kPlace, [&](const PageRun& run) {
+        if (!run.isPresent)
+            _tables->forEachWord(std::max(run.start, region.start), std::min(run.end, region.end), add);
+    });
 }
 
 // Only anonymous mappings can be freed like that.

