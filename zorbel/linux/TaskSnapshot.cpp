@@ -11,6 +11,7 @@
 
 #include "base/Files.h"
 #include "base/Utf8.h"
+#include "linux/heaps/HeapOwners.h"
 #include "linux/kinds/RegionKinds.h"
 #include "linux/kinds/Stacks.h"
 #include "linux/process/PageSize.h"
@@ -84,6 +85,24 @@ TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& service
     _identifyByFrames();
     for (SnapshotRegion& region : _regions) region.isWritten = region.isWritten || region.hasOwnPages();
     _findImages(processDirectory);
+    _nameAnonymousMemory(processDirectory, plan);
+    _recountSplitRegions(plan);
+    _notePages(plan.lineageUse);
+    _markDevices();
+    for (SnapshotRegion& region : _regions)
+        region.pages.lazy = std::min(region.pages.lazy, region.pages.anonymous);
+    // The snapshot is kept until all tasks are read, so free what is no longer needed.
+    _regions.shrink_to_fit();
+    _splitRegions = {};
+    _thread = FileDescriptor();
+    _tables.reset();
+    _seen = {};
+}
+
+// Regions are split first, at all places that anything asks for.
+void TaskSnapshot::_nameAnonymousMemory(int processDirectory, const ReadingPlan& plan) {
+    const std::vector<HeapPiece> heaps =
+        findHeaps(HeapEvidence(_regions, processDirectory, _images.program()));
     ThreadStacks stacks;
     std::vector<std::uint64_t> stackStarts;
     if (plan.threads > 1 && std::ranges::any_of(_regions, mayHoldStacks)) {
@@ -91,21 +110,17 @@ TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& service
         stackStarts = placesToSplit(_regions, stacks, [this](const SnapshotRegion& region, auto& starts) {
             _findGuards(region, starts);
         });
-        if (!stackStarts.empty()) _split(stackStarts);
     }
-    _recountSplitRegions(plan);
-    _notePages(plan.lineageUse);
-    _markDevices();
-    for (SnapshotRegion& region : _regions)
-        region.pages.lazy = std::min(region.pages.lazy, region.pages.anonymous);
-    findAnonymousKinds(_regions);
+    std::vector<std::uint64_t> cuts = stackStarts;
+    for (const HeapPiece& piece : heaps)
+        for (const std::uint64_t end : {piece.start, piece.end}) {
+            const SnapshotRegion* region = regionAtOrAfter(end);
+            if (region != nullptr && region->start < end && region->isPlainAnonymous) cuts.push_back(end);
+        }
+    if (!cuts.empty()) _split(std::move(cuts));
+    nameHeaps(_regions, heaps);
     findStacks(_regions, stacks, stackStarts);
-    // The snapshot is kept until all tasks are read, so free what is no longer needed.
-    _regions.shrink_to_fit();
-    _splitRegions = {};
-    _thread = FileDescriptor();
-    _tables.reset();
-    _seen = {};
+    findAnonymousKinds(_regions);
 }
 
 void TaskSnapshot::_readRegions(int processDirectory, const ReadingPlan& plan) {

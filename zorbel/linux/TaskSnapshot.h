@@ -98,6 +98,10 @@ class TaskSnapshot {
 
     void _findImages(int processDirectory);
     void _split(std::vector<std::uint64_t> cuts);
+    /// Whether the region is a part of one that was split.
+    [[nodiscard]] bool _isSplit(const SnapshotRegion& region) const;
+    /// Finds whose heap, or which thread's stack, memory without a file is.
+    void _nameAnonymousMemory(int processDirectory, const ReadingPlan& plan);
 
     // In TaskSnapshotPages.cpp.
     /// Counts the pages of all regions. 0 or an errno.

@@ -29,6 +29,12 @@ void TaskSnapshot::_findImages(int processDirectory) {
     if (!cuts.empty()) _split(std::move(cuts));
 }
 
+bool TaskSnapshot::_isSplit(const SnapshotRegion& region) const {
+    return std::ranges::any_of(_splitRegions, [&](const SplitRegion& whole) {
+        return whole.start <= region.start && region.end <= whole.end;
+    });
+}
+
 void TaskSnapshot::_split(std::vector<std::uint64_t> cuts) {
     std::sort(cuts.begin(), cuts.end());
     cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
@@ -45,10 +51,7 @@ void TaskSnapshot::_split(std::vector<std::uint64_t> cuts) {
             start = end;
         };
         while (cut != cuts.end() && *cut <= whole.start) ++cut;
-        const bool isPart = std::ranges::any_of(_splitRegions, [&](const SplitRegion& earlier) {
-            return earlier.start <= whole.start && whole.end <= earlier.end;
-        });
-        if (cut != cuts.end() && *cut < whole.end && !isPart)
+        if (cut != cuts.end() && *cut < whole.end && !_isSplit(whole))
             _splitRegions.push_back({whole.start, whole.end});
         for (; cut != cuts.end() && *cut < whole.end; ++cut) addPart(*cut);
         addPart(whole.end);

@@ -60,7 +60,8 @@ namespace zorbel {
     ROW(kUprobes, 60, "uprobes") \
     ROW(kExecutableAnonymous, 61, "executable anonymous memory") \
     ROW(kNamedAnonymous, 67, "named anonymous memory") \
-    ROW(kGoHeap, 68, "Go heap")
+    ROW(kGoHeap, 68, "Go heap") \
+    ROW(kGoRuntime, 69, "Go runtime")
 // clang-format on
 
 #define ZB_ROW_CONSTANT(constant, tag, name) constant = (tag),

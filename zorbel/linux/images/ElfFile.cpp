@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <memory>
+#include <string_view>
 
 namespace zorbel {
 
@@ -61,6 +63,26 @@ std::vector<GElf_Phdr> programHeaders(int fd) {
     return rows;
 }
 
+/// Whether the notes in a part of the file have one of Go's linker: owner "Go", type 4. Only the first notes
+/// are looked at; all linkers write few and short ones.
+bool hasGoNote(int fd, const GElf_Phdr& notes) {
+    constexpr std::uint32_t kBuildId = 4;
+    alignas(GElf_Nhdr) std::array<char, 1024> text{};
+    const std::size_t wanted = std::min<std::size_t>(notes.p_filesz, text.size());
+    const ssize_t length = pread(fd, text.data(), wanted, static_cast<off_t>(notes.p_offset));
+    const auto aligned = [](std::size_t size) { return (size + 3) & ~std::size_t{3}; };
+    for (std::size_t at = 0; length > 0 && at + sizeof(GElf_Nhdr) <= static_cast<std::size_t>(length);) {
+        GElf_Nhdr note{};
+        std::memcpy(&note, text.data() + at, sizeof note);
+        const std::string_view rest(text.data() + at + sizeof note,
+                                    static_cast<std::size_t>(length) - at - sizeof note);
+        if (note.n_type == kBuildId && note.n_namesz == 4 && rest.starts_with(std::string_view("Go\0", 4)))
+            return true;
+        at += sizeof note + aligned(note.n_namesz) + aligned(note.n_descsz);
+    }
+    return false;
+}
+
 /// Whether the segments are in ascending order, disjoint and without overflow.
 bool isOrdered(const std::vector<ElfSegment>& segments) {
     std::uint64_t end = 0;
@@ -82,6 +104,7 @@ std::optional<ElfLayout> readElfLayout(int fd) {
             layout.relroStart = row.p_vaddr;
             layout.relroEnd = row.p_vaddr + row.p_memsz;
         }
+        if (row.p_type == PT_NOTE) layout.isGo = layout.isGo || hasGoNote(fd, row);
         if (row.p_type != PT_LOAD || row.p_memsz == 0) continue;
         layout.segments.push_back({row.p_offset, row.p_vaddr, row.p_filesz, row.p_memsz,
                                    (row.p_flags & PF_W) != 0, (row.p_flags & PF_X) != 0});

@@ -24,6 +24,7 @@ struct ElfLayout {
     /// The part that becomes read-only after relocation; empty if there is none.
     std::uint64_t relroStart = 0;
     std::uint64_t relroEnd = 0;
+    bool isGo = false;  ///< Has a note with the build id of the Go linker.
 };
 
 /// Reads the program headers of an ELF file of any word size and byte order. Nothing if it is no ELF program

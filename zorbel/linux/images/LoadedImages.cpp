@@ -65,6 +65,8 @@ class LoadedImages::Finder {
             FoundFile& file = _found[region.fileId()];
             if (region.start < file.end) continue;
             if (!file.answer) file.answer = files.answerFor(region, processDirectory);
+            if (file.answer->kind == ElfFiles::Kind::kElf && _found.size() == 1)
+                _images._program = file.answer->layout;
             if (file.answer->kind == ElfFiles::Kind::kElf)
                 file.end = std::max(file.end, _addByHeaders(region, *file.answer->layout, file.end));
             if (file.answer->kind == ElfFiles::Kind::kUnreadable && isExecutable(region))

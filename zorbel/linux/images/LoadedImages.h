@@ -22,6 +22,9 @@ class LoadedImages {
     /// All segments, image by image, in ascending order within each image.
     [[nodiscard]] std::span<const SymbolSegment> segments() const { return _segments; }
 
+    /// Headers of the image with the lowest address, which is the program; null if they could not be read.
+    [[nodiscard]] const ElfLayout* program() const { return _program; }
+
     void forEachOwner(const std::function<void(const SymbolOwner&)>& consume) const;
 
   private:
@@ -33,6 +36,7 @@ class LoadedImages {
 
     std::vector<SymbolSegment> _segments;
     std::vector<Owner> _owners;
+    const ElfLayout* _program = nullptr;
 };
 
 }  // namespace zorbel

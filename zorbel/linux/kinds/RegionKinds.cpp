@@ -15,10 +15,6 @@ constexpr std::uint64_t kLargestGuard = kMiB;
 constexpr std::uint64_t kArenaSize64 = 64 * kMiB;
 constexpr std::uint64_t kArenaSize32 = kMiB;
 
-/// Where Go's runtime places its heap on 64-bit machines.
-constexpr std::uint64_t kGoHeapStart = 0xC000000000;
-constexpr std::uint64_t kGoHeapEnd = 0x10000000000;
-
 constexpr std::uint64_t k32BitAddressSpace = 0x100000000;
 
 constexpr std::string_view kAnonPrefix = "[anon:";
@@ -130,7 +126,6 @@ Tag tagOfPlainAnonymous(const SnapshotRegion& region, const SnapshotRegion* prev
         const bool isRestOfArena = before == Tag::kMallocSmall && previous->isPlainAnonymous;
         return region.size() <= kLargestGuard && !isRestOfArena ? Tag::kGuard : Tag::kReserved;
     }
-    if (is64bit && region.start >= kGoHeapStart && region.end <= kGoHeapEnd) return Tag::kGoHeap;
     if (region.has(SmapsEntry::kExecute))
         return continuesDataSegment(region, previous) ? Tag::kNone : Tag::kExecutableAnonymous;
     if (isArena(region, next, is64bit ? kArenaSize64 : kArenaSize32)) return Tag::kMallocSmall;
@@ -177,7 +172,7 @@ void findAnonymousKinds(std::span<SnapshotRegion> regions) {
     bool is64bit = false;
     for (const SnapshotRegion& region : regions) is64bit = is64bit || region.end > k32BitAddressSpace;
     for (std::size_t i = 0; i < regions.size(); ++i) {
-        if (!regions[i].isPlainAnonymous) continue;
+        if (!regions[i].isPlainAnonymous || regions[i].tag != Tag::kNone) continue;
         const SnapshotRegion* previous = i > 0 ? &regions[i - 1] : nullptr;
         const SnapshotRegion* next = i + 1 < regions.size() ? &regions[i + 1] : nullptr;
         regions[i].tag = tagOfPlainAnonymous(regions[i], previous, next, is64bit);

@@ -1,0 +1,51 @@
+#include "linux/heaps/HeapOwners.h"
+
+#include <algorithm>
+
+#include "linux/process/Smaps.h"
+
+namespace zorbel {
+
+namespace {
+
+/// Runtimes come before allocators, which they may use as well.
+constexpr HeapFinder kFinders[] = {findGoHeap};
+
+}  // namespace
+
+bool HeapEvidence::runs(std::string_view nameStart) const {
+    return std::ranges::any_of(_regions, [&](const SnapshotRegion& region) {
+        if (region.file == nullptr || !region.has(SmapsEntry::kExecute)) return false;
+        const std::string_view path = region.file->path.text();
+        return path.substr(path.rfind('/') + 1).starts_with(nameStart);
+    });
+}
+
+std::vector<HeapPiece> findHeaps(const HeapEvidence& evidence) {
+    std::vector<HeapPiece> all;
+    std::vector<HeapPiece> found;
+    for (const HeapFinder find : kFinders) {
+        found.clear();
+        find(evidence, found);
+        for (const HeapPiece& piece : found) {
+            const bool isTaken = std::ranges::any_of(all, [&](const HeapPiece& other) {
+                return piece.start < other.end && other.start < piece.end;
+            });
+            if (!isTaken && piece.start < piece.end) all.push_back(piece);
+        }
+    }
+    std::ranges::sort(all, {}, &HeapPiece::start);
+    return all;
+}
+
+void nameHeaps(std::span<SnapshotRegion> regions, std::span<const HeapPiece> pieces) {
+    auto piece = pieces.begin();
+    for (SnapshotRegion& region : regions) {
+        while (piece != pieces.end() && piece->end <= region.start) ++piece;
+        if (piece == pieces.end()) return;
+        const bool isWithin = piece->start <= region.start && region.end <= piece->end;
+        if (isWithin && region.isPlainAnonymous && region.protection != 0) region.tag = piece->tag;
+    }
+}
+
+}  // namespace zorbel

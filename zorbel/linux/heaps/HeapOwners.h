@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "linux/images/ElfFiles.h"
+#include "linux/process/SnapshotRegion.h"
+#include "model/MemoryKinds.h"
+
+namespace zorbel {
+
+/// A process, as those see it who look for the heaps of runtimes and allocators in it.
+class HeapEvidence {
+  public:
+    /// The regions are in ascending order. The layout is that of the program's file; null if it is not known.
+    HeapEvidence(std::span<const SnapshotRegion> regions, int processDirectory, const ElfLayout* program)
+        : _regions(regions), _processDirectory(processDirectory), _program(program) {}
+
+    [[nodiscard]] std::span<const SnapshotRegion> regions() const { return _regions; }
+    /// The directory of the process below /proc.
+    [[nodiscard]] int processDirectory() const { return _processDirectory; }
+    [[nodiscard]] const ElfLayout* program() const { return _program; }
+
+    /// Whether the process maps code of a file whose name, without the directory, begins like this.
+    [[nodiscard]] bool runs(std::string_view nameStart) const;
+
+  private:
+    std::span<const SnapshotRegion> _regions;
+    int _processDirectory;
+    const ElfLayout* _program;
+};
+
+/// A piece of an address space that belongs to one owner. Regions are split at its ends.
+struct HeapPiece {
+    std::uint64_t start = 0;
+    std::uint64_t end = 0;
+    Tag tag = Tag::kNone;
+};
+
+/// Finds the heaps of one runtime or allocator. Adds pieces only where the evidence that its source file
+/// names is complete: a wrong name is worse than none.
+using HeapFinder = void (*)(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
+
+/// All pieces that have an owner, in ascending order and disjoint. Of two owners that claim a piece, the one
+/// that is listed first in HeapOwners.cpp has it.
+std::vector<HeapPiece> findHeaps(const HeapEvidence& evidence);
+
+/// Sets the kinds of plain anonymous regions within the pieces that can be accessed. Names that a program has
+/// given win, and what is only reserved stays so.
+void nameHeaps(std::span<SnapshotRegion> regions, std::span<const HeapPiece> pieces);
+
+// The finders, each in a source file of its own with the evidence that it takes.
+void findGoHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
+
+}  // namespace zorbel
