@@ -61,7 +61,12 @@ namespace zorbel {
     ROW(kExecutableAnonymous, 61, "executable anonymous memory") \
     ROW(kNamedAnonymous, 67, "named anonymous memory") \
     ROW(kGoHeap, 68, "Go heap") \
-    ROW(kGoRuntime, 69, "Go runtime")
+    ROW(kGoRuntime, 69, "Go runtime") \
+    ROW(kJavaHeap, 70, "Java heap") \
+    ROW(kJavaClassSpace, 71, "Java class space") \
+    ROW(kJavaMetaspace, 72, "Java metaspace") \
+    ROW(kJavaCode, 73, "Java code cache") \
+    ROW(kV8Heap, 74, "V8 heap")
 // clang-format on
 
 #define ZB_ROW_CONSTANT(constant, tag, name) constant = (tag),

@@ -9,9 +9,21 @@ namespace zorbel {
 namespace {
 
 /// Runtimes come before allocators, which they may use as well.
-constexpr HeapFinder kFinders[] = {findGoHeap};
+constexpr HeapFinder kFinders[] = {findGoHeap, findJavaHeap, findV8Heap};
 
 }  // namespace
+
+bool HeapEvidence::runsAny(std::span<const std::string_view> nameStarts) const {
+    return std::ranges::any_of(nameStarts, [this](std::string_view start) { return runs(start); });
+}
+
+std::uint64_t HeapEvidence::mappedFrom(std::uint64_t address) const {
+    std::uint64_t end = address;
+    for (auto region = std::ranges::lower_bound(_regions, address, {}, &SnapshotRegion::start);
+         region != _regions.end() && region->start == end && region->isPlainAnonymous; ++region)
+        end = region->end;
+    return end - address;
+}
 
 bool HeapEvidence::runs(std::string_view nameStart) const {
     return std::ranges::any_of(_regions, [&](const SnapshotRegion& region) {
@@ -27,14 +39,14 @@ std::vector<HeapPiece> findHeaps(const HeapEvidence& evidence) {
     for (const HeapFinder find : kFinders) {
         found.clear();
         find(evidence, found);
+        const std::size_t before = all.size();
         for (const HeapPiece& piece : found) {
-            const bool isTaken = std::ranges::any_of(all, [&](const HeapPiece& other) {
-                return piece.start < other.end && other.start < piece.end;
-            });
-            if (!isTaken && piece.start < piece.end) all.push_back(piece);
+            const auto earlier = std::span(all).first(before);
+            const auto next = std::ranges::upper_bound(earlier, piece.start, {}, &HeapPiece::end);
+            if (next == earlier.end() || next->start >= piece.end) all.push_back(piece);
         }
+        std::ranges::sort(all, {}, &HeapPiece::start);
     }
-    std::ranges::sort(all, {}, &HeapPiece::start);
     return all;
 }
 

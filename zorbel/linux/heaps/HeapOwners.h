@@ -25,6 +25,9 @@ class HeapEvidence {
 
     /// Whether the process maps code of a file whose name, without the directory, begins like this.
     [[nodiscard]] bool runs(std::string_view nameStart) const;
+    [[nodiscard]] bool runsAny(std::span<const std::string_view> nameStarts) const;
+    /// Bytes without a gap from the start of a region on that are mapped without a file.
+    [[nodiscard]] std::uint64_t mappedFrom(std::uint64_t address) const;
 
   private:
     std::span<const SnapshotRegion> _regions;
@@ -53,5 +56,7 @@ void nameHeaps(std::span<SnapshotRegion> regions, std::span<const HeapPiece> pie
 
 // The finders, each in a source file of its own with the evidence that it takes.
 void findGoHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
+void findJavaHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
+void findV8Heap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 
 }  // namespace zorbel
