@@ -101,8 +101,11 @@ TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& service
 
 // Regions are split first, at all places that anything asks for.
 void TaskSnapshot::_nameAnonymousMemory(int processDirectory, const ReadingPlan& plan) {
-    const std::vector<HeapPiece> heaps =
-        findHeaps(HeapEvidence(_regions, processDirectory, _images.program()));
+    FileDescriptor memory;
+    const auto read = [&](std::uint64_t address, std::span<std::byte> buffer) {
+        return _readMemory(processDirectory, memory, address, buffer);
+    };
+    const std::vector<HeapPiece> heaps = findHeaps(HeapEvidence(_regions, _images.program(), read));
     ThreadStacks stacks;
     std::vector<std::uint64_t> stackStarts;
     if (plan.threads > 1 && std::ranges::any_of(_regions, mayHoldStacks)) {

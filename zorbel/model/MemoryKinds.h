@@ -66,7 +66,8 @@ namespace zorbel {
     ROW(kJavaClassSpace, 71, "Java class space") \
     ROW(kJavaMetaspace, 72, "Java metaspace") \
     ROW(kJavaCode, 73, "Java code cache") \
-    ROW(kV8Heap, 74, "V8 heap")
+    ROW(kV8Heap, 74, "V8 heap") \
+    ROW(kPythonObjects, 75, "Python objects")
 // clang-format on
 
 #define ZB_ROW_CONSTANT(constant, tag, name) constant = (tag),

@@ -9,7 +9,7 @@ namespace zorbel {
 namespace {
 
 /// Runtimes come before allocators, which they may use as well.
-constexpr HeapFinder kFinders[] = {findGoHeap, findJavaHeap, findV8Heap};
+constexpr HeapFinder kFinders[] = {findGoHeap, findJavaHeap, findV8Heap, findMallocHeap};
 
 }  // namespace
 

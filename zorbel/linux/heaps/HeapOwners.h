@@ -1,8 +1,12 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "linux/images/ElfFiles.h"
@@ -15,24 +19,32 @@ namespace zorbel {
 class HeapEvidence {
   public:
     /// The regions are in ascending order. The layout is that of the program's file; null if it is not known.
-    HeapEvidence(std::span<const SnapshotRegion> regions, int processDirectory, const ElfLayout* program)
-        : _regions(regions), _processDirectory(processDirectory), _program(program) {}
+    /// Read fills a buffer from the memory of the process, if that is all in memory; false otherwise.
+    using Read = std::function<bool(std::uint64_t address, std::span<std::byte> buffer)>;
+    HeapEvidence(std::span<const SnapshotRegion> regions, const ElfLayout* program, Read read)
+        : _regions(regions), _program(program), _read(std::move(read)) {}
 
     [[nodiscard]] std::span<const SnapshotRegion> regions() const { return _regions; }
-    /// The directory of the process below /proc.
-    [[nodiscard]] int processDirectory() const { return _processDirectory; }
     [[nodiscard]] const ElfLayout* program() const { return _program; }
 
     /// Whether the process maps code of a file whose name, without the directory, begins like this.
     [[nodiscard]] bool runs(std::string_view nameStart) const;
     [[nodiscard]] bool runsAny(std::span<const std::string_view> nameStarts) const;
-    /// Bytes without a gap from the start of a region on that are mapped without a file.
+    /// Bytes without a gap from the start of a region on that are mapped without a file. Linear in the
+    /// number of regions there.
     [[nodiscard]] std::uint64_t mappedFrom(std::uint64_t address) const;
+
+    /// Reads values at an address; false if they are not in memory, or may not be read. Never makes the
+    /// process or us wait for a page.
+    template <typename Value, std::size_t count>
+    bool read(std::uint64_t address, std::array<Value, count>& values) const {
+        return _read(address, std::as_writable_bytes(std::span(values)));
+    }
 
   private:
     std::span<const SnapshotRegion> _regions;
-    int _processDirectory;
     const ElfLayout* _program;
+    Read _read;
 };
 
 /// A piece of an address space that belongs to one owner. Regions are split at its ends.
@@ -43,7 +55,7 @@ struct HeapPiece {
 };
 
 /// Finds the heaps of one runtime or allocator. Adds pieces only where the evidence that its source file
-/// names is complete: a wrong name is worse than none.
+/// names is complete: a wrong name is worse than none. Its pieces are disjoint.
 using HeapFinder = void (*)(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 
 /// All pieces that have an owner, in ascending order and disjoint. Of two owners that claim a piece, the one
@@ -57,6 +69,7 @@ void nameHeaps(std::span<SnapshotRegion> regions, std::span<const HeapPiece> pie
 // The finders, each in a source file of its own with the evidence that it takes.
 void findGoHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 void findJavaHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
+void findMallocHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 void findV8Heap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 
 }  // namespace zorbel

@@ -53,26 +53,39 @@ void findJavaHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces) 
     const std::span<const SnapshotRegion> regions = evidence.regions();
     std::uint64_t archiveEnd = 0;  // Of an archive, and of the class space behind it.
     std::uint64_t classSpaceEnd = 0;
+    std::uint64_t pieceEnd = 0;
+    const auto add = [&](const HeapPiece& piece) {
+        pieces.push_back(piece);
+        pieceEnd = piece.end;
+    };
+    std::uint64_t end = 0;
+    bool isInLarge = false;  // Whether it is part of a reservation that only a heap is large enough for.
     for (std::size_t i = 0; i < regions.size(); ++i) {
         const SnapshotRegion& region = regions[i];
+        const bool follows = region.start == end;  // Of plain anonymous memory.
+        end = region.isPlainAnonymous ? region.end : 0;
+        isInLarge = region.isPlainAnonymous &&
+                    (follows ? isInLarge : evidence.mappedFrom(region.start) >= kEndOfCompressed);
         if (isArchive(region) && region.start >= kEndOfCompressed) {
             archiveEnd = region.end;
             classSpaceEnd = 0;
         }
-        if (!region.isPlainAnonymous) continue;
+        if (!region.isPlainAnonymous || region.start < pieceEnd) continue;
         if (region.start == archiveEnd && classSpaceEnd == 0) {
             // The archive is padded with memory that is never accessible up to the next 16 MiB.
             const std::uint64_t start = (archiveEnd + 16 * kMiB - 1) & ~(16 * kMiB - 1);
             classSpaceEnd = start + kClassSpace;
-            if (evidence.mappedFrom(archiveEnd) >= classSpaceEnd - archiveEnd)
-                pieces.push_back({start, classSpaceEnd, Tag::kJavaClassSpace});
+            if (evidence.mappedFrom(archiveEnd) >= classSpaceEnd - archiveEnd) {
+                add({start, classSpaceEnd, Tag::kJavaClassSpace});
+                continue;
+            }
         }
         if (region.has(SmapsEntry::kExecute))
-            pieces.push_back({region.start, region.end, Tag::kJavaCode});
-        else if (region.end <= kEndOfCompressed || evidence.mappedFrom(region.start) >= kEndOfCompressed)
-            pieces.push_back({region.start, region.end, Tag::kJavaHeap});
+            add({region.start, region.end, Tag::kJavaCode});
+        else if (region.end <= kEndOfCompressed || isInLarge)
+            add({region.start, region.end, Tag::kJavaHeap});
         else if (isMetaspaceNode(regions.subspan(i)))
-            pieces.push_back({region.start, region.start + kMetaspaceNode, Tag::kJavaMetaspace});
+            add({region.start, region.start + kMetaspaceNode, Tag::kJavaMetaspace});
     }
 }
 

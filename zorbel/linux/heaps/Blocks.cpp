@@ -1,0 +1,34 @@
+#include "linux/heaps/Blocks.h"
+
+#include <algorithm>
+
+#include "linux/process/Smaps.h"
+
+namespace zorbel {
+
+void findBlocks(const HeapEvidence& evidence, std::span<const BlockKind> kinds,
+                std::vector<HeapPiece>& pieces) {
+    std::size_t left = kMostBlocks;
+    for (const SnapshotRegion& region : evidence.regions()) {
+        const bool isReadWrite = region.protection == (SmapsEntry::kRead | SmapsEntry::kWrite);
+        if (!region.isPlainAnonymous || !isReadWrite || region.size() < kSmallestBlock) continue;
+        for (std::uint64_t at = region.start; at < region.end && left > 0; --left) {
+            HeapPiece piece{at, 0, Tag::kNone};
+            for (const BlockKind& kind : kinds) {
+                const std::uint64_t size = kind.sizeAt(evidence, at, region.end);
+                if (size == 0) continue;
+                piece.end = std::min(at + size, region.end);
+                piece.tag = kind.tag;
+                break;
+            }
+            if (piece.end <= at) break;
+            if (!pieces.empty() && pieces.back().end == at && pieces.back().tag == piece.tag)
+                pieces.back().end = piece.end;
+            else
+                pieces.push_back(piece);
+            at = piece.end;
+        }
+    }
+}
+
+}  // namespace zorbel
