@@ -67,7 +67,12 @@ namespace zorbel {
     ROW(kJavaMetaspace, 72, "Java metaspace") \
     ROW(kJavaCode, 73, "Java code cache") \
     ROW(kV8Heap, 74, "V8 heap") \
-    ROW(kPythonObjects, 75, "Python objects")
+    ROW(kPythonObjects, 75, "Python objects") \
+    ROW(kPartitionAlloc, 76, "PartitionAlloc") \
+    ROW(kOilpanHeap, 77, "Oilpan heap") \
+    ROW(kJemalloc, 78, "jemalloc") \
+    ROW(kMimalloc, 79, "mimalloc") \
+    ROW(kTcmalloc, 81, "tcmalloc")
 // clang-format on
 
 #define ZB_ROW_CONSTANT(constant, tag, name) constant = (tag),

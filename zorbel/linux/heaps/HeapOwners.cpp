@@ -9,7 +9,9 @@ namespace zorbel {
 namespace {
 
 /// Runtimes come before allocators, which they may use as well.
-constexpr HeapFinder kFinders[] = {findGoHeap, findJavaHeap, findV8Heap, findMallocHeap};
+constexpr HeapFinder kFinders[] = {findGoHeap,       findJavaHeap,     findPartitionAllocHeap,
+                                   findV8Heap,       findJemallocHeap, findMimallocHeap,
+                                   findTcmallocHeap, findMallocHeap};
 
 }  // namespace
 
@@ -17,12 +19,19 @@ bool HeapEvidence::runsAny(std::span<const std::string_view> nameStarts) const {
     return std::ranges::any_of(nameStarts, [this](std::string_view start) { return runs(start); });
 }
 
-std::uint64_t HeapEvidence::mappedFrom(std::uint64_t address) const {
-    std::uint64_t end = address;
-    for (auto region = std::ranges::lower_bound(_regions, address, {}, &SnapshotRegion::start);
-         region != _regions.end() && region->start == end && region->isPlainAnonymous; ++region)
-        end = region->end;
-    return end - address;
+std::vector<HeapEvidence::Stretch> HeapEvidence::stretches() const {
+    std::vector<Stretch> found;
+    for (std::size_t i = 0; i < _regions.size();) {
+        std::size_t last = i + 1;
+        if (_regions[i].isPlainAnonymous) {
+            while (last < _regions.size() && _regions[last].isPlainAnonymous &&
+                   _regions[last].start == _regions[last - 1].end)
+                ++last;
+            found.push_back({_regions.subspan(i, last - i)});
+        }
+        i = last;
+    }
+    return found;
 }
 
 bool HeapEvidence::runs(std::string_view nameStart) const {
@@ -56,7 +65,8 @@ void nameHeaps(std::span<SnapshotRegion> regions, std::span<const HeapPiece> pie
         while (piece != pieces.end() && piece->end <= region.start) ++piece;
         if (piece == pieces.end()) return;
         const bool isWithin = piece->start <= region.start && region.end <= piece->end;
-        if (isWithin && region.isPlainAnonymous && region.protection != 0) region.tag = piece->tag;
+        const bool isNameless = region.isPlainAnonymous || region.tag == Tag::kSbrk;
+        if (isWithin && isNameless && region.protection != 0) region.tag = piece->tag;
     }
 }
 

@@ -30,9 +30,16 @@ class HeapEvidence {
     /// Whether the process maps code of a file whose name, without the directory, begins like this.
     [[nodiscard]] bool runs(std::string_view nameStart) const;
     [[nodiscard]] bool runsAny(std::span<const std::string_view> nameStarts) const;
-    /// Bytes without a gap from the start of a region on that are mapped without a file. Linear in the
-    /// number of regions there.
-    [[nodiscard]] std::uint64_t mappedFrom(std::uint64_t address) const;
+    /// Memory without a gap that maps no file: regions that follow each other. Whatever reserves a large
+    /// piece of address space, and makes parts of it accessible, leaves one such stretch.
+    struct Stretch {
+        std::span<const SnapshotRegion> regions;
+
+        [[nodiscard]] std::uint64_t start() const { return regions.front().start; }
+        [[nodiscard]] std::uint64_t end() const { return regions.back().end; }
+        [[nodiscard]] std::uint64_t size() const { return end() - start(); }
+    };
+    [[nodiscard]] std::vector<Stretch> stretches() const;
 
     /// Reads values at an address; false if they are not in memory, or may not be read. Never makes the
     /// process or us wait for a page.
@@ -62,14 +69,19 @@ using HeapFinder = void (*)(const HeapEvidence& evidence, std::vector<HeapPiece>
 /// that is listed first in HeapOwners.cpp has it.
 std::vector<HeapPiece> findHeaps(const HeapEvidence& evidence);
 
-/// Sets the kinds of plain anonymous regions within the pieces that can be accessed. Names that a program has
-/// given win, and what is only reserved stays so.
+/// Sets the kinds of plain anonymous regions within the pieces that can be accessed, and of the main heap of
+/// the C library where another allocator has taken it over. Names that a program has given win, and what is
+/// only reserved stays so.
 void nameHeaps(std::span<SnapshotRegion> regions, std::span<const HeapPiece> pieces);
 
 // The finders, each in a source file of its own with the evidence that it takes.
 void findGoHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 void findJavaHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
+void findJemallocHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 void findMallocHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
+void findMimallocHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
+void findPartitionAllocHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
+void findTcmallocHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 void findV8Heap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 
 }  // namespace zorbel

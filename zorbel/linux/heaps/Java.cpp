@@ -12,6 +12,8 @@
 //   accessible in granules of 64 KiB.
 // * Code cache: the only memory without a file that can be executed.
 
+#include <algorithm>
+
 #include "linux/heaps/HeapOwners.h"
 #include "linux/process/Smaps.h"
 
@@ -26,6 +28,7 @@ constexpr std::uint64_t kClassSpace = kGiB;
 constexpr std::uint64_t kMetaspaceNode = 64 * kMiB;
 constexpr std::uint64_t kMetaspaceAlignment = 4 * kMiB;
 constexpr std::uint64_t kGranule = 64 << 10;
+constexpr std::uint64_t kPadding = 16 * kMiB;
 
 bool isArchive(const SnapshotRegion& region) {
     return region.file != nullptr && region.file->path.text().ends_with(".jsa");
@@ -50,42 +53,31 @@ bool isMetaspaceNode(std::span<const SnapshotRegion> regions) {
 
 void findJavaHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces) {
     if (!evidence.runs("libjvm.so")) return;
-    const std::span<const SnapshotRegion> regions = evidence.regions();
-    std::uint64_t archiveEnd = 0;  // Of an archive, and of the class space behind it.
-    std::uint64_t classSpaceEnd = 0;
-    std::uint64_t pieceEnd = 0;
-    const auto add = [&](const HeapPiece& piece) {
-        pieces.push_back(piece);
-        pieceEnd = piece.end;
-    };
-    std::uint64_t end = 0;
-    bool isInLarge = false;  // Whether it is part of a reservation that only a heap is large enough for.
-    for (std::size_t i = 0; i < regions.size(); ++i) {
-        const SnapshotRegion& region = regions[i];
-        const bool follows = region.start == end;  // Of plain anonymous memory.
-        end = region.isPlainAnonymous ? region.end : 0;
-        isInLarge = region.isPlainAnonymous &&
-                    (follows ? isInLarge : evidence.mappedFrom(region.start) >= kEndOfCompressed);
-        if (isArchive(region) && region.start >= kEndOfCompressed) {
-            archiveEnd = region.end;
-            classSpaceEnd = 0;
-        }
-        if (!region.isPlainAnonymous || region.start < pieceEnd) continue;
-        if (region.start == archiveEnd && classSpaceEnd == 0) {
+    std::vector<std::uint64_t> archiveEnds;
+    for (const SnapshotRegion& region : evidence.regions())
+        if (isArchive(region)) archiveEnds.push_back(region.end);
+    for (const HeapEvidence::Stretch& stretch : evidence.stretches()) {
+        const bool isHeap = stretch.end() <= kEndOfCompressed || stretch.size() >= kEndOfCompressed;
+        std::uint64_t pieceEnd = 0;
+        const auto add = [&](std::uint64_t start, std::uint64_t end, Tag tag) {
+            pieces.push_back({start, end, tag});
+            pieceEnd = end;
+        };
+        if (!isHeap && std::ranges::binary_search(archiveEnds, stretch.start())) {
             // The archive is padded with memory that is never accessible up to the next 16 MiB.
-            const std::uint64_t start = (archiveEnd + 16 * kMiB - 1) & ~(16 * kMiB - 1);
-            classSpaceEnd = start + kClassSpace;
-            if (evidence.mappedFrom(archiveEnd) >= classSpaceEnd - archiveEnd) {
-                add({start, classSpaceEnd, Tag::kJavaClassSpace});
-                continue;
-            }
+            const std::uint64_t start = (stretch.start() + kPadding - 1) & ~(kPadding - 1);
+            if (start + kClassSpace <= stretch.end()) add(start, start + kClassSpace, Tag::kJavaClassSpace);
         }
-        if (region.has(SmapsEntry::kExecute))
-            add({region.start, region.end, Tag::kJavaCode});
-        else if (region.end <= kEndOfCompressed || isInLarge)
-            add({region.start, region.end, Tag::kJavaHeap});
-        else if (isMetaspaceNode(regions.subspan(i)))
-            add({region.start, region.start + kMetaspaceNode, Tag::kJavaMetaspace});
+        for (std::size_t i = 0; i < stretch.regions.size(); ++i) {
+            const SnapshotRegion& region = stretch.regions[i];
+            if (region.start < pieceEnd) continue;
+            if (region.has(SmapsEntry::kExecute))
+                add(region.start, region.end, Tag::kJavaCode);
+            else if (isHeap)
+                add(region.start, region.end, Tag::kJavaHeap);
+            else if (isMetaspaceNode(stretch.regions.subspan(i)))
+                add(region.start, region.start + kMetaspaceNode, Tag::kJavaMetaspace);
+        }
     }
 }
 

@@ -1,11 +1,18 @@
-// V8, as Node.js and its like have it.
+// V8, as Node.js, Electron and Chromium have it.
 //
-// Evidence: the program or one of its libraries is V8 or embeds it, which the name of the file shows. V8
-// keeps its objects in pages of 256 KiB, aligned to that, each mapped by itself at a random address below
-// 2^46 (heap/memory-allocator, base/platform: GetRandomMmapAddr): far below where the kernel places mappings
-// by itself. Objects that are larger have a mapping of their own, which begins like a page. Where pointers
-// are compressed, all of that is in one reservation (a cage) of 4 GiB, aligned to its size. What can be
-// executed without being a file's is generated code.
+// Evidence: the program or one of its libraries is V8 or embeds it, which the name of the file shows. Objects
+// are in pages of 256 KiB, aligned to that. There are three layouts:
+//
+// * Node.js maps each page by itself at a random address below 2^46 (base/platform: GetRandomMmapAddr): far
+//   below where the kernel places mappings by itself. An object that is larger has a mapping of its own,
+//   which begins like a page.
+// * With compressed pointers, all pages are in a reservation (a cage) of 4 GiB, aligned to its size.
+// * With a sandbox, that and the tables that belong to it are in a reservation of a TiB or about.
+//
+// Oilpan, the heap for objects of Chromium's own that V8 comes with (cppgc), has a cage of 16 GiB. What can
+// be executed without being a file's is generated code.
+
+#include <algorithm>
 
 #include "linux/heaps/HeapOwners.h"
 #include "linux/process/Smaps.h"
@@ -17,29 +24,33 @@ namespace {
 constexpr std::uint64_t kPageOfV8 = 256 << 10;
 constexpr std::uint64_t kEndOfHints = std::uint64_t{1} << 46;
 constexpr std::uint64_t kCage = std::uint64_t{4} << 30;
+constexpr std::uint64_t kOilpanCage = std::uint64_t{16} << 30;
+constexpr std::uint64_t kSmallestSandbox = std::uint64_t{32} << 30;
 
-constexpr std::string_view kEmbedders[] = {"node", "libnode.so", "libv8", "electron",
-                                           "deno", "d8",         "chrom", "headless_shell"};
+constexpr std::string_view kEmbedders[] = {"node", "libnode.so", "libv8", "electron",      "deno",
+                                           "d8",   "chrom",      "brave", "headless_shell"};
+
+/// Whose the whole stretch is, if anybody's.
+Tag tagOfReservation(const HeapEvidence::Stretch& stretch) {
+    if (stretch.size() >= kSmallestSandbox) return Tag::kV8Heap;
+    if (stretch.start() % kCage != 0) return Tag::kNone;
+    if (stretch.size() == kOilpanCage) return Tag::kOilpanHeap;
+    return stretch.size() == kCage ? Tag::kV8Heap : Tag::kNone;
+}
 
 }  // namespace
 
 void findV8Heap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces) {
     if (!evidence.runsAny(kEmbedders)) return;
-    std::uint64_t cage = 0;  // The one that the last regions were in.
-    std::uint64_t end = 0;   // Of the last region.
-    for (const SnapshotRegion& region : evidence.regions()) {
-        const bool follows = region.start == end;
-        end = region.end;
-        if (!region.isPlainAnonymous) continue;
-        // A cage is reserved whole, and its parts stay next to each other.
-        if (!follows && region.start % kCage == 0 && evidence.mappedFrom(region.start) >= kCage)
-            cage = region.start;
-        const bool isInCage = cage != 0 && region.start - cage < kCage;
-        const bool isPage = region.start % kPageOfV8 == 0 && region.start < kEndOfHints;
-        if (region.has(SmapsEntry::kExecute))
-            pieces.push_back({region.start, region.end, Tag::kJitCode});
-        else if (isInCage || isPage)
-            pieces.push_back({region.start, region.end, Tag::kV8Heap});
+    for (const HeapEvidence::Stretch& stretch : evidence.stretches()) {
+        const Tag whole = tagOfReservation(stretch);
+        for (const SnapshotRegion& region : stretch.regions) {
+            const bool isPage = region.start % kPageOfV8 == 0 && region.start < kEndOfHints;
+            if (region.has(SmapsEntry::kExecute))
+                pieces.push_back({region.start, region.end, Tag::kJitCode});
+            else if (whole != Tag::kNone || isPage)
+                pieces.push_back({region.start, region.end, whole != Tag::kNone ? whole : Tag::kV8Heap});
+        }
     }
 }
 
