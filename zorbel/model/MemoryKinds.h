@@ -72,7 +72,9 @@ namespace zorbel {
     ROW(kOilpanHeap, 77, "Oilpan heap") \
     ROW(kJemalloc, 78, "jemalloc") \
     ROW(kMimalloc, 79, "mimalloc") \
-    ROW(kTcmalloc, 81, "tcmalloc")
+    ROW(kTcmalloc, 81, "tcmalloc") \
+    ROW(kRubyHeap, 82, "Ruby heap") \
+    ROW(kErlangHeap, 83, "Erlang heap")
 // clang-format on
 
 #define ZB_ROW_CONSTANT(constant, tag, name) constant = (tag),

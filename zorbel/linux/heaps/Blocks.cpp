@@ -6,8 +6,12 @@
 
 namespace zorbel {
 
-void findBlocks(const HeapEvidence& evidence, std::span<const BlockKind> kinds,
-                std::vector<HeapPiece>& pieces) {
+void findBlocks(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces) {
+    std::vector<BlockKind> kinds;
+    for (const BlockOwner* owner : {&kErlang, &kPython, &kRuby, &kGlibc})
+        if (evidence.runsAny(owner->files))
+            kinds.insert(kinds.end(), owner->kinds.begin(), owner->kinds.end());
+    if (kinds.empty()) return;
     std::size_t left = kMostBlocks;
     for (const SnapshotRegion& region : evidence.regions()) {
         const bool isReadWrite = region.protection == (SmapsEntry::kRead | SmapsEntry::kWrite);

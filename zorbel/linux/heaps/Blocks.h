@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string_view>
+#include <vector>
 
 #include "linux/heaps/HeapOwners.h"
 
@@ -17,12 +19,20 @@ struct BlockKind {
     std::uint64_t (*sizeAt)(const HeapEvidence& evidence, std::uint64_t address, std::uint64_t end);
 };
 
-/// Adds what begins with blocks of these kinds, in the regions that are large enough for one: from the start
-/// of a region, block by block, up to what is none. Looks only at pages that are in memory, so the process
-/// never waits for one; at most kMostBlocks of a process, about 2 us each.
-void findBlocks(const HeapEvidence& evidence, std::span<const BlockKind> kinds,
-                std::vector<HeapPiece>& pieces);
+/// A runtime or allocator that can be told by its blocks, and the names of the files that have its code.
+struct BlockOwner {
+    std::vector<std::string_view> files;
+    std::span<const BlockKind> kinds;
+};
+// Each in a source file of its own, with what it writes.
+extern const BlockOwner kErlang;
+extern const BlockOwner kGlibc;
+extern const BlockOwner kPython;
+extern const BlockOwner kRuby;
 
+// findBlocks() adds what begins with blocks of those that the process runs, in regions that are large enough
+// for one: from the start of a region, block by block, up to what is none. It looks only at pages that are in
+// memory, so the process never waits for one; at most kMostBlocks times for a process, about 2 us each.
 inline constexpr std::size_t kMostBlocks = 2048;
 inline constexpr std::uint64_t kSmallestBlock = 128 << 10;  ///< In bytes.
 

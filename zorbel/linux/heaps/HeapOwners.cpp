@@ -9,9 +9,8 @@ namespace zorbel {
 namespace {
 
 /// Runtimes come before allocators, which they may use as well.
-constexpr HeapFinder kFinders[] = {findGoHeap,       findJavaHeap,     findPartitionAllocHeap,
-                                   findV8Heap,       findJemallocHeap, findMimallocHeap,
-                                   findTcmallocHeap, findMallocHeap};
+constexpr HeapFinder kFinders[] = {findGoHeap,       findJavaHeap,     findPartitionAllocHeap, findV8Heap,
+                                   findJemallocHeap, findMimallocHeap, findTcmallocHeap,       findBlocks};
 
 }  // namespace
 

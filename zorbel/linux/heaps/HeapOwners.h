@@ -78,7 +78,7 @@ void nameHeaps(std::span<SnapshotRegion> regions, std::span<const HeapPiece> pie
 void findGoHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 void findJavaHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 void findJemallocHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
-void findMallocHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
+void findBlocks(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 void findMimallocHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 void findPartitionAllocHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 void findTcmallocHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);

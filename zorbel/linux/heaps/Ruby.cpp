@@ -1,0 +1,39 @@
+// Ruby's objects.
+//
+// They are in pages of 16 KiB, or 64 KiB from 3.2 on, aligned to that (gc.c, heap_page_header). A page begins
+// with the address of what describes it (heap_page), and among the first words of that is the address of the
+// first object, which lies right behind the page's header.
+
+#include <algorithm>
+#include <array>
+
+#include "linux/heaps/Blocks.h"
+
+namespace zorbel {
+
+namespace {
+
+/// Looks at one page in 128 KiB, which is the least that somebody else maps in between.
+std::uint64_t sizeOfPages(const HeapEvidence& evidence, std::uint64_t address, std::uint64_t end) {
+    constexpr std::uint64_t kPage = 16 << 10;
+    constexpr std::uint64_t kLargestHeader = 64;
+    constexpr std::uint64_t kFirstWords = 8;
+    std::array<std::uint64_t, 1> word;
+    if (address % kPage != 0 || !evidence.read(address, word)) return 0;
+    const std::uint64_t description = word[0];
+    if (description == 0 || description % sizeof word[0] != 0) return 0;
+    bool isDescribed = false;
+    for (std::uint64_t i = 0; i < kFirstWords && !isDescribed; ++i) {
+        if (!evidence.read(description + i * sizeof word[0], word)) return 0;
+        isDescribed = word[0] > address && word[0] <= address + kLargestHeader;
+    }
+    return isDescribed ? std::min(kSmallestBlock, (end - address) & ~(kPage - 1)) : 0;
+}
+
+constexpr BlockKind kKinds[] = {{Tag::kRubyHeap, sizeOfPages}};
+
+}  // namespace
+
+const BlockOwner kRuby = {{"ruby", "libruby"}, kKinds};
+
+}  // namespace zorbel
