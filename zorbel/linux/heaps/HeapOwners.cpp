@@ -14,6 +14,15 @@ constexpr HeapFinder kFinders[] = {findGoHeap,       findJavaHeap,     findParti
 
 }  // namespace
 
+HeapEvidence::HeapEvidence(std::span<const SnapshotRegion> regions, const ElfLayout* program, Read read)
+    : _regions(regions), _program(program), _read(std::move(read)) {
+    for (const SnapshotRegion& region : regions) {
+        if (region.file == nullptr || !region.has(SmapsEntry::kExecute)) continue;
+        const std::string_view path = region.file->path.text();
+        _files.push_back(path.substr(path.rfind('/') + 1));
+    }
+}
+
 bool HeapEvidence::runsAny(std::span<const std::string_view> nameStarts) const {
     return std::ranges::any_of(nameStarts, [this](std::string_view start) { return runs(start); });
 }
@@ -34,11 +43,7 @@ std::vector<HeapEvidence::Stretch> HeapEvidence::stretches() const {
 }
 
 bool HeapEvidence::runs(std::string_view nameStart) const {
-    return std::ranges::any_of(_regions, [&](const SnapshotRegion& region) {
-        if (region.file == nullptr || !region.has(SmapsEntry::kExecute)) return false;
-        const std::string_view path = region.file->path.text();
-        return path.substr(path.rfind('/') + 1).starts_with(nameStart);
-    });
+    return std::ranges::any_of(_files, [&](std::string_view file) { return file.starts_with(nameStart); });
 }
 
 std::vector<HeapPiece> findHeaps(const HeapEvidence& evidence) {

@@ -21,8 +21,7 @@ class HeapEvidence {
     /// The regions are in ascending order. The layout is that of the program's file; null if it is not known.
     /// Read fills a buffer from the memory of the process, if that is all in memory; false otherwise.
     using Read = std::function<bool(std::uint64_t address, std::span<std::byte> buffer)>;
-    HeapEvidence(std::span<const SnapshotRegion> regions, const ElfLayout* program, Read read)
-        : _regions(regions), _program(program), _read(std::move(read)) {}
+    HeapEvidence(std::span<const SnapshotRegion> regions, const ElfLayout* program, Read read);
 
     [[nodiscard]] std::span<const SnapshotRegion> regions() const { return _regions; }
     [[nodiscard]] const ElfLayout* program() const { return _program; }
@@ -52,6 +51,7 @@ class HeapEvidence {
     std::span<const SnapshotRegion> _regions;
     const ElfLayout* _program;
     Read _read;
+    std::vector<std::string_view> _files;  ///< Names of the files with code, without their directories.
 };
 
 /// A piece of an address space that belongs to one owner. Regions are split at its ends.
