@@ -74,7 +74,8 @@ namespace zorbel {
     ROW(kMimalloc, 79, "mimalloc") \
     ROW(kTcmalloc, 81, "tcmalloc") \
     ROW(kRubyHeap, 82, "Ruby heap") \
-    ROW(kErlangHeap, 83, "Erlang heap")
+    ROW(kErlangHeap, 83, "Erlang heap") \
+    ROW(kRubyTransientHeap, 84, "Ruby transient heap")
 // clang-format on
 
 #define ZB_ROW_CONSTANT(constant, tag, name) constant = (tag),

@@ -3,6 +3,9 @@
 // They are in pages of 16 KiB, or 64 KiB from 3.2 on, aligned to that (gc.c, heap_page_header). A page begins
 // with the address of what describes it (heap_page), and among the first words of that is the address of the
 // first object, which lies right behind the page's header.
+//
+// Contents of young objects are in a mapping of exactly 32 MiB, aligned to its blocks of 32 KiB, up to 3.2
+// (transient_heap.c).
 
 #include <algorithm>
 #include <array>
@@ -30,7 +33,15 @@ std::uint64_t sizeOfPages(const HeapEvidence& evidence, std::uint64_t address, s
     return isDescribed ? std::min(kSmallestBlock, (end - address) & ~(kPage - 1)) : 0;
 }
 
-constexpr BlockKind kKinds[] = {{Tag::kRubyHeap, sizeOfPages}};
+std::uint64_t sizeOfTransientHeap(const HeapEvidence& /*evidence*/, std::uint64_t address,
+                                  std::uint64_t end) {
+    constexpr std::uint64_t kSize = 32 << 20;
+    constexpr std::uint64_t kBlock = 32 << 10;
+    return address % kBlock == 0 && end - address == kSize ? kSize : 0;
+}
+
+constexpr BlockKind kKinds[] = {{Tag::kRubyHeap, sizeOfPages},
+                                {Tag::kRubyTransientHeap, sizeOfTransientHeap}};
 
 }  // namespace
 
