@@ -2,8 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include "e2e/Program.h"
 #include "fixtures/Fixture.h"
@@ -52,6 +54,28 @@ TEST(JsonTest, ReportsMatchTheSchema) {
     std::ofstream(documents[0]) << R"({"processes": [{}]})";
     EXPECT_THAT(validate(documents).output, testing::HasSubstr("'pid' is a required property"));
     std::filesystem::remove_all(directory);
+}
+
+TEST(JsonTest, ProcessesWithTheSameNameAreToldApart) {
+    const std::string script = testing::TempDir() + "nightly-backup-of-everything";
+    std::ofstream(script) << "#!/bin/sh\nkill -STOP $$\n";
+    std::filesystem::permissions(script, std::filesystem::perms::owner_all);
+    const Fixture fixture(
+        {[] {}, [&] { execl(script.c_str(), script.c_str(), "two  words", "\x1B[m", nullptr); }});
+    fixture.next();
+    const std::string path = testing::TempDir() + "details-" + std::to_string(getpid()) + ".json";
+    // By the name of the script, of which the kernel keeps 15 bytes; the executable is the shell.
+    const Outcome outcome = runZorbel({"nightly-backup-of-everything", "-j", path});
+    EXPECT_EQ(outcome.status, 0) << outcome.error;
+    std::ifstream file(path);
+    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    EXPECT_THAT(text, testing::HasSubstr("\"pid\":" + std::to_string(fixture.pid()) + ","));
+    EXPECT_THAT(text, testing::HasSubstr("\"parent\":" + std::to_string(getpid()) + ","));
+    EXPECT_THAT(text, testing::HasSubstr("\"uid\":" + std::to_string(getuid()) + ","));
+    EXPECT_THAT(text, testing::HasSubstr(R"("command":"/bin/sh )" + script + R"( two  words \\x1B[m")"));
+    EXPECT_THAT(text, testing::ContainsRegex("\"started\":" + std::to_string(time(nullptr) / 1000)));
+    std::filesystem::remove(path);
+    std::filesystem::remove(script);
 }
 
 }  // namespace

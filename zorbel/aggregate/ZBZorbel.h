@@ -42,6 +42,9 @@ class ZBZorbel {
     /// Makes gathering skip processes that it has not started to read. Callable from any thread.
     void cancel() { _earlyExit.store(true, std::memory_order_relaxed); }
 
+    /// Makes gathering find out what tells processes with the same name apart.
+    void setGathersDetails(bool gathers) { _gathersDetails = gathers; }
+
     /// Runs the phases from reading to attribution: reads all targets, settles what depends on all of them,
     /// walks each, and attributes its memory. cancel() adds a global error.
     void gatherData();
@@ -114,6 +117,7 @@ class ZBZorbel {
     std::deque<ZBMemoryObject> _objects;
     ObjectTables _objectTables;
     std::vector<std::shared_ptr<ZBOutputFormatter>> _outputFormatters;
+    bool _gathersDetails = false;
     std::atomic<bool> _earlyExit = false;
 };
 

@@ -34,8 +34,11 @@ void ZBZorbel::gatherData() {
     const std::vector<ZBProcess*> read = _readProcesses();
     _platform.settleTasks();
     // Lowest pid first: the kernel takes the longest of all, and nothing is left to do beside it at the end.
-    inParallel(read.size(), _workers,
-               [&](std::size_t index) { read[read.size() - 1 - index]->gatherData(); });
+    inParallel(read.size(), _workers, [&](std::size_t index) {
+        ZBProcess& process = *read[read.size() - 1 - index];
+        if (_gathersDetails) process.gatherDetails();
+        process.gatherData();
+    });
     for (ZBProcess* process : read) process->reportMessages();
     if (_earlyExit)
         ZBProcess::_addGlobalError("Zorbel exited early due to SIGINT and did not finish gathering all data");

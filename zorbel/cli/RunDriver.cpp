@@ -207,6 +207,7 @@ int run(int argc, char* const argv[], Platform& platform) {
 
     // Read (in parallel), settle, walk (in parallel) and attribute: see ZBZorbel::gatherData.
     ZBZorbel zorbel(platform, std::move(targets));
+    zorbel.setGathersDetails(settings.jsonPath.has_value());
     gatherCancellably(platform, zorbel);
 
     report(platform, settings, zorbel);

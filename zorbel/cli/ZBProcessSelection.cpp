@@ -47,7 +47,7 @@ class DescriptionMatcher {
         const std::size_t named = _firstNamed(description, std::min(numbered + 1, _pids.size()));
         if (named <= numbered && named < _pids.size()) return Match{_pids[named], true};
         if (numbered < _pids.size() && _isProcess[numbered]) return Match{_pids[numbered], false};
-        return std::nullopt;
+        return _firstCalling(description);
     }
 
   private:
@@ -64,6 +64,19 @@ class DescriptionMatcher {
             if (matches) return index;
         }
         return _pids.size();
+    }
+
+    /// The first process that calls itself so: a script is named after its interpreter, but the system knows
+    /// it by its own name, of which it may keep the beginning only.
+    std::optional<Match> _firstCalling(const std::string& name) {
+        constexpr std::size_t kMostKept = sizeof(BsdInfoRecord::pbi_comm) - 1;
+        for (const std::int32_t pid : _pids) {
+            BsdInfoRecord record;
+            if (!_platform.proc_pidinfo(pid, record)) continue;
+            const std::string own = ZBProcess::_nameForBsdInfoCommName(record);
+            if (own == name || (own.size() == kMostKept && name.starts_with(own))) return Match{pid, true};
+        }
+        return std::nullopt;
     }
 
     /// Name of a process; nothing if it has exited or never existed.

@@ -92,6 +92,9 @@ class ZBProcess {
 
     /// Reads the data that the system must provide in one reading.
     virtual void readData() {}
+    /// Finds out what tells the target apart from others with its name, before its regions are filled. Only
+    /// called in runs that report it.
+    virtual void gatherDetails() {}
     /// Fills the regions. All targets have been read before.
     virtual void gatherData() {}
 
@@ -113,6 +116,7 @@ class ZBProcess {
     [[nodiscard]] const std::string& name() const { return _name; }
     /// Name and pid as shown in reports.
     [[nodiscard]] const std::string& displayString() const { return _displayString; }
+    [[nodiscard]] const std::optional<ProcessDetails>& details() const { return _details; }
     /// Page size of the target in bytes.
     [[nodiscard]] std::uint32_t pageSize() const { return _pageSize; }
 
@@ -155,6 +159,7 @@ class ZBProcess {
     std::vector<std::string> _messages;  ///< Not reported yet.
     std::string _name;
     std::string _displayString;
+    std::optional<ProcessDetails> _details;
     std::vector<ZBMemoryRegion> _memoryRegions;
     std::uint32_t _pageSize = 0;
 };

@@ -39,6 +39,11 @@ void ZBUserProcess::readData() {
     if (_task != kTaskNull) _platform.readTask(_task);
 }
 
+void ZBUserProcess::gatherDetails() {
+    ProcessDetails details;
+    if (_task != kTaskNull && _platform.proc_details(_task, details)) _details = std::move(details);
+}
+
 void ZBUserProcess::gatherData() {
     _gatherImageData();
     _gatherMemoryData();

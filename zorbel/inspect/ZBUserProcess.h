@@ -30,6 +30,7 @@ class ZBUserProcess : public ZBProcess {
                                                                  const BsdInfoRecord& record);
 
     void readData() override;
+    void gatherDetails() override;
     void gatherData() override;
 
     /// What the system charges the process, if known, and the kernel's memory for the process if it is alive.

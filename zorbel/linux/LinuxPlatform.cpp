@@ -147,24 +147,14 @@ std::string areaOf(const std::string& path) {
 
 }  // namespace
 
-/// The /proc directory of a task. If the task keeps none, opens it for the lifetime of this object.
-class LinuxPlatform::TaskDirectory {
-  public:
-    TaskDirectory(const Task& task, const SystemRoot& root) : _fd(task.directory.get()) {
-        if (_fd >= 0) return;
-        _opened = openProcessDirectory(root, task.pid);
-        if (!_opened.isOpen()) return;
-        const auto stat = readStat(_opened.get());
-        if (stat && stat->startTime == task.startTime) _fd = _opened.get();
-    }
-
-    /// -1 if the process is gone; never AT_FDCWD or the directory of another process.
-    [[nodiscard]] int get() const { return _fd; }
-
-  private:
-    FileDescriptor _opened;
-    int _fd;
-};
+LinuxPlatform::TaskDirectory::TaskDirectory(const Task& task, const SystemRoot& root)
+    : _fd(task.directory.get()) {
+    if (_fd >= 0) return;
+    _opened = openProcessDirectory(root, task.pid);
+    if (!_opened.isOpen()) return;
+    const auto stat = readStat(_opened.get());
+    if (stat && stat->startTime == task.startTime) _fd = _opened.get();
+}
 
 LinuxPlatform::LinuxPlatform(Diagnostics& diagnostics, SystemRoot root)
     : _diagnostics(diagnostics),

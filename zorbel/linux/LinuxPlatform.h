@@ -18,6 +18,7 @@
 #include "linux/process/ProcessStat.h"
 #include "linux/process/ProcessStatus.h"
 #include "linux/process/SystemRoot.h"
+#include "linux/process/Users.h"
 #include "platform/Platform.h"
 #include "platform/Symbolicator.h"
 
@@ -74,6 +75,8 @@ class LinuxPlatform : public Platform, private Symbolicator {
     /// kernel can't scan page tables, and where a process may have locked or lazily freed pages.
     void readTask(TaskName task) override;
     void settleTasks() override;
+    /// From /proc/PID/stat and cgroup, /etc/passwd, and as much of the command line as is in memory.
+    bool proc_details(TaskName task, ProcessDetails& details) override;
     void forgetTask(TaskName task) override;
 
     /// From the snapshot.
@@ -121,7 +124,18 @@ class LinuxPlatform : public Platform, private Symbolicator {
         const Lineages* lineages = nullptr;  ///< Where its pages are noted.
         std::unique_ptr<TaskSnapshot> snapshot;
     };
-    class TaskDirectory;
+    /// The /proc directory of a task. If the task keeps none, opens it for the lifetime of this object.
+    class TaskDirectory {
+      public:
+        TaskDirectory(const Task& task, const SystemRoot& root);
+
+        /// -1 if the process is gone; never AT_FDCWD or the directory of another process.
+        [[nodiscard]] int get() const { return _fd; }
+
+      private:
+        FileDescriptor _opened;
+        int _fd;
+    };
 
     /// What was read about a process ahead of its opening.
     struct ProcessAhead {
@@ -152,6 +166,9 @@ class LinuxPlatform : public Platform, private Symbolicator {
     int _mostDescriptors;
     FileSystems _fileSystems;
     ElfFiles _elfFiles;
+    Users _users;
+    std::once_flag _isBootTimeRead;
+    std::uint64_t _bootTime = 0;  ///< Seconds since 1970.
     ObjectIds _objectIds;
     SharedFiles _sharedFiles;
     FrameFlags _frameFlags;

@@ -14,6 +14,7 @@
 #include "linux/heaps/HeapOwners.h"
 #include "linux/kinds/RegionKinds.h"
 #include "linux/kinds/Stacks.h"
+#include "linux/pages/ResidentMemory.h"
 #include "linux/process/PageSize.h"
 #include "linux/process/ProcessDirectory.h"
 
@@ -101,9 +102,9 @@ TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& service
 
 // Regions are split first, at all places that anything asks for.
 void TaskSnapshot::_nameAnonymousMemory(int processDirectory, const ReadingPlan& plan) {
-    FileDescriptor memory;
+    ResidentMemory memory(_directoryOfMemory(processDirectory), *_tables);
     const auto read = [&](std::uint64_t address, std::span<std::byte> buffer) {
-        return _readMemory(processDirectory, memory, address, buffer);
+        return memory.read(address, buffer);
     };
     const std::vector<HeapPiece> heaps = findHeaps(HeapEvidence(_regions, _images.program(), read));
     ThreadStacks stacks;

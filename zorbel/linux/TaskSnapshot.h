@@ -100,9 +100,6 @@ class TaskSnapshot {
     void _split(std::vector<std::uint64_t> cuts);
     /// Whether the region is a part of one that was split.
     [[nodiscard]] bool _isSplit(const SnapshotRegion& region) const;
-    /// Reads from the process, whose memory is opened when first needed. False if not all is in memory.
-    bool _readMemory(int processDirectory, FileDescriptor& memory, std::uint64_t address,
-                     std::span<std::byte> buffer);
     /// Finds whose heap, or which thread's stack, memory without a file is.
     void _nameAnonymousMemory(int processDirectory, const ReadingPlan& plan);
 

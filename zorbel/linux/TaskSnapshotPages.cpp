@@ -252,21 +252,6 @@ void TaskSnapshot::_recountSplitRegions(const ReadingPlan& plan) {
     }
 }
 
-// A page that is in memory can be read without a fault, which a file system or a handler of faults would have
-// to serve. It may be swapped out in between; reading it then takes a moment.
-bool TaskSnapshot::_readMemory(int processDirectory, FileDescriptor& memory, std::uint64_t address,
-                               std::span<std::byte> buffer) {
-    const std::uint64_t page = address & ~(pageSize() - 1);
-    if (address + buffer.size() > page + pageSize()) return false;
-    bool isPresent = false;
-    _tables->forEachWord(page, page + pageSize(),
-                         [&](std::uint64_t, auto words) { isPresent = PageWord(words[0]).isPresent(); });
-    if (!isPresent) return false;
-    if (!memory.isOpen()) memory = openForReading("mem", _directoryOfMemory(processDirectory));
-    return pread(memory.get(), buffer.data(), buffer.size(), static_cast<off_t>(address)) ==
-           static_cast<ssize_t>(buffer.size());
-}
-
 void TaskSnapshot::_findGuards(const SnapshotRegion& region, std::vector<std::uint64_t>& starts) {
     std::uint64_t end = 0;  // Of the last guard.
     const auto add = [&](std::uint64_t address, std::span<const std::uint64_t> words) {

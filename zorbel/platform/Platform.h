@@ -95,6 +95,9 @@ class Platform {
     /// Finds out what depends on all tasks, such as which of them share a page. Called after all are read.
     virtual void settleTasks() = 0;
 
+    /// What tells the task's process apart from others with its name. False if nothing is known.
+    virtual bool proc_details(TaskName /*task*/, ProcessDetails& /*details*/) { return false; }
+
     /// Frees what readTask has stored. No look-up may follow.
     virtual void forgetTask(TaskName task) = 0;
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 
 #include "model/ShareMode.h"
 
@@ -53,6 +54,16 @@ struct KernelMemoryRecord {
 struct ResourceUsageRecord {
     std::uint64_t ri_phys_zorbel = 0;
     std::uint64_t ri_lifetime_max_phys_zorbel = 0;
+};
+
+/// What tells processes with the same name apart. Texts are printable, and empty where they are not known.
+struct ProcessDetails {
+    std::uint32_t uid = 0;
+    std::string user;  ///< Name of the user, as this machine's list of users has it.
+    std::int32_t parent = 0;
+    std::uint64_t started = 0;  ///< Seconds since 1970; 0 where it is not known.
+    std::string command;        ///< Command line, its words separated by blanks; cut if it is long.
+    std::string cgroup;         ///< Path of the control group that its memory is charged to.
 };
 
 /// How the system may end an idle process; a sum of bits.

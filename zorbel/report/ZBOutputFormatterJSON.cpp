@@ -21,6 +21,17 @@ void append(json::array& array, const std::vector<std::string>& texts) {
     for (const std::string& text : texts) array.emplace_back(text);
 }
 
+/// Leaves out what is not known.
+void setDetails(json::object& process, const ProcessDetails& details) {
+    process.emplace("uid", details.uid);
+    process.emplace("parent", details.parent);
+    if (details.started != 0) process.emplace("started", details.started);
+    for (const auto& [member, text] :
+         {std::pair("user", &details.user), std::pair("command", &details.command),
+          std::pair("cgroup", &details.cgroup)})
+        if (!text->empty()) process.emplace(member, *text);
+}
+
 void setAuxiliary(json::object& owner, const ZBAuxDataDictionary* auxData) {
     if (auxData != nullptr)
         owner["auxiliary"] = auxData->jsonRepresentation();
@@ -112,6 +123,7 @@ void ZBOutputFormatterJSON::printProcessHeader(const ZBProcess& process) {
     json::object& object = _processes.emplace_back().data;
     object.emplace("name", process.name());
     object.emplace("pid", process.pid());
+    if (process.details()) setDetails(object, *process.details());
     object.emplace("zorbel", std::uint64_t{0});
     object.emplace("auxiliary", json::object());
     for (const auto& [member, texts] :

@@ -15,6 +15,8 @@ constexpr int kTerminalField = 7;
 constexpr int kFlagsField = 9;
 constexpr int kStartTimeField = 22;
 constexpr int kStackStartField = 28;
+constexpr int kArgumentsStartField = 48;
+constexpr int kArgumentsEndField = 49;
 
 }  // namespace
 
@@ -32,11 +34,12 @@ std::optional<ProcessStat> parseProcessStat(std::string_view text) {
     stat.state = rest[1];
     rest.remove_prefix(2);
 
-    std::array<std::uint64_t, kStackStartField + 1> fields{};
-    for (int field = kFirstNumberField; field <= kStackStartField; ++field) {
+    std::array<std::uint64_t, kArgumentsEndField + 1> fields{};
+    for (int field = kFirstNumberField; field <= kArgumentsEndField; ++field) {
         while (!rest.empty() && rest.front() == ' ') rest.remove_prefix(1);
         if (!rest.empty() && rest.front() == '-') rest.remove_prefix(1);  // No field that we use is negative.
         const auto value = takeNumber(rest);
+        if (!value && field > kStackStartField) break;  // Since Linux 3.5; not worth a failure.
         if (!value) return std::nullopt;
         fields[static_cast<std::size_t>(field)] = *value;
     }
@@ -45,6 +48,8 @@ std::optional<ProcessStat> parseProcessStat(std::string_view text) {
     stat.flags = static_cast<std::uint32_t>(fields[kFlagsField]);
     stat.startTime = fields[kStartTimeField];
     stat.stackStart = fields[kStackStartField];
+    stat.argumentsStart = fields[kArgumentsStartField];
+    stat.argumentsEnd = fields[kArgumentsEndField];
     return stat;
 }
 

@@ -20,6 +20,9 @@ struct ProcessStat {
     std::uint32_t flags = 0;       ///< PF_ bits.
     std::uint64_t startTime = 0;   ///< Clock ticks since boot; distinguishes processes with the same pid.
     std::uint64_t stackStart = 0;  ///< Address; 0 if we may not see it.
+    /// Addresses of the command line's first byte, and of the one behind it; 0 if we may not see them.
+    std::uint64_t argumentsStart = 0;
+    std::uint64_t argumentsEnd = 0;
 
     /// Whether it is a zombie or dead.
     [[nodiscard]] bool hasEnded() const { return state == 'Z' || state == 'X' || state == 'x'; }

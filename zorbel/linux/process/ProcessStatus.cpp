@@ -24,6 +24,7 @@ std::optional<ProcessStatus> parseProcessStatus(std::string_view text) {
     for (const Field& field : kKibibyteFields)
         status.*field.value = numberBehind(text, field.label).value_or(0) * 1024;
     status.threads = numberBehind(text, "\nThreads:\t").value_or(1);
+    status.uid = static_cast<std::uint32_t>(numberBehind(text, "\nUid:\t").value_or(0));
     return status;
 }
 

@@ -16,6 +16,7 @@ struct ProcessStatus {
     std::uint64_t pageTables = 0;         ///< VmPTE
     std::uint64_t locked = 0;             ///< VmLck
     std::uint64_t threads = 0;
+    std::uint32_t uid = 0;  ///< The real one.
 
     /// Bytes that the process is charged for.
     [[nodiscard]] std::uint64_t charge() const {
