@@ -310,6 +310,57 @@ TEST(ImageTest, SeparatesAnonymousMemoryFromAMappedPage) {
     EXPECT_THAT(table, AllOf(Contains(Key("__TEXT " + program)), Not(Contains(Key("__DATA " + program)))));
 }
 
+TEST(ImageTest, NamesOnlyWhatTheFileMaps) {
+    // A library whose code has more pages than are mapped of it.
+    Dl_info library{};
+    ASSERT_NE(dladdr(reinterpret_cast<void*>(&qsort), &library), 0);
+    const std::string path = std::filesystem::canonical(library.dli_fname);
+    std::ifstream file(path, std::ios::binary);
+    Elf64_Ehdr header{};
+    file.read(reinterpret_cast<char*>(&header), sizeof header);
+    std::vector<Elf64_Phdr> rows(header.e_phnum);
+    file.seekg(static_cast<std::streamoff>(header.e_phoff));
+    file.read(reinterpret_cast<char*>(rows.data()),
+              static_cast<std::streamoff>(rows.size() * sizeof rows[0]));
+    const auto code = std::ranges::find_if(
+        rows, [](const Elf64_Phdr& row) { return row.p_type == PT_LOAD && (row.p_flags & PF_X) != 0; });
+    ASSERT_NE(code, rows.end());
+    ASSERT_GT(code->p_memsz, 40 * kPageSize);
+    const auto mapPages = [&](char* start, std::size_t first, std::size_t count) {
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        const auto offset = static_cast<off_t>((code->p_offset & ~(kPageSize - 1)) + first * kPageSize);
+        check(mmap(start, count * kPageSize, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_FIXED, fd, offset) ==
+                  start,
+              "mmap");
+        for (std::size_t i = 0; i < count; ++i)
+            static_cast<void>(+static_cast<volatile char&>(start[i * kPageSize]));
+    };
+    // Also with more of the code where the headers say.
+    for (const bool hasMore : {false, true}) {
+        char* start = nullptr;
+        const Fixture fixture({[&] {
+            keepPagesSmall();
+            start = static_cast<char*>(
+                mmap(nullptr, 900 * kPageSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+            mapPages(start, 0, 1);
+            if (hasMore) mapPages(start + 30 * kPageSize, 30, 2);
+            touch(start + kPageSize, 29);
+            touch(start + 32 * kPageSize, 868);
+        }});
+        std::int64_t named = 0;
+        std::int64_t dirty = 0;
+        for (const ListedRegion& region :
+             runZorbel({"-v", "-w", "--pid", std::to_string(fixture.pid())}).listing()) {
+            if (!region.name.starts_with("__TEXT " + path)) continue;
+            if (region.size <= 2) named += region.size;
+            dirty += region.dirty;
+        }
+        EXPECT_EQ(named, hasMore ? 3 : 1);
+        EXPECT_EQ(dirty, 0);
+        EXPECT_GE(tableOf(fixture)[kUntagged].dirty, 897);
+    }
+}
+
 TEST(ImageTest, HasNoSharedLibraryCache) {
     // Addresses of such caches on other systems.
     constexpr std::size_t kPages = 600;

@@ -80,8 +80,8 @@ class LoadedImages::Finder {
         std::uint64_t end = 0;  ///< End of the image of this file that was found last.
     };
 
-    /// Adds the segments that are mapped as the headers say, and that lie above knownEnd. Returns the end of
-    /// the last one, 0 if there is none.
+    /// Adds the parts of segments that are mapped as the headers say, and that lie above knownEnd. Returns
+    /// the end of the last one, 0 if there is none.
     std::uint64_t _addByHeaders(const SnapshotRegion& region, const ElfLayout& layout,
                                 std::uint64_t knownEnd) {
         const ElfSegment* anchor = segmentOf(region, layout);
@@ -89,32 +89,81 @@ class LoadedImages::Finder {
         const std::uint64_t slide =
             region.start - pageStart(anchor->address) - (region.offset - pageStart(anchor->offset));
         std::uint64_t end = 0;
+        bool isWhole = false;  // Whether the last page of the segment before is mapped.
         for (const ElfSegment& segment : layout.segments) {
             // A segment may start in the page where the previous one ends.
             const std::uint64_t start = std::max(slide + pageStart(segment.address), end);
             const std::uint64_t segmentEnd = slide + pageEnd(segment.end());
             if (start < knownEnd || segmentEnd <= start) continue;
-            const bool isLastOfSeveral = &segment == &layout.segments.back() && end != 0;
-            if (!_isMapped(segment, slide + pageStart(segment.address), region.fileId(), isLastOfSeveral))
-                continue;
-            _addSegment(segment, layout, slide, start, segmentEnd);
-            end = segmentEnd;
+            const auto add = [&](std::uint64_t partStart, std::uint64_t partEnd) {
+                _addSegment(segment, layout, slide, partStart, partEnd);
+                end = partEnd;
+            };
+            // Behind what is in the file, zeroed data begins with a page of its own.
+            std::uint64_t zeroedStart = start;
+            bool mayBeZeroed = isWhole && &segment == &layout.segments.back();
+            if (segment.fileSize != 0) {
+                const std::uint64_t address = slide + pageStart(segment.address);
+                if (!_isMapped(segment, address, region.fileId())) continue;
+                zeroedStart = std::max(slide + pageEnd(segment.address + segment.fileSize), start);
+                const std::uint64_t origin = pageStart(segment.offset) - address;
+                _forEachPartOfFile(start, zeroedStart, region.fileId(), origin, add);
+                isWhole = end == zeroedStart;
+                mayBeZeroed = isWhole && segment.isWritable;
+            }
+            const std::uint64_t zeroedEnd = mayBeZeroed ? _endOfZeroed(zeroedStart, segmentEnd) : zeroedStart;
+            if (zeroedEnd > zeroedStart) add(zeroedStart, zeroedEnd);
         }
         if (end != 0) _images._owners.push_back({region.file->path, _images._segments.size()});
         return end;
     }
 
-    /// Whether the segment's first page is mapped where the headers say. A segment of zeroed data only maps
-    /// no file, so its memory may have another use. It is accepted only as the last one of several segments.
-    bool _isMapped(const ElfSegment& segment, std::uint64_t address, std::uint32_t fileId,
-                   bool mayBeZeroed) const {
-        const auto found = std::upper_bound(
+    using RegionIterator = std::span<const SnapshotRegion>::iterator;
+
+    /// The first region that ends above the address.
+    [[nodiscard]] RegionIterator _regionAtOrAfter(std::uint64_t address) const {
+        return std::upper_bound(
             _regions.begin(), _regions.end(), address,
             [](std::uint64_t value, const SnapshotRegion& region) { return value < region.end; });
-        if (found == _regions.end() || found->start > address) return false;
-        if (segment.fileSize == 0) return mayBeZeroed && found->isPrivate && found->file == nullptr;
-        return found->fileId() == fileId &&
+    }
+
+    /// Whether the segment's first page is mapped where the headers say.
+    [[nodiscard]] bool _isMapped(const ElfSegment& segment, std::uint64_t address,
+                                 std::uint32_t fileId) const {
+        const auto found = _regionAtOrAfter(address);
+        return found != _regions.end() && found->start <= address && found->fileId() == fileId &&
                found->offset + (address - found->start) == pageStart(segment.offset);
+    }
+
+    /// Calls consume with the parts of an address range that map the file as one mapping of it would, with
+    /// this distance from addresses to offsets; a process may have mapped anything between them. Ends at the
+    /// next mapping of the file that is another one: each region is looked at for one image only.
+    template <typename Consume>
+    void _forEachPartOfFile(std::uint64_t start, std::uint64_t end, std::uint32_t fileId,
+                            std::uint64_t origin, const Consume& consume) const {
+        std::uint64_t partStart = start;
+        std::uint64_t partEnd = start;
+        for (auto found = _regionAtOrAfter(start); found != _regions.end() && found->start < end; ++found) {
+            if (found->fileId() != fileId) continue;
+            if (found->offset - found->start != origin) break;
+            const std::uint64_t first = std::max(found->start, start);
+            if (first != partEnd) {
+                if (partEnd > partStart) consume(partStart, partEnd);
+                partStart = first;
+            }
+            partEnd = std::min(found->end, end);
+        }
+        if (partEnd > partStart) consume(partStart, partEnd);
+    }
+
+    /// Where the anonymous memory that begins at the address ends, at most.
+    [[nodiscard]] std::uint64_t _endOfZeroed(std::uint64_t start, std::uint64_t end) const {
+        std::uint64_t zeroedEnd = start;
+        for (auto found = _regionAtOrAfter(start); found != _regions.end() && zeroedEnd < end; ++found) {
+            if (found->start > zeroedEnd || !found->isPrivate || found->file != nullptr) break;
+            zeroedEnd = std::min(found->end, end);
+        }
+        return zeroedEnd;
     }
 
     void _addSegment(const ElfSegment& segment, const ElfLayout& layout, std::uint64_t slide,
