@@ -24,8 +24,8 @@ bool isAnonymous(const SnapshotRegion& region) { return region.isPrivate && regi
 /// Anonymous memory has no pages of files, and shared memory nothing else. A shared mapping of a named file
 /// may turn out to be one of a device.
 PageTables::Detail detailOf(const SnapshotRegion& region) {
-    const bool isShared =
-        region.tag == Tag::kMemfd || region.tag == Tag::kSysVShared || region.tag == Tag::kSharedAnonymous;
+    const bool isShared = region.tag == Tag::kMemfd || region.tag == Tag::kSysVShared ||
+                          region.tag == Tag::kSharedAnonymous || region.tag == Tag::kSecretMemory;
     const bool isAlike = region.isPrivate ? isAnonymous(region) || region.isOnlyFile : isShared;
     return isAlike && !region.isKernels() ? PageTables::Detail::kPlace : PageTables::Detail::kWhetherFile;
 }

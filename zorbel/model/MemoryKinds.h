@@ -75,7 +75,8 @@ namespace zorbel {
     ROW(kTcmalloc, 81, "tcmalloc") \
     ROW(kRubyHeap, 82, "Ruby heap") \
     ROW(kErlangHeap, 83, "Erlang heap") \
-    ROW(kRubyTransientHeap, 84, "Ruby transient heap")
+    ROW(kRubyTransientHeap, 84, "Ruby transient heap") \
+    ROW(kSecretMemory, 86, "secret memory")
 // clang-format on
 
 #define ZB_ROW_CONSTANT(constant, tag, name) constant = (tag),

@@ -99,6 +99,7 @@ TEST_F(RegionKindsTest, PathsAndFlagsDecideKind) {
         {kPosixShared, memory, {"/dev/shm/sem.x (deleted)"}},
         {kSysVShared, unmounted, {"/SYSV0000002a (deleted)"}},
         {kSharedAnonymous, unmounted, {"/dev/zero (deleted)", "[anon_shmem:mine]"}},
+        {kSecretMemory, unmounted, {"/secretmem (deleted)"}},
         {kTmpfs, memory, {"/run/state"}},
         {kHugePages, unmounted, {"/memfd:big (deleted)", "/anon_hugepage (deleted)"}, "sh ms de ht "},
         {kGpuBuffer, memory, {"/dev/dri/renderD128", "/dev/nvidiactl"}},
@@ -116,7 +117,7 @@ TEST_F(RegionKindsTest, PathsAndFlagsDecideKind) {
         {kUprobes, "--xp 0 00:00 0 ", {"[uprobes]"}},
         {kVsyscall, "--xp 0 00:00 0 ", {"[vsyscall]"}},
         // Anyone may choose such names for files on a disk.
-        {kNone, disk, {"/memfd:mine", "/SYSV00000000", "/usr/bin/cat"}},
+        {kNone, disk, {"/memfd:mine", "/SYSV00000000", "/secretmem", "/usr/bin/cat"}},
     };
     for (const auto& [tag, mapping, paths, flags] : rows) {
         for (const std::string& path : paths) {

@@ -76,6 +76,7 @@ constexpr PrefixTag kUnmountedNames[] = {
     {"/memfd:", Tag::kMemfd},
     {"/SYSV", Tag::kSysVShared},
     {"/dev/zero (deleted)", Tag::kSharedAnonymous},
+    {"/secretmem (deleted)", Tag::kSecretMemory},
     {kAnonShmemPrefix, Tag::kSharedAnonymous},
     {"/drm mm object", Tag::kGpuBuffer},
     {"/i915", Tag::kGpuBuffer},
