@@ -1,7 +1,6 @@
 #include "linux/TaskSnapshot.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -71,7 +70,7 @@ RegionPages pagesOf(const SmapsEntry& entry, bool hasStorage) {
 }  // namespace
 
 TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& services, const ReadingPlan& plan)
-    : _services(services) {
+    : _services(services), _identifier(services.fileSystems) {
     _readRegions(processDirectory, plan);
     const int memoryDirectory = _directoryOfMemory(processDirectory);
     if (!_tables) _tables.emplace(memoryDirectory, _services.pageAccess);
@@ -150,13 +149,14 @@ KernReturn TaskSnapshot::_read(int processDirectory, const std::string& place, c
     const auto open = [&](const char* name) {
         return openForReading((place + name).c_str(), processDirectory);
     };
+    const FileDescriptor thread =
+        place.empty() ? FileDescriptor() : openDirectory(place.c_str(), processDirectory);
+    const int directory = thread.isOpen() ? thread.get() : processDirectory;
     FileDescriptor maps = open(_services.pageAccess.mayScan ? "maps" : "smaps");
     _isFromSmaps = !_services.pageAccess.mayScan;
     int tablesError = 0;
     if (maps.isOpen() && !_isFromSmaps) {
-        const FileDescriptor directory =
-            place.empty() ? FileDescriptor() : openDirectory(place.c_str(), processDirectory);
-        _tables.emplace(directory.isOpen() ? directory.get() : processDirectory, _services.pageAccess);
+        _tables.emplace(directory, _services.pageAccess);
         tablesError = _tables->isOpen() ? 0 : errno;
         // Who may trace a process may read these texts, but pagemap is for its user and root.
         _isFromSmaps = tablesError == EACCES || tablesError == EPERM;
@@ -166,7 +166,7 @@ KernReturn TaskSnapshot::_read(int processDirectory, const std::string& place, c
         return errno == ENOENT || errno == ESRCH ? kMachSendInvalidDest : kernReturnFromErrno(errno);
     // One for each worker thread, reused for all its processes.
     thread_local const auto buffer = std::make_unique_for_overwrite<char[]>(kBufferSize);
-    const auto addEntry = [&](const SmapsEntry& entry) { _addEntry(entry, processDirectory); };
+    const auto addEntry = [&](const SmapsEntry& entry) { _addEntry(entry, directory); };
     std::size_t filled = 0;
     for (;;) {
         const std::ptrdiff_t count = readSome(maps.get(), buffer.get() + filled, kBufferSize - filled);
@@ -196,7 +196,7 @@ void TaskSnapshot::_addEntry(const SmapsEntry& entry, int processDirectory) {
 
     const bool isFile = mapsFile(entry);
     if (isFile) _lookAtFile(entry, processDirectory);
-    const RegionKind kind = kindOfEntry(entry, _file.fileSystem);
+    const RegionKind kind = kindOfEntry(entry, _file.fileSystem, _file.isBlockDevice);
     SnapshotRegion& region = _regions.emplace_back();
     region.start = entry.start;
     region.end = entry.end;
@@ -219,31 +219,24 @@ void TaskSnapshot::_addEntry(const SmapsEntry& entry, int processDirectory) {
 }
 
 void TaskSnapshot::_lookAtFile(const SmapsEntry& entry, int processDirectory) {
-    FileIdentity identity = {entry.device, entry.inode};
-    if (entry.path.starts_with("/SYSV")) {
-        struct stat ipc {};
-        if (fstatat(processDirectory, "ns/ipc", &ipc, 0) == 0) identity.ipcNamespace = ipc.st_ino;
-    }
-    const bool isOther = _file.mapped == nullptr || identity != _file.identity;
-    if (!isOther && entry.path == _file.rawPath) return;
+    if (_file.mapped != nullptr && entry.device == _file.device && entry.inode == _file.inode &&
+        entry.path == _file.rawPath)
+        return;
+    const FileIdentifier::Found found = _identifier.identify(entry, processDirectory);
     MappedFile& mapped = _files->emplace_front();
-    mapped = {Name(printable(entry.path, kLongestPath)), entry.device, entry.inode, 0};
-    if (isOther) {
-        _file.identity = identity;
-        _file.fileSystem = _kindOfFileSystem(entry, processDirectory);
-    }
-    if (_services.objectIds.tellsFile(identity)) mapped.number = _services.objectIds.numberOfFile(identity);
+    mapped.path = Name(printable(entry.path, kLongestPath));
+    mapped.device = found.device;
+    mapped.inode = found.inode;
+    mapped.isLayered = found.isLayered;
+    mapped.layerFile = found.layerFile;
+    if (_services.objectIds.tellsFile(found.identity))
+        mapped.number = _services.objectIds.numberOfFile(found.identity);
+    _file.device = entry.device;
+    _file.inode = entry.inode;
     _file.rawPath = entry.path;
+    _file.fileSystem = found.fileSystem;
+    _file.isBlockDevice = found.isBlockDevice;
     _file.mapped = &mapped;
-}
-
-/// If our own namespace does not mount the file system, looks at the mounts of the process, once.
-FileSystems::Kind TaskSnapshot::_kindOfFileSystem(const SmapsEntry& entry, int processDirectory) {
-    const FileSystems::Kind kind = _services.fileSystems.kindOf(entry.device);
-    if (kind != FileSystems::Kind::kUnknown || entry.path[0] != '/' || _knowsMounts) return kind;
-    _knowsMounts = true;
-    _services.fileSystems.addMountsOf(processDirectory);
-    return _services.fileSystems.kindOf(entry.device);
 }
 
 void TaskSnapshot::takeRegionsOf(const TaskSnapshot& other) {

@@ -12,6 +12,7 @@
 #include "base/Files.h"
 #include "linux/images/ElfFiles.h"
 #include "linux/images/LoadedImages.h"
+#include "linux/kinds/FileIdentifier.h"
 #include "linux/kinds/FileSystems.h"
 #include "linux/kinds/ObjectIds.h"
 #include "linux/pages/Families.h"
@@ -94,7 +95,6 @@ class TaskSnapshot {
     KernReturn _read(int processDirectory, const std::string& place, const ReadingPlan& plan);
     void _addEntry(const SmapsEntry& entry, int processDirectory);
     void _lookAtFile(const SmapsEntry& entry, int processDirectory);
-    [[nodiscard]] FileSystems::Kind _kindOfFileSystem(const SmapsEntry& entry, int processDirectory);
 
     void _findImages(int processDirectory);
     void _split(std::vector<std::uint64_t> cuts);
@@ -141,6 +141,7 @@ class TaskSnapshot {
     }
 
     SnapshotServices _services;
+    FileIdentifier _identifier;
     FileDescriptor _thread;  ///< The /proc directory of a thread; open if the process's own files do not show
                              ///< its memory.
     std::optional<PageTables> _tables;  ///< While it is read.
@@ -153,7 +154,6 @@ class TaskSnapshot {
     std::forward_list<std::vector<SharedPages>> _shared;  ///< Lent to the regions.
     KernReturn _codeAtEnd = kKernInvalidAddress;
     mutable std::size_t _lastFound = 0;
-    bool _knowsMounts = false;
     bool _isFromSmaps = false;  ///< Otherwise from maps and the page tables.
     struct SplitRegion {
         std::uint64_t start;
@@ -164,9 +164,11 @@ class TaskSnapshot {
     /// The file of the last entry that maps one. Regions of one file follow each other, so the next entry
     /// usually maps the same file.
     struct {
-        FileIdentity identity;
-        FileSystems::Kind fileSystem = FileSystems::Kind::kUnknown;
+        std::uint64_t device = 0;  // As in maps.
+        std::uint64_t inode = 0;   // Likewise.
         std::string rawPath;
+        FileSystems::Kind fileSystem = FileSystems::Kind::kUnknown;
+        bool isBlockDevice = false;
         const MappedFile* mapped = nullptr;
     } _file;
 };

@@ -66,6 +66,10 @@ std::uint64_t swappedPagesOf(std::span<const SnapshotRegion> regions) {
     return pages;
 }
 
+/// Whether the kernel can't count the pages of the file: it does not for huge pages, and secret memory can't
+/// be opened again.
+bool isNeverAsked(const SnapshotRegion& region) { return region.isHuge || region.tag == Tag::kSecretMemory; }
+
 using Regions = std::span<SnapshotRegion>;
 
 /// The end of the regions at the beginning that need the same detail, and are all private or all shared.
@@ -300,7 +304,7 @@ void TaskSnapshot::_readDetails(int processDirectory) {
 
 bool TaskSnapshot::_countsSeenPages(const SnapshotRegion& region) const {
     return region.fileId() != 0 && !region.hasStorage &&
-           (region.isHuge || (!_services.pageAccess.countsFiles && hasSharedPages(region.tag)));
+           (isNeverAsked(region) || (!_services.pageAccess.countsFiles && hasSharedPages(region.tag)));
 }
 
 void TaskSnapshot::_see(const SnapshotRegion& region, std::uint64_t start, std::uint64_t end) {
@@ -338,14 +342,17 @@ bool TaskSnapshot::_noteFiles(int processDirectory) {
         // Programs map many files shared that they only read, and without root none can be opened.
         const bool mayBeDirty = region.has(SmapsEntry::kWrite) && region.pages.file != 0;
         const bool isOnDisk = region.hasStorage;
-        const bool isOfInterest = isOnDisk ? !region.isPrivate : region.isHuge || hasSharedPages(region.tag);
+        const bool isOfInterest =
+            isOnDisk ? !region.isPrivate : isNeverAsked(region) || hasSharedPages(region.tag);
         if (region.fileId() == 0 || !isOfInterest) continue;
         const bool isSeen = _countsSeenPages(region) && (_knowsSeen || region.pages.file == 0);
-        // The kernel does not count huge pages in their file.
-        const bool mayOpen = _services.pageAccess.countsFiles && !region.isHuge &&
-                             (!isOnDisk || region.fileUse == FileUse::kMayBeRead);
+        // The files of an overlay have no pages: those of its layers do.
+        const MappedFile& file = *region.file;
+        const bool mayOpen = _services.pageAccess.countsFiles && !isNeverAsked(region) &&
+                             (!isOnDisk || region.fileUse == FileUse::kMayBeRead) &&
+                             (!file.isLayered || file.layerFile.isPresent());
         std::optional<SharedFiles::Mapping> mapping;
-        if (mayOpen) mapping = {processDirectory, region.start, region.end};
+        if (mayOpen) mapping = {processDirectory, region.start, region.end, file.layerFile};
         const bool isOpen = _services.sharedFiles.note(
             region.fileId(), {region.offset, region.offset + region.size(), region.pages.fileSwapped, isSeen},
             mapping);

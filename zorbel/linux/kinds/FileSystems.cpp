@@ -35,8 +35,16 @@ FileSystems::Kind kindOfType(std::string_view type) {
     return isOneOf(kLocalTypes) ? FileSystems::Kind::kLocal : FileSystems::Kind::kRemote;
 }
 
+FileSystems::Numbering numberingOfType(std::string_view type) {
+    if (type == "overlay") return FileSystems::Numbering::kLayers;
+    const bool hasSubvolumes = type == "btrfs" || type == "bcachefs";
+    return hasSubvolumes ? FileSystems::Numbering::kSubvolumes : FileSystems::Numbering::kExact;
+}
+
 struct Mount {
+    std::uint64_t id = 0;
     std::uint64_t device = 0;
+    std::string_view root;
     std::string_view point;
     std::string_view type;
     std::string_view options;  ///< Of the file system, not of the mount.
@@ -47,21 +55,38 @@ std::optional<Mount> parseMount(std::string_view line) {
     const std::size_t separator = line.find(" - ");
     if (separator == std::string_view::npos) return std::nullopt;
     std::string_view fileSystem = line.substr(separator + 3);
-    takeNumber(line);
+    Mount mount;
+    mount.id = takeNumber(line).value_or(0);
     takeNumber(line);
     const auto majorNumber = takeNumber(line);
     if (!majorNumber || line.empty()) return std::nullopt;
     line.remove_prefix(1);
     const auto minorNumber = takeNumber(line);
     if (!minorNumber) return std::nullopt;
-    Mount mount;
     mount.device = makedev(static_cast<unsigned>(*majorNumber), static_cast<unsigned>(*minorNumber));
-    takeWord(line);
+    mount.root = takeWord(line);
     mount.point = takeWord(line);
     mount.type = takeWord(fileSystem);
     takeWord(fileSystem);
     mount.options = takeWord(fileSystem);
     return mount;
+}
+
+/// Without the kernel's escapes: a backslash and three octal digits for a blank, a newline and the like.
+std::string unescaped(std::string_view text) {
+    std::string plain;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto digit = [&](std::size_t place) {
+            return static_cast<unsigned char>(text[i + place] - '0');
+        };
+        if (text[i] == '\\' && i + 3 < text.size() && digit(1) < 4 && digit(2) < 8 && digit(3) < 8) {
+            plain += static_cast<char>(digit(1) << 6 | digit(2) << 3 | digit(3));
+            i += 3;
+        } else {
+            plain += text[i];
+        }
+    }
+    return plain;
 }
 
 /// The mount that a path is on, judging by its text alone; null if the text does not show it.
@@ -78,22 +103,40 @@ const Mount* mountOf(std::string_view path, const std::vector<Mount>& mounts) {
     return found;
 }
 
-/// Whether all layers of an overlay are on file systems that always answer.
-bool hasLocalLayers(const Mount& overlay, const std::vector<Mount>& mounts) {
-    bool hasLayers = false;
+/// Calls consume with the option's name and each path of the layers of an overlay, in their order.
+template <typename Consume>
+void forEachLayer(const Mount& overlay, const Consume& consume) {
     for (std::string_view options = overlay.options; !options.empty();) {
         std::string_view paths = takeUpTo(options, ',');
         const std::string_view name = takeUpTo(paths, '=');
         if (!name.starts_with("lowerdir") && !name.starts_with("datadir") && name != "upperdir") continue;
         while (!paths.empty()) {
             const std::string_view path = takeUpTo(paths, ':');
-            if (path.empty()) continue;  // "::" precedes data-only layers.
-            const Mount* mount = mountOf(path, mounts);
-            if (mount == nullptr || kindOfType(mount->type) == FileSystems::Kind::kRemote) return false;
-            hasLayers = true;
+            if (!path.empty()) consume(name, path);  // "::" precedes data-only layers.
         }
     }
-    return hasLayers;
+}
+
+/// Whether all layers of an overlay are on file systems that always answer.
+bool hasLocalLayers(const Mount& overlay, const std::vector<Mount>& mounts) {
+    bool hasLayers = false;
+    bool areLocal = true;
+    forEachLayer(overlay, [&](std::string_view, std::string_view path) {
+        const Mount* mount = mountOf(path, mounts);
+        hasLayers = true;
+        areLocal = areLocal && mount != nullptr && kindOfType(mount->type) != FileSystems::Kind::kRemote;
+    });
+    return hasLayers && areLocal;
+}
+
+/// The directories of an overlay whose layers are local, the uppermost one first.
+std::vector<std::string> layersOfOverlay(const Mount& overlay) {
+    std::vector<std::string> layers;
+    forEachLayer(overlay, [&](std::string_view name, std::string_view path) {
+        // The upper directory is listed behind the lower ones.
+        layers.insert(name == "upperdir" ? layers.begin() : layers.end(), std::string(path));
+    });
+    return layers;
 }
 
 /// In bytes: the kernel has a directory "hugepages-2048kB" for each.
@@ -119,7 +162,7 @@ FileSystems::FileSystems(const SystemRoot& root) {
     const auto addKernelMount = [this](unsigned flags, Kind kind) {
         const FileDescriptor probe(memfd_create("zorbel", MFD_CLOEXEC | flags));
         struct stat status {};
-        if (probe.isOpen() && fstat(probe.get(), &status) == 0) _kinds[status.st_dev] = kind;
+        if (probe.isOpen() && fstat(probe.get(), &status) == 0) _fileSystems[status.st_dev].kind = kind;
     };
     addKernelMount(0, Kind::kKernel);
     // One for each size of huge pages. A file without contents takes no page.
@@ -129,10 +172,29 @@ FileSystems::FileSystems(const SystemRoot& root) {
                        Kind::kHuge);
 }
 
-FileSystems::Kind FileSystems::kindOf(std::uint64_t device) {
+FileSystems::FileSystem FileSystems::find(std::uint64_t device) {
     const std::lock_guard lock(_mutex);
-    const auto known = _kinds.find(device);
-    return known == _kinds.end() ? Kind::kUnknown : known->second;
+    const auto known = _fileSystems.find(device);
+    return known == _fileSystems.end() ? FileSystem() : known->second;
+}
+
+void FileSystems::noteProbe(std::uint64_t device, bool isExact) {
+    const std::lock_guard lock(_mutex);
+    FileSystem& known = _fileSystems[device];
+    known.isProbed = true;
+    if (!isExact) known.numbering = Numbering::kSubvolumes;
+}
+
+std::optional<FileSystems::MountPoint> FileSystems::mountWithId(std::uint64_t id) {
+    const std::lock_guard lock(_mutex);
+    const auto known = _mounts.find(id);
+    return known == _mounts.end() ? std::nullopt : std::optional(known->second);
+}
+
+std::vector<std::string> FileSystems::layersOf(std::uint64_t device) {
+    const std::lock_guard lock(_mutex);
+    const auto known = _layers.find(device);
+    return known == _layers.end() ? std::vector<std::string>() : known->second;
 }
 
 void FileSystems::addMountsOf(int processDirectory) {
@@ -146,12 +208,16 @@ void FileSystems::addMounts(std::string_view mountinfo, bool areOurs) {
     const std::lock_guard lock(_mutex);
     for (const Mount& mount : mounts) {
         const bool isLocalOverlay = areOurs && mount.type == "overlay" && hasLocalLayers(mount, mounts);
-        const Kind kind = isLocalOverlay ? Kind::kLocal : kindOfType(mount.type);
+        const FileSystem found = {isLocalOverlay ? Kind::kLocal : kindOfType(mount.type),
+                                  numberingOfType(mount.type)};
         // Mounts that others list do not override our own.
         if (areOurs)
-            _kinds[mount.device] = kind;
+            _fileSystems[mount.device] = found;
         else
-            _kinds.emplace(mount.device, kind);
+            _fileSystems.emplace(mount.device, found);
+        if (isLocalOverlay) _layers[mount.device] = layersOfOverlay(mount);
+        _mounts.try_emplace(mount.id,
+                            MountPoint{mount.device, unescaped(mount.root), unescaped(mount.point)});
     }
 }
 

@@ -15,6 +15,8 @@ std::size_t hash_value(const FileIdentity& file) {
     boost::hash_combine(seed, file.inode);
     boost::hash_combine(seed, file.ipcNamespace);
     boost::hash_combine(seed, file.firstFrame);
+    boost::hash_combine(seed, file.subvolume);
+    boost::hash_combine(seed, file.path.hash());
     return seed;
 }
 

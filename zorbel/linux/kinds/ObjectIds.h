@@ -19,6 +19,10 @@ struct FileIdentity {
     std::uint64_t ipcNamespace = 0;
     /// Of something that is no file of its own, the frame of the first page that is mapped; 0 for a file.
     std::uint64_t firstFrame = 0;
+    /// Where a device has several trees with the same inode numbers, the one that the file is in; else 0.
+    std::uint64_t subvolume = 0;
+    /// Where device and inode do not show which file it is, the name that the kernel gives it; else absent.
+    Name path = {};
 
     friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
     friend std::size_t hash_value(const FileIdentity& file);

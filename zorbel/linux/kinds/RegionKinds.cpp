@@ -141,13 +141,14 @@ bool mapsFile(const SmapsEntry& entry) {
     return !entry.path.empty() && (entry.path[0] != '[' || entry.path.starts_with(kAnonShmemPrefix));
 }
 
-RegionKind kindOfEntry(const SmapsEntry& entry, FileSystems::Kind fileSystem) {
+RegionKind kindOfEntry(const SmapsEntry& entry, FileSystems::Kind fileSystem, bool isBlockDevice) {
     if ((entry.flags & SmapsEntry::kHugePages) != 0) return {Tag::kHugePages, false};
     if (mapsFile(entry) && fileSystem == FileSystems::Kind::kHuge) return {Tag::kHugePages, false};
     if (!mapsFile(entry)) {
         if (entry.path.empty()) return {};
         return {tagOfNamedAnonymous(entry), false};
     }
+    if (isBlockDevice) return {Tag::kNone, true};
     // On a mounted file system, any user could name a file like this, so such a name is not trusted there.
     const bool isMounted =
         fileSystem != FileSystems::Kind::kUnknown && fileSystem != FileSystems::Kind::kKernel;

@@ -18,8 +18,9 @@ struct RegionKind {
 };
 
 /// The kind of an entry, from its path and flags. The file system is the one of its device; it is used only
-/// if the entry maps a file.
-RegionKind kindOfEntry(const SmapsEntry& entry, FileSystems::Kind fileSystem);
+/// if the entry maps a file, as is what else is known of the file: whether it is a node of a block device,
+/// whose pages are a cache of the device.
+RegionKind kindOfEntry(const SmapsEntry& entry, FileSystems::Kind fileSystem, bool isBlockDevice = false);
 
 /// Whether the entry maps a file, including a file that is in memory only.
 bool mapsFile(const SmapsEntry& entry);

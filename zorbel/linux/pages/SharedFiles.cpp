@@ -31,6 +31,7 @@ constexpr long kCachestatCall = 451;
 constexpr std::size_t kEnoughPaths = 16;
 
 std::string pathOf(const SharedFiles::Mapping& mapping) {
+    if (mapping.otherFile.isPresent()) return mapping.otherFile.text();
     char path[64];
     std::snprintf(path, sizeof path, "map_files/%llx-%llx", static_cast<unsigned long long>(mapping.start),
                   static_cast<unsigned long long>(mapping.end));
@@ -43,6 +44,7 @@ FileDescriptor openFile(const char* path, int directory) {
 
 /// Where the mapping's file can be opened without the descriptor of its process's directory.
 std::string lastingPathOf(const SharedFiles::Mapping& mapping) {
+    if (mapping.otherFile.isPresent()) return mapping.otherFile.text();
     const std::string link = "/proc/self/fd/" + std::to_string(mapping.processDirectory);
     const auto directory = readLink(link.c_str(), AT_FDCWD);
     return directory ? *directory + '/' + pathOf(mapping) : std::string();

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/Files.h"
+#include "base/Name.h"
 #include "linux/pages/PageSet.h"
 
 namespace zorbel {
@@ -69,6 +70,7 @@ class SharedFiles {
         int processDirectory;
         std::uint64_t start;  ///< As the end, an address.
         std::uint64_t end;
+        Name otherFile = {};  ///< Absolute path of the file that has the pages, if not the mapped one does.
     };
 
     /// Takes CAP_CHECKPOINT_RESTORE, and the process's user or root.

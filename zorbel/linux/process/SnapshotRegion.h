@@ -29,11 +29,13 @@ struct RegionPages {
 
 /// A file as a process maps it.
 struct MappedFile {
-    Name path;                 ///< Printable.
-    std::uint64_t device = 0;  ///< As returned by makedev().
-    std::uint64_t inode = 0;
-    std::uint32_t number =
-        0;  ///< Of the file in the run; 0 if device and inode do not show which file it is.
+    Name path;  ///< Printable.
+    /// As fstat() shows it where that differs from maps and could be asked; as returned by makedev().
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;   ///< Likewise.
+    std::uint32_t number = 0;  ///< Of the file in the run; 0 if nothing shows which file it is.
+    bool isLayered = false;    ///< On an overlay: its pages are those of a file in a layer.
+    Name layerFile = {};       ///< Absolute path of that file, as far as it was found.
 };
 
 /// One region of a snapshot. A run keeps those of all processes until it has walked them, so they are small.
