@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <grp.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -177,6 +179,15 @@ TEST(FileSystemTest, LayersOfOverlaysCountOnce) {
         two({read(second.path("/lib/file"), 0, kPages)});
     const Fixture three({read(layer + "/lib/file", 0, kPages)});
     EXPECT_LT(sumOf(measure({one.pid(), two.pid(), three.pid()}).summary(), kFile, &Row::clean), 2 * kPages);
+
+    // A container, whose root the overlay is.
+    std::filesystem::create_directory(first.path("/old"));
+    const Fixture container({[&] {
+        check(unshare(CLONE_NEWNS) == 0 && chdir(first.path().c_str()) == 0, "unshare");
+        check(syscall(SYS_pivot_root, ".", "old") == 0 && umount2("/old", MNT_DETACH) == 0, "pivot_root");
+        read("/lib/file", 0, kPages)();
+    }});
+    EXPECT_LT(sumOf(measure({two.pid(), container.pid()}).summary(), kFile, &Row::clean), 2 * kPages);
 
     // New files: on a disk, and in memory.
     close(openFile(first.path("/new"), 70)), close(openFile(second.path("/new"), 70));

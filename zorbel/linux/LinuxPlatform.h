@@ -155,7 +155,7 @@ class LinuxPlatform : public Platform, private Symbolicator {
     const ProcessStatus* _statusOf(TaskName name);
 
     [[nodiscard]] SnapshotServices _services() {
-        return {_fileSystems, _elfFiles, _objectIds, _sharedFiles, _frameFlags, _pageAccess};
+        return {_fileIdentifier, _elfFiles, _objectIds, _sharedFiles, _frameFlags, _pageAccess};
     }
     void _prepareReading();
     [[nodiscard]] SmapsUse _useOfSmaps(const Task& task) const;
@@ -165,6 +165,7 @@ class LinuxPlatform : public Platform, private Symbolicator {
     /// Tasks and files keep only descriptors below this number.
     int _mostDescriptors;
     FileSystems _fileSystems;
+    FileIdentifier _fileIdentifier{_fileSystems};
     ElfFiles _elfFiles;
     Users _users;
     std::once_flag _isBootTimeRead;

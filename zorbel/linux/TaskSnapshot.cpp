@@ -70,7 +70,7 @@ RegionPages pagesOf(const SmapsEntry& entry, bool hasStorage) {
 }  // namespace
 
 TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& services, const ReadingPlan& plan)
-    : _services(services), _identifier(services.fileSystems) {
+    : _services(services) {
     _readRegions(processDirectory, plan);
     const int memoryDirectory = _directoryOfMemory(processDirectory);
     if (!_tables) _tables.emplace(memoryDirectory, _services.pageAccess);
@@ -222,7 +222,9 @@ void TaskSnapshot::_lookAtFile(const SmapsEntry& entry, int processDirectory) {
     if (_file.mapped != nullptr && entry.device == _file.device && entry.inode == _file.inode &&
         entry.path == _file.rawPath)
         return;
-    const FileIdentifier::Found found = _identifier.identify(entry, processDirectory);
+    FileIdentifier::Process process = {processDirectory, _knowsMounts};
+    const FileIdentifier::Found found = _services.fileIdentifier.identify(entry, process);
+    _knowsMounts = process.knowsMounts;
     MappedFile& mapped = _files->emplace_front();
     mapped.path = Name(printable(entry.path, kLongestPath));
     mapped.device = found.device;

@@ -13,7 +13,6 @@
 #include "linux/images/ElfFiles.h"
 #include "linux/images/LoadedImages.h"
 #include "linux/kinds/FileIdentifier.h"
-#include "linux/kinds/FileSystems.h"
 #include "linux/kinds/ObjectIds.h"
 #include "linux/pages/Families.h"
 #include "linux/pages/FrameFlags.h"
@@ -29,7 +28,7 @@ namespace zorbel {
 
 /// What all snapshots of a run share.
 struct SnapshotServices {
-    FileSystems& fileSystems;
+    FileIdentifier& fileIdentifier;
     ElfFiles& elfFiles;
     ObjectIds& objectIds;
     SharedFiles& sharedFiles;
@@ -141,7 +140,6 @@ class TaskSnapshot {
     }
 
     SnapshotServices _services;
-    FileIdentifier _identifier;
     FileDescriptor _thread;  ///< The /proc directory of a thread; open if the process's own files do not show
                              ///< its memory.
     std::optional<PageTables> _tables;  ///< While it is read.
@@ -154,6 +152,7 @@ class TaskSnapshot {
     std::forward_list<std::vector<SharedPages>> _shared;  ///< Lent to the regions.
     KernReturn _codeAtEnd = kKernInvalidAddress;
     mutable std::size_t _lastFound = 0;
+    bool _knowsMounts = false;
     bool _isFromSmaps = false;  ///< Otherwise from maps and the page tables.
     struct SplitRegion {
         std::uint64_t start;

@@ -24,10 +24,12 @@ namespace {
 using enum Tag;
 
 /// Devices that no machine has: ffe:1 is a tmpfs and ffe:2 a disk. ffe:3 is not mounted, like the
-/// kernel's internal file systems.
+/// kernel's internal file systems. ffe:4 is a btrfs and ffe:5 an overlay.
 constexpr const char* kMounts =
     "31 28 4094:1 / /srv/dev\\040x rw shared:1 master:2 - tmpfs none rw\n"
-    "32 28 4094:2 / / rw - ext4 /dev/vda rw\n";
+    "32 28 4094:2 / / rw - ext4 /dev/vda rw\n"
+    "33 28 4094:4 /one /one rw - btrfs /dev/vdb rw,subvol=/one\n"
+    "34 28 4094:5 / /two rw - overlay overlay rw,lowerdir=/lower,upperdir=/upper,workdir=/work\n";
 
 class RegionKindsTest : public testing::Test {
   protected:
@@ -70,11 +72,12 @@ class RegionKindsTest : public testing::Test {
   private:
     const std::string _path = mkdtemp(std::string("/tmp/zorbel-unit-XXXXXX").data());
     FileSystems _fileSystems;
+    FileIdentifier _fileIdentifier{_fileSystems};
     ElfFiles _elfFiles;
     SharedFiles _sharedFiles;
     const FrameFlags _frameFlags{{"/nonexistent", "/nonexistent"}};
     ObjectIds _objectIds;
-    const SnapshotServices _services{_fileSystems, _elfFiles, _objectIds, _sharedFiles, _frameFlags, {}};
+    const SnapshotServices _services{_fileIdentifier, _elfFiles, _objectIds, _sharedFiles, _frameFlags, {}};
     std::deque<TaskSnapshot> _snapshots;
 };
 
@@ -183,6 +186,20 @@ TEST_F(RegionKindsTest, EqualFilesAreEqualObjects) {
     EXPECT_EQ(different.size(), 1 + mine.size() + theirs.size() - 2);
 }
 
+TEST_F(RegionKindsTest, FilesThatNothingIdentifiesAreNotUnited) {
+    for (const std::string device : {"ffe:4", "ffe:5"}) {
+        const auto file = [&](const std::string& path) { return "r--s 0 " + device + " 257 " + path; };
+        const auto& mine = regionsOf({file("/one/a"), file("/one/b"), file("/one/a")});
+        const auto& theirs = regionsOf({file("/one/b"), file("/one/c")});
+        settleAll();
+        EXPECT_EQ(mine.at(0).objectId, mine.at(2).objectId) << device;
+        EXPECT_EQ(mine.at(1).objectId, theirs.at(0).objectId) << device;
+        const std::set<std::uint32_t> different = {mine.at(0).objectId, mine.at(1).objectId,
+                                                   theirs.at(1).objectId};
+        EXPECT_EQ(different.size(), 3) << device;
+    }
+}
+
 TEST_F(RegionKindsTest, ShareModeFollowsPages) {
     const std::string memory = "p 0 ffe:1 4 /run/x";
     const std::tuple<std::string, std::uint8_t, std::uint32_t> rows[] = {
@@ -221,6 +238,26 @@ TEST(FileSystemsTest, OverlayIsLocalIfAllLayersAre) {
          {"lowerdir=/a:/srv/far/b", "lowerdir=/a::/srv/far", "lowerdir=/a,upperdir=/srv/far", "lowerdir=a",
           "lowerdir=/a\\:b", "lowerdir+=/srv/far/x", "index=off"})
         EXPECT_EQ(kind(options), FileSystems::Kind::kRemote) << options;
+}
+
+TEST(FileSystemsTest, LayersAreListedFromTheTop) {
+    FileSystems fileSystems;
+    const std::string mounts =
+        "1 0 4094:2 / / rw - ext4 /dev/vda rw\n"
+        "3 0 4094:6 /sub\\040tree /mnt rw - overlay none "
+        "rw,lowerdir+=/a,lowerdir+=/b/c,upperdir=/u,workdir=/w\n"
+        "4 0 4094:7 / /ro rw - overlay none ro,lowerdir=/a:/b\n";
+    fileSystems.addMounts(mounts, true);
+    EXPECT_EQ(fileSystems.layersOf(makedev(4094, 6)), (std::vector<std::string>{"/u", "/a", "/b/c"}));
+    EXPECT_EQ(fileSystems.layersOf(makedev(4094, 7)), (std::vector<std::string>{"", "/a", "/b"}));
+    const auto mount = fileSystems.mountWithId(3);
+    ASSERT_TRUE(mount);
+    EXPECT_EQ(std::tie(mount->device, mount->root, mount->path),
+              std::tuple(makedev(4094, 6), "/sub tree", "/mnt"));
+    // Names of layers that others have chosen.
+    FileSystems ofOthers;
+    ofOthers.addMounts(mounts, false);
+    EXPECT_TRUE(ofOthers.layersOf(makedev(4094, 6)).empty());
 }
 
 }  // namespace

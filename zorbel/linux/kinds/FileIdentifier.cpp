@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace zorbel {
 
@@ -40,11 +41,11 @@ bool hasNoContents(const FileDescriptor& reference) {
 
 /// Whether a file in a layer is what an overlay shows. The overlay keeps the inode number of a lower file,
 /// and goes on showing it when the file has been copied up; large numbers may have that of the layer on top.
-bool isShownAs(const FileStatus& shown, const FileStatus& inLayer, bool isUppermost) {
+bool isShownAs(const FileStatus& shown, const FileStatus& inLayer, bool isUpper) {
     constexpr std::uint64_t kOwnBits = (std::uint64_t{1} << 48) - 1;
     return inLayer.isRegular && shown.size == inLayer.size && shown.modified == inLayer.modified &&
            shown.modifiedRest == inLayer.modifiedRest &&
-           (isUppermost || ((shown.inode ^ inLayer.inode) & kOwnBits) == 0);
+           (isUpper || ((shown.inode ^ inLayer.inode) & kOwnBits) == 0);
 }
 
 FileIdentity identityOf(const FileStatus& status) {
@@ -57,16 +58,16 @@ FileIdentity identityOf(const FileStatus& status) {
 
 }  // namespace
 
-FileIdentifier::Found FileIdentifier::identify(const SmapsEntry& entry, int processDirectory) {
+FileIdentifier::Found FileIdentifier::identify(const SmapsEntry& entry, Process& process) {
     using Numbering = FileSystems::Numbering;
     Found found;
     found.identity.device = found.device = entry.device;
     found.identity.inode = found.inode = entry.inode;
     if (entry.path.starts_with("/SYSV")) {
         struct stat ipc {};
-        if (fstatat(processDirectory, "ns/ipc", &ipc, 0) == 0) found.identity.ipcNamespace = ipc.st_ino;
+        if (fstatat(process.directory, "ns/ipc", &ipc, 0) == 0) found.identity.ipcNamespace = ipc.st_ino;
     }
-    FileSystems::FileSystem fileSystem = _fileSystemOf(entry, processDirectory);
+    FileSystems::FileSystem fileSystem = _fileSystemOf(entry, process);
     found.fileSystem = fileSystem.kind;
     if (!entry.path.starts_with('/')) return found;
 
@@ -76,7 +77,7 @@ FileIdentifier::Found FileIdentifier::identify(const SmapsEntry& entry, int proc
     if (fileSystem.numbering == Numbering::kExact && !mayBeNode && !needsProbe) return found;
 
     std::optional<FileStatus> status;
-    if (isLocal || mayBeNode) status = _statusOf(entry, processDirectory);
+    if (isLocal || mayBeNode) status = _statusOf(entry, process);
     if (mayBeNode) {
         // Whatever the nodes are called, and wherever they are.
         found.isBlockDevice = status && status->isBlockDevice;
@@ -96,7 +97,7 @@ FileIdentifier::Found FileIdentifier::identify(const SmapsEntry& entry, int proc
     }
     found.isLayered = fileSystem.numbering == Numbering::kLayers;
     std::optional<LayerFile> inLayer;
-    if (found.isLayered && status) inLayer = _findLayerFile(*status, entry.path, processDirectory);
+    if (found.isLayered && status) inLayer = _layerFileOf(*status, entry.path, process);
     if (inLayer) {
         found.identity = identityOf(inLayer->status);
         found.fileSystem = inLayer->kind;
@@ -108,30 +109,29 @@ FileIdentifier::Found FileIdentifier::identify(const SmapsEntry& entry, int proc
 }
 
 /// If our own namespace does not mount the file system, looks at the mounts of the process.
-FileSystems::FileSystem FileIdentifier::_fileSystemOf(const SmapsEntry& entry, int processDirectory) {
+FileSystems::FileSystem FileIdentifier::_fileSystemOf(const SmapsEntry& entry, Process& process) {
     const FileSystems::FileSystem found = _fileSystems.find(entry.device);
-    if (found.kind != FileSystems::Kind::kUnknown || !entry.path.starts_with('/') || _knowsMounts)
+    if (found.kind != FileSystems::Kind::kUnknown || !entry.path.starts_with('/') || process.knowsMounts)
         return found;
-    _readMounts(processDirectory);
+    _readMounts(process);
     return _fileSystems.find(entry.device);
 }
 
-std::optional<FileSystems::MountPoint> FileIdentifier::_mountOf(const FileStatus& status,
-                                                                int processDirectory) {
+std::optional<FileSystems::MountPoint> FileIdentifier::_mountOf(const FileStatus& status, Process& process) {
     auto mount = _fileSystems.mountWithId(status.mount);
-    if (mount || _knowsMounts || status.mount == 0) return mount;
-    _readMounts(processDirectory);
+    if (mount || process.knowsMounts || status.mount == 0) return mount;
+    _readMounts(process);
     return _fileSystems.mountWithId(status.mount);
 }
 
 /// What is known of the file of an entry: it must be on the file system that maps shows, and a name may
 /// belong to another file by now.
-std::optional<FileStatus> FileIdentifier::_statusOf(const SmapsEntry& entry, int processDirectory) {
-    auto status = statusOf(referToMappedFile(entry.start, entry.end, processDirectory));
+std::optional<FileStatus> FileIdentifier::_statusOf(const SmapsEntry& entry, Process& process) {
+    auto status = statusOf(referToMappedFile(entry.start, entry.end, process.directory));
     const bool isNamed = !status;
-    if (isNamed) status = statusOf(referToNamedFile(std::string(entry.path).c_str(), processDirectory));
+    if (isNamed) status = statusOf(referToNamedFile(std::string(entry.path).c_str(), process.directory));
     if (!status) return std::nullopt;
-    const auto mount = _mountOf(*status, processDirectory);
+    const auto mount = _mountOf(*status, process);
     const bool isThere = mount ? mount->device == entry.device : !isNamed;
     // On an overlay, the two numbers may differ for a file that was copied up.
     const bool isAlike = status->inode == entry.inode;
@@ -139,15 +139,33 @@ std::optional<FileStatus> FileIdentifier::_statusOf(const SmapsEntry& entry, int
     return isThere && (isAlike || (isLayered && !isNamed)) ? status : std::nullopt;
 }
 
-/// The file in a layer of an overlay that has the pages of a file.
-std::optional<FileIdentifier::LayerFile> FileIdentifier::_findLayerFile(const FileStatus& status,
-                                                                        std::string_view path,
-                                                                        int processDirectory) {
-    const auto mount = _mountOf(status, processDirectory);
+/// The file in a layer of an overlay that has the pages of a file, given the name that a process maps it by.
+std::optional<FileIdentifier::LayerFile> FileIdentifier::_layerFileOf(const FileStatus& status,
+                                                                      std::string_view path,
+                                                                      Process& process) {
+    const auto mount = _mountOf(status, process);
     const std::string within = mount ? pathWithin(*mount, path) : std::string();
     if (within.empty()) return std::nullopt;
-    bool isUppermost = true;
-    for (const std::string& directory : _fileSystems.layersOf(mount->device)) {
+    std::pair<std::uint64_t, FileIdentity> key = {mount->device, identityOf(status)};
+    key.second.path = Name(within);
+    {
+        const std::lock_guard lock(_mutex);
+        const auto known = _layerFiles.find(key);
+        if (known != _layerFiles.end()) return known->second;
+    }
+    const auto found = _findLayerFile(status, mount->device, within);
+    const std::lock_guard lock(_mutex);
+    return _layerFiles.try_emplace(key, found).first->second;
+}
+
+/// Looks for the file from the uppermost layer on, given its path in the overlay.
+std::optional<FileIdentifier::LayerFile> FileIdentifier::_findLayerFile(const FileStatus& status,
+                                                                        std::uint64_t overlay,
+                                                                        const std::string& path) {
+    bool isUpper = true;
+    for (const std::string& directory : _fileSystems.layersOf(overlay)) {
+        const bool isInUpper = std::exchange(isUpper, false);
+        if (directory.empty()) continue;
         const FileDescriptor top = referToDirectory(directory.c_str());
         const auto topStatus = statusOf(top);
         const auto topMount = topStatus ? _fileSystems.mountWithId(topStatus->mount) : std::nullopt;
@@ -156,21 +174,20 @@ std::optional<FileIdentifier::LayerFile> FileIdentifier::_findLayerFile(const Fi
         const bool answers =
             fileSystem.kind == FileSystems::Kind::kLocal || fileSystem.kind == FileSystems::Kind::kMemory;
         if (!answers || fileSystem.numbering == FileSystems::Numbering::kLayers) return std::nullopt;
-        const FileDescriptor reference = referToFileBelow(top, within.c_str() + 1);
+        const FileDescriptor reference = referToFileBelow(top, path.c_str() + 1);
         if (!reference.isOpen() && errno != ENOENT) return std::nullopt;
         const auto inLayer = statusOf(reference);
         if (inLayer) {
-            if (!isShownAs(status, *inLayer, isUppermost) || hasNoContents(reference)) return std::nullopt;
-            return LayerFile{directory + within, *inLayer, fileSystem.kind};
+            if (!isShownAs(status, *inLayer, isInUpper) || hasNoContents(reference)) return std::nullopt;
+            return LayerFile{directory + path, *inLayer, fileSystem.kind};
         }
-        isUppermost = false;
     }
     return std::nullopt;
 }
 
-void FileIdentifier::_readMounts(int processDirectory) {
-    _knowsMounts = true;
-    _fileSystems.addMountsOf(processDirectory);
+void FileIdentifier::_readMounts(Process& process) {
+    process.knowsMounts = true;
+    _fileSystems.addMountsOf(process.directory);
 }
 
 }  // namespace zorbel

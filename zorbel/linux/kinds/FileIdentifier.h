@@ -1,9 +1,12 @@
 #pragma once
 
+#include <boost/unordered/unordered_flat_map.hpp>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/Name.h"
 #include "linux/kinds/FileSystems.h"
@@ -13,7 +16,7 @@
 
 namespace zorbel {
 
-/// Finds out which files a process maps.
+/// Finds out which files processes map. Shared by the workers.
 ///
 /// The device and the inode number in maps identify a file on most file systems. Where the same inode numbers
 /// occur in several subvolumes, fstat() shows more. The pages of a file on an overlay belong to a file in one
@@ -21,7 +24,8 @@ namespace zorbel {
 /// it a file of its own, so that strangers never count as one.
 ///
 /// Cost: nothing on most file systems, after one file of each device has been looked at. Elsewhere two calls
-/// for each file of a process, and on an overlay one for each layer down to the file.
+/// for each file of a process, and on an overlay, once for each of its files, three for each layer down to
+/// the file.
 class FileIdentifier {
   public:
     /// A mapped file.
@@ -38,8 +42,14 @@ class FileIdentifier {
 
     explicit FileIdentifier(FileSystems& fileSystems) : _fileSystems(fileSystems) {}
 
-    /// Identifies the file of an entry, given a /proc directory that shows the address space.
-    Found identify(const SmapsEntry& entry, int processDirectory);
+    /// A process whose files are identified.
+    struct Process {
+        int directory;             ///< A /proc directory that shows its address space.
+        bool knowsMounts = false;  ///< Whether the mounts that it sees have been read.
+    };
+
+    /// Identifies the file of an entry.
+    Found identify(const SmapsEntry& entry, Process& process);
 
   private:
     struct LayerFile {
@@ -48,15 +58,18 @@ class FileIdentifier {
         FileSystems::Kind kind;
     };
 
-    FileSystems::FileSystem _fileSystemOf(const SmapsEntry& entry, int processDirectory);
-    std::optional<FileSystems::MountPoint> _mountOf(const FileStatus& status, int processDirectory);
-    std::optional<FileStatus> _statusOf(const SmapsEntry& entry, int processDirectory);
-    std::optional<LayerFile> _findLayerFile(const FileStatus& status, std::string_view path,
-                                            int processDirectory);
-    void _readMounts(int processDirectory);
+    FileSystems::FileSystem _fileSystemOf(const SmapsEntry& entry, Process& process);
+    std::optional<FileSystems::MountPoint> _mountOf(const FileStatus& status, Process& process);
+    std::optional<FileStatus> _statusOf(const SmapsEntry& entry, Process& process);
+    std::optional<LayerFile> _layerFileOf(const FileStatus& status, std::string_view path, Process& process);
+    std::optional<LayerFile> _findLayerFile(const FileStatus& status, std::uint64_t overlay,
+                                            const std::string& path);
+    void _readMounts(Process& process);
 
     FileSystems& _fileSystems;
-    bool _knowsMounts = false;
+    std::mutex _mutex;
+    /// What was found, by the overlay and what it shows of the file.
+    boost::unordered_flat_map<std::pair<std::uint64_t, FileIdentity>, std::optional<LayerFile>> _layerFiles;
 };
 
 }  // namespace zorbel

@@ -129,12 +129,14 @@ bool hasLocalLayers(const Mount& overlay, const std::vector<Mount>& mounts) {
     return hasLayers && areLocal;
 }
 
-/// The directories of an overlay whose layers are local, the uppermost one first.
+/// The upper directory of an overlay, if it has one, and the lower ones from the top down.
 std::vector<std::string> layersOfOverlay(const Mount& overlay) {
-    std::vector<std::string> layers;
+    std::vector<std::string> layers(1);
     forEachLayer(overlay, [&](std::string_view name, std::string_view path) {
-        // The upper directory is listed behind the lower ones.
-        layers.insert(name == "upperdir" ? layers.begin() : layers.end(), std::string(path));
+        if (name == "upperdir")
+            layers.front() = path;
+        else if (name.starts_with("lowerdir"))
+            layers.emplace_back(path);
     });
     return layers;
 }

@@ -58,8 +58,8 @@ class FileSystems {
     /// The mount with this number, which no other one has at the same time, in the mounts read so far.
     std::optional<MountPoint> mountWithId(std::uint64_t id);
 
-    /// The directories that an overlay consists of, the uppermost one first; only for our own mounts, and
-    /// empty if their names in mountinfo do not tell.
+    /// The directories that an overlay consists of: the upper one, which is an empty text if there is none,
+    /// and the lower ones from the top down. Only for our own mounts whose layers are local, otherwise empty.
     std::vector<std::string> layersOf(std::uint64_t device);
 
     /// Adds the mounts that a process sees, given its /proc directory.
