@@ -28,7 +28,6 @@ using testing::Key;
 const std::string kFile = "mapped file";
 constexpr std::size_t kPages = 2048;
 constexpr const char* kNoBtrfs = "takes root, loop devices, btrfs and btrfs-progs";
-constexpr const char* kNoOverlay = "takes root and overlays";
 
 /// Opens a file, which gets this size if it is new.
 int openFile(const std::string& path, std::size_t pages = 0) {
@@ -155,64 +154,87 @@ TEST(FileSystemTest, NamesProgramsInSubvolumes) {
     }
 }
 
-TEST(FileSystemTest, LayersOfOverlaysCountOnce) {
-    const Mount lower("none", "tmpfs"), upper("none", "tmpfs"), third("none", "tmpfs");
-    if (!lower.isMounted()) GTEST_SKIP() << kNoOverlay;
-    char disk[] = "/var/tmp/layers-XXXXXX";
-    ASSERT_NE(mkdtemp(disk), nullptr);
-    const std::shared_ptr<void> putBack(nullptr, [&](void*) { std::filesystem::remove_all(disk); });
-    const std::string layer = disk + std::string("/lower");
-    for (const std::string& directory : {layer, upper.path("/upper"), upper.path("/work"),
-                                         disk + std::string("/upper"), disk + std::string("/work")})
-        std::filesystem::create_directory(directory);
-    std::filesystem::create_directory(layer + "/lib");
-    fillFile(layer + "/lib/file", kPages);
-    const Mount first("none", "overlay",
-                      "lowerdir=" + layer + ",upperdir=" + disk + "/upper,workdir=" + disk + "/work");
-    const Mount second(
-        "none", "overlay",
-        "lowerdir=" + layer + ",upperdir=" + upper.path("/upper") + ",workdir=" + upper.path("/work"));
-    if (!first.isMounted() || !second.isMounted()) GTEST_SKIP() << kNoOverlay;
+/// A lower directory on a disk with a file, and two overlays over it: the upper directory of the first one is
+/// on the disk, too, and that of the second one in memory.
+class OverlayTest : public testing::Test {
+  protected:
+    OverlayTest() {
+        check(mkdtemp(_disk) != nullptr, _disk);
+        if (!_memory.isMounted()) return;
+        const auto overlayIn = [&](const std::string& directory, const std::string& more) {
+            for (const char* name : {"/upper", "/work"}) std::filesystem::create_directory(directory + name);
+            return std::make_unique<Mount>("none", "overlay",
+                                           "lowerdir=" + lower() + ",upperdir=" + directory +
+                                               "/upper,workdir=" + directory + "/work" + more);
+        };
+        std::filesystem::create_directories(lower("/lib"));
+        fillFile(lower("/lib/file"), kPages);
+        _first = overlayIn(_disk, "");
+        _second = overlayIn(_memory.path(), ",metacopy=on");
+    }
+    ~OverlayTest() override {
+        _first.reset();
+        std::filesystem::remove_all(_disk);
+    }
 
-    // The lower file, seen in two overlays and by itself.
-    const Fixture one({read(first.path("/lib/file"), 0, kPages)}),
-        two({read(second.path("/lib/file"), 0, kPages)});
-    const Fixture three({read(layer + "/lib/file", 0, kPages)});
-    EXPECT_LT(sumOf(measure({one.pid(), two.pid(), three.pid()}).summary(), kFile, &Row::clean), 2 * kPages);
+    void SetUp() override {
+        if (!_second || !_first->isMounted() || !_second->isMounted())
+            GTEST_SKIP() << "takes root and overlays";
+    }
 
+    [[nodiscard]] std::string lower(const std::string& rest = "") const { return _disk + ("/lower" + rest); }
+    [[nodiscard]] std::string first(const std::string& rest = "") const { return _first->path(rest); }
+    [[nodiscard]] std::string second(const std::string& rest = "") const { return _second->path(rest); }
+
+  private:
+    char _disk[24] = "/var/tmp/layers-XXXXXX";
+    Mount _memory{"none", "tmpfs"};
+    std::unique_ptr<Mount> _first, _second;
+};
+
+TEST_F(OverlayTest, FileOfALowerLayerCountsOnce) {
     // A container, whose root the overlay is.
-    std::filesystem::create_directory(first.path("/old"));
+    std::filesystem::create_directory(first("/old"));
     const Fixture container({[&] {
-        check(unshare(CLONE_NEWNS) == 0 && chdir(first.path().c_str()) == 0, "unshare");
+        check(unshare(CLONE_NEWNS) == 0 && chdir(first().c_str()) == 0, "unshare");
         check(syscall(SYS_pivot_root, ".", "old") == 0 && umount2("/old", MNT_DETACH) == 0, "pivot_root");
         read("/lib/file", 0, kPages)();
     }});
-    EXPECT_LT(sumOf(measure({two.pid(), container.pid()}).summary(), kFile, &Row::clean), 2 * kPages);
+    const Fixture one({read(first("/lib/file"), 0, kPages)}), two({read(second("/lib/file"), 0, kPages)});
+    const Fixture itself({read(lower("/lib/file"), 0, kPages)});
+    const auto cleanPages = [&] {
+        return sumOf(measure({one.pid(), two.pid(), itself.pid(), container.pid()}).summary(), kFile,
+                     &Row::clean);
+    };
+    EXPECT_LT(cleanPages(), 2 * kPages);
+    // Only its attributes are copied up.
+    ASSERT_EQ(chmod(second("/lib/file").c_str(), 0600), 0);
+    EXPECT_LT(cleanPages(), 2 * kPages);
+}
 
-    // New files: on a disk, and in memory.
-    close(openFile(first.path("/new"), 70)), close(openFile(second.path("/new"), 70));
-    const Fixture onDisk({write(first.path("/new"), 5, 50, 70)}),
-        inMemory({write(second.path("/new"), 5, 60, 70)});
+TEST_F(OverlayTest, FileOfAnUpperLayerIsOnItsDiskOrInMemory) {
+    close(openFile(first("/new"), 70)), close(openFile(second("/new"), 70));
+    const Fixture onDisk({write(first("/new"), 5, 50, 70)}), inMemory({write(second("/new"), 5, 60, 70)});
     const Outcome outcome = measure({onDisk.pid(), inMemory.pid()});
     EXPECT_EQ(sumOf(outcome.tableOf(onDisk.pid()), kFile, &Row::dirty), 50);
     EXPECT_EQ(sumOf(outcome.tableOf(inMemory.pid()), kFile, &Row::dirty), 0);
     EXPECT_EQ(sumOf(outcome.summary(), "tmpfs file", &Row::dirty), 60);
-
     // A lower file that is written is copied up: each overlay then has its own.
-    const Fixture copied({write(second.path("/lib/file"), 0, 30)}),
-        still({read(first.path("/lib/file"), 0, 1)});
+    const Fixture copied({write(second("/lib/file"), 0, 30)}), still({read(first("/lib/file"), 0, 1)});
     EXPECT_EQ(sumOf(measure({copied.pid(), still.pid()}).summary(), "tmpfs file", &Row::dirty), kPages);
+}
 
-    // Files of two layers that have one inode number.
-    fillFile(lower.path("/a"), 20), fillFile(third.path("/b"), 20);
-    const Mount mixed("none", "overlay", "lowerdir=" + lower.path() + ":" + third.path());
-    ASSERT_TRUE(mixed.isMounted());
-    const Fixture both({[&] {
-        static const Region a(20, MAP_PRIVATE, open(mixed.path("/a").c_str(), O_RDONLY | O_CLOEXEC));
-        static const Region b(20, MAP_PRIVATE, open(mixed.path("/b").c_str(), O_RDONLY | O_CLOEXEC));
+TEST_F(OverlayTest, EqualInodeNumbersInLayersAreTwoFiles) {
+    const Mount upper("none", "tmpfs"), lower("none", "tmpfs");
+    fillFile(upper.path("/a"), 20), fillFile(lower.path("/b"), 20);
+    const Mount overlay("none", "overlay", "lowerdir=" + upper.path() + ":" + lower.path());
+    ASSERT_TRUE(overlay.isMounted());
+    const Fixture fixture({[&] {
+        static const Region a(20, MAP_PRIVATE, open(overlay.path("/a").c_str(), O_RDONLY | O_CLOEXEC));
+        static const Region b(20, MAP_PRIVATE, open(overlay.path("/b").c_str(), O_RDONLY | O_CLOEXEC));
         a.read(0, 20), b.read(0, 20);
     }});
-    EXPECT_EQ(sumOf(measure({both.pid()}).tableOf(both.pid()), "tmpfs file", &Row::dirty), 40);
+    EXPECT_EQ(sumOf(measure({fixture.pid()}).tableOf(fixture.pid()), "tmpfs file", &Row::dirty), 40);
 }
 
 TEST(FileSystemTest, SecretMemory) {

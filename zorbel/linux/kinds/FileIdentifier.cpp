@@ -177,10 +177,9 @@ std::optional<FileIdentifier::LayerFile> FileIdentifier::_findLayerFile(const Fi
         const FileDescriptor reference = referToFileBelow(top, path.c_str() + 1);
         if (!reference.isOpen() && errno != ENOENT) return std::nullopt;
         const auto inLayer = statusOf(reference);
-        if (inLayer) {
-            if (!isShownAs(status, *inLayer, isInUpper) || hasNoContents(reference)) return std::nullopt;
-            return LayerFile{directory + path, *inLayer, fileSystem.kind};
-        }
+        if (!inLayer || hasNoContents(reference)) continue;
+        if (!isShownAs(status, *inLayer, isInUpper)) return std::nullopt;
+        return LayerFile{directory + path, *inLayer, fileSystem.kind};
     }
     return std::nullopt;
 }
