@@ -19,7 +19,7 @@ TEST(PageSetTest, CountsEachPageOnce) {
     };
     const auto countIn = [&](std::size_t first, std::size_t end) {
         std::size_t count = 0;
-        for (std::size_t i = first; i < end; ++i) count += expected[i] ? 1 : 0;
+        for (std::size_t i = first; i < end; ++i) count += expected[i] ? 1U : 0U;
         return count;
     };
     for (int round = 0; round < 9000; ++round) {
