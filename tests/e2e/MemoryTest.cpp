@@ -61,6 +61,29 @@ TEST(MemoryTest, LazilyFreedPages) {
                              {[&] { region.touch(10, 5); }, {.dirty = 5, .reclaimable = -5}}});
 }
 
+TEST(MemoryTest, LazilyFreedPagesBesideOtherMemory) {
+    // The kernel merges a large allocation and a mapping that nobody has touched.
+    constexpr std::size_t kPages = 500;
+    const auto step = [] {
+        const std::size_t size = 4 * kPages * kPageSize;
+        auto* start = static_cast<char*>(
+            mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        madvise(start, size, MADV_NOHUGEPAGE);
+        auto* header = reinterpret_cast<std::size_t*>(start);
+        header[1] = kPages * kPageSize | 2;  // As malloc() marks it.
+        for (std::size_t i = 0; i < kPages; ++i) start[i * kPageSize + 16] = 1;
+        for (int i = 0; i < 2; ++i) madvise(start + 50 * kPageSize, 400 * kPageSize, MADV_FREE);
+    };
+    const Fixture fixture({[] {}, step});
+    const Row before = measure({fixture.pid()}).tableOf(fixture.pid())["TOTAL"];
+    fixture.next();
+    const Table table = measure({fixture.pid()}).tableOf(fixture.pid());
+    const Row after = table.at("TOTAL");
+    EXPECT_EQ(after.reclaimable - before.reclaimable, 400);
+    EXPECT_EQ(after.dirty - before.dirty, 100);
+    EXPECT_EQ(table.at("MALLOC_LARGE").dirty, 100);
+}
+
 TEST(MemoryTest, LazilyFreedPagesInBreakdownMode) {
     const Region region(70);
     const Fixture fixture({[&] { region.touch(0, 70); }, [&] { region.freeLazily(); }});

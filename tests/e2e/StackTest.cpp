@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -58,6 +59,25 @@ void startThread(void* stack, Told& told) {
     pthread_barrier_wait(&isWaiting);
 }
 
+void* runCoroutine(void*) {
+    constexpr std::size_t kHeap = 32 << 20;
+    char* heap = map(kHeap + kPageSize, PROT_NONE) + kPageSize;
+    mprotect(heap, kHeap, PROT_READ | PROT_WRITE);
+    static ucontext_t back;
+    static ucontext_t coroutine;
+    getcontext(&coroutine);
+    coroutine.uc_stack.ss_sp = heap + kHeap / 2;
+    coroutine.uc_stack.ss_size = 1 << 16;
+    makecontext(
+        &coroutine,
+        [] {
+            for (;;) pause();
+        },
+        0);
+    swapcontext(&back, &coroutine);
+    return nullptr;
+}
+
 TEST(StackTest, OnlyMemoryWithAStackPointerAboveAGuardIsAStack) {
     Told& told = *static_cast<Told*>(
         mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
@@ -68,6 +88,9 @@ TEST(StackTest, OnlyMemoryWithAStackPointerAboveAGuardIsAStack) {
         pthread_create(
             &thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr);
         pthread_join(thread, nullptr);
+        // A thread that runs a coroutine, whose stack is in a heap with a guard below it.
+        pthread_create(&thread, nullptr, runCoroutine, nullptr);
+        usleep(100000);
         // A buffer above a guard is none.
         char* buffer = map((64 << 20) + kPageSize, PROT_NONE) + kPageSize;
         mprotect(buffer, 64 << 20, PROT_READ | PROT_WRITE);

@@ -19,14 +19,21 @@ namespace {
 constexpr std::size_t kLongestCommand = 1024;
 
 /// Its memory is the process's own, so only what is there is read: /proc/PID/cmdline would wait for the rest.
+/// A process that has put a title in the place of its arguments may have written on over its environment:
+/// then the last byte of the arguments is no longer their end.
 std::string commandLineOf(int processDirectory, const ProcessStat& stat, const PageAccess& access) {
     if (stat.argumentsStart == 0 || stat.argumentsEnd <= stat.argumentsStart) return "";
     PageTables tables(processDirectory, access);
     if (!tables.isOpen()) return "";
-    std::string command(std::min<std::size_t>(kLongestCommand, stat.argumentsEnd - stat.argumentsStart),
-                        '\0');
     ResidentMemory memory(processDirectory, tables);
+    const std::uint64_t size = stat.argumentsEnd - stat.argumentsStart;
+    const std::uint64_t all = std::max(stat.environmentEnd, stat.argumentsEnd) - stat.argumentsStart;
+    std::string command(std::min<std::size_t>(kLongestCommand, all), '\0');
     if (!memory.read(stat.argumentsStart, std::as_writable_bytes(std::span(command)))) return "";
+    if (size <= command.size() && command[size - 1] == '\0')
+        command.resize(size);
+    else if (size <= command.size())
+        command.resize(std::min(command.find('\0'), command.size()));
     while (!command.empty() && command.back() == '\0') command.pop_back();
     std::ranges::replace(command, '\0', ' ');
     return printable(command);

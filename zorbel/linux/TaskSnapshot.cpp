@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -88,6 +89,7 @@ TaskSnapshot::TaskSnapshot(int processDirectory, const SnapshotServices& service
     _nameAnonymousMemory(processDirectory, plan);
     _recountSplitRegions(plan);
     _notePages(plan.lineageUse);
+    _distributeLazyPages();
     _markDevices();
     for (SnapshotRegion& region : _regions)
         region.pages.lazy = std::min(region.pages.lazy, region.pages.anonymous);
@@ -110,9 +112,9 @@ void TaskSnapshot::_nameAnonymousMemory(int processDirectory, const ReadingPlan&
     std::vector<std::uint64_t> stackStarts;
     if (plan.threads > 1 && std::ranges::any_of(_regions, mayHoldStacks)) {
         stacks = stacksOfThreads(processDirectory);
-        stackStarts = placesToSplit(_regions, stacks, [this](const SnapshotRegion& region, auto& starts) {
-            _findGuards(region, starts);
-        });
+        stackStarts = placesToSplit(
+            _regions, stacks,
+            [this](const SnapshotRegion& region, const auto& visit) { _forEachGuard(region, visit); });
     }
     std::vector<std::uint64_t> cuts = stackStarts;
     for (const HeapPiece& piece : heaps)
@@ -122,8 +124,17 @@ void TaskSnapshot::_nameAnonymousMemory(int processDirectory, const ReadingPlan&
         }
     if (!cuts.empty()) _split(std::move(cuts));
     nameHeaps(_regions, heaps);
-    findStacks(_regions, stacks, stackStarts);
-    findAnonymousKinds(_regions);
+    findStacks(_regions, stacks, stackStarts, [&](const SnapshotRegion& region) -> std::optional<bool> {
+        std::array<std::uint64_t, 512> top;
+        if (region.size() < sizeof top) return false;
+        const std::uint64_t start = region.end - sizeof top;
+        if (!memory.read(start, std::as_writable_bytes(std::span(top)))) return std::nullopt;
+        return holdsDescriptor(start, top);
+    });
+    findAnonymousKinds(_regions, [&](std::uint64_t address) {
+        std::array<std::byte, 1> first;
+        return memory.read(address, first);
+    });
 }
 
 void TaskSnapshot::_readRegions(int processDirectory, const ReadingPlan& plan) {

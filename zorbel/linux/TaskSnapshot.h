@@ -120,8 +120,10 @@ class TaskSnapshot {
     /// Likewise, with one question. 0 or an errno.
     int _countStretch(std::span<SnapshotRegion> regions, PageTables::Detail detail);
     void _recountSplitRegions(const ReadingPlan& plan);
-    /// Adds the addresses at which runs of guard pages begin in the region.
-    void _findGuards(const SnapshotRegion& region, std::vector<std::uint64_t>& starts);
+    /// Where lazily freed pages are is not known: heaps free like that, so those with most pages have them.
+    void _distributeLazyPages();
+    /// Calls with the addresses at which runs of guard pages begin in the region.
+    void _forEachGuard(const SnapshotRegion& region, const std::function<void(std::uint64_t start)>& visit);
     [[nodiscard]] bool _mayHaveLazyPages();
     void _readDetails(int processDirectory);
     /// False where a file on disk is mapped that may have been written through the mapping, but whose dirty
@@ -157,7 +159,9 @@ class TaskSnapshot {
     struct SplitRegion {
         std::uint64_t start;
         std::uint64_t end;
+        std::uint32_t lazy = 0;  ///< Lazily freed pages that no part has yet.
     };
+    std::span<SnapshotRegion> _partsOf(const SplitRegion& whole);
     std::vector<SplitRegion> _splitRegions;
 
     /// The file of the last entry that maps one. Regions of one file follow each other, so the next entry

@@ -1,6 +1,7 @@
 // The images of a snapshot.
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "linux/TaskSnapshot.h"
@@ -30,15 +31,16 @@ void TaskSnapshot::_findImages(int processDirectory) {
 }
 
 bool TaskSnapshot::_isSplit(const SnapshotRegion& region) const {
-    return std::ranges::any_of(_splitRegions, [&](const SplitRegion& whole) {
-        return whole.start <= region.start && region.end <= whole.end;
-    });
+    // Those of the first splitting are in order.
+    const auto whole = std::ranges::upper_bound(_splitRegions, region.start, {}, &SplitRegion::start);
+    return whole != _splitRegions.begin() && region.end <= std::prev(whole)->end;
 }
 
 void TaskSnapshot::_split(std::vector<std::uint64_t> cuts) {
     std::sort(cuts.begin(), cuts.end());
     cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
     std::vector<SnapshotRegion> regions;
+    std::vector<SplitRegion> splitNow;
     regions.reserve(_regions.size() + cuts.size());
     auto cut = cuts.begin();
     for (const SnapshotRegion& whole : _regions) {
@@ -52,11 +54,13 @@ void TaskSnapshot::_split(std::vector<std::uint64_t> cuts) {
         };
         while (cut != cuts.end() && *cut <= whole.start) ++cut;
         if (cut != cuts.end() && *cut < whole.end && !_isSplit(whole))
-            _splitRegions.push_back({whole.start, whole.end});
+            splitNow.push_back({whole.start, whole.end});
         for (; cut != cuts.end() && *cut < whole.end; ++cut) addPart(*cut);
         addPart(whole.end);
     }
     _regions = std::move(regions);
+    _splitRegions.insert(_splitRegions.end(), splitNow.begin(), splitNow.end());
+    std::ranges::sort(_splitRegions, {}, &SplitRegion::start);
 }
 
 }  // namespace zorbel

@@ -241,27 +241,47 @@ void TaskSnapshot::_tellOwnSwap() {
 // The parts had the pages of the whole until now. Where page tables can't be read, each gets a share. Where
 // lazily freed pages are is not known: heaps free like that, and are large.
 void TaskSnapshot::_recountSplitRegions(const ReadingPlan& plan) {
-    for (const SplitRegion& whole : _splitRegions) {
-        const auto first = std::ranges::lower_bound(_regions, whole.start, {}, &SnapshotRegion::start);
-        const auto last = std::ranges::lower_bound(_regions, whole.end, {}, &SnapshotRegion::start);
-        const Regions parts(first, last);
+    for (SplitRegion& whole : _splitRegions) {
+        const Regions parts = _partsOf(whole);
         const std::uint32_t lazy = parts.front().pages.lazy;
         if (!parts.front().isUncounted &&
             (_countPages(parts, false) != 0 || _recountSwapped(parts, plan) != 0)) {
             distributePages(parts);
             continue;
         }
+        whole.lazy = lazy;
         for (SnapshotRegion& part : parts) part.pages.lazy = 0;
-        std::ranges::max_element(parts, {}, &SnapshotRegion::size)->pages.lazy = lazy;
     }
 }
 
-void TaskSnapshot::_findGuards(const SnapshotRegion& region, std::vector<std::uint64_t>& starts) {
+// When the pages of all parts are counted.
+void TaskSnapshot::_distributeLazyPages() {
+    for (SplitRegion& whole : _splitRegions) {
+        std::vector<SnapshotRegion*> parts;
+        if (whole.lazy != 0)
+            for (SnapshotRegion& part : _partsOf(whole)) parts.push_back(&part);
+        std::ranges::sort(parts, std::ranges::greater(),
+                          [](const SnapshotRegion* part) { return part->pages.anonymous; });
+        for (SnapshotRegion* part : parts) {
+            part->pages.lazy = std::min(whole.lazy, part->pages.anonymous);
+            whole.lazy -= part->pages.lazy;
+        }
+    }
+}
+
+std::span<SnapshotRegion> TaskSnapshot::_partsOf(const SplitRegion& whole) {
+    const auto first = std::ranges::lower_bound(_regions, whole.start, {}, &SnapshotRegion::start);
+    const auto last = std::ranges::lower_bound(_regions, whole.end, {}, &SnapshotRegion::start);
+    return {first, last};
+}
+
+void TaskSnapshot::_forEachGuard(const SnapshotRegion& region,
+                                 const std::function<void(std::uint64_t start)>& visit) {
     std::uint64_t end = 0;  // Of the last guard.
-    const auto add = [&](std::uint64_t address, std::span<const std::uint64_t> words) {
+    const auto look = [&](std::uint64_t address, std::span<const std::uint64_t> words) {
         for (const std::uint64_t word : words) {
             if (PageWord(word).isGuard()) {
-                if (address != end) starts.push_back(address);
+                if (address != end) visit(address);
                 end = address + pageSize();
             }
             address += pageSize();
@@ -269,7 +289,7 @@ void TaskSnapshot::_findGuards(const SnapshotRegion& region, std::vector<std::ui
     };
     _tables->forEachRun(region.start, region.end, PageTables::Detail::kPlace, [&](const PageRun& run) {
         if (!run.isPresent)
-            _tables->forEachWord(std::max(run.start, region.start), std::min(run.end, region.end), add);
+            _tables->forEachWord(std::max(run.start, region.start), std::min(run.end, region.end), look);
     });
 }
 

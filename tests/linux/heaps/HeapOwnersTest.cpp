@@ -86,6 +86,9 @@ class HeapOwnersTest : public Test {
 
 constexpr Tag kUnnamed = Tag::kNone;
 
+/// Shows where the kernel places mappings.
+const std::string kLibrary = "7ff100000000-7ff100001000 r-xp /lib/libm.so.6\n";
+
 TEST_F(HeapOwnersTest, LayoutsNameHeapsInProgramsOfTheirRuntimeOnly) {
     const std::string java =
         "687400000-6cf800000 rw-p \n6cf800000-7ff800000 ---p \n7ff800000-7ffb00000 rw-p \n"
@@ -125,7 +128,7 @@ TEST_F(HeapOwnersTest, LayoutsNameHeapsInProgramsOfTheirRuntimeOnly) {
     };
     for (const auto& [layout, file, expected] : rows) {
         for (const auto& other : rows) {
-            map(layout + "7ff000000000-7ff000001000 r-xp " + other.file + "\n");
+            map(layout + "7ff000000000-7ff000001000 r-xp " + other.file + "\n" + kLibrary);
             if (other.file == file)
                 EXPECT_EQ(kinds(), expected) << file;
             else  // A layout of one runtime never gets the name of another that can't have it.
@@ -198,6 +201,48 @@ TEST_F(HeapOwnersTest, FullArenasThatTouchAreArenas) {
     EXPECT_THAT(kinds(), ElementsAre(Tag::kMallocSmall, kUnnamed));
     contents[kFirst + 24] = 4096;  // Less can be accessed than is mapped: something else.
     EXPECT_THAT(kinds(), Each(kUnnamed));
+}
+
+TEST_F(HeapOwnersTest, WhatOnlyLooksAlikeHasNoName) {
+    const std::string libc = "7ff000000000-7ff000001000 r-xp /lib/libc.so.6\n";
+    const std::pair<std::string, std::string> rows[] = {
+        // A full arena of the C library, which is as large as a node of Java's metaspace.
+        {"7f0004000000-7f0008000000 rw-p \n", "/jvm/lib/server/libjvm.so"},
+        // Stacks beside a large reservation of Java's.
+        {"7e0000000000-7e0000100000 ---p \n7e0000100000-7e0a00001000 ---p \n7e0a00001000-7e0a000fd000 rw-p "
+         "\n",
+         "/jvm/lib/server/libjvm.so"},
+        // Memories of WebAssembly that lie side by side.
+        {"7e0000000000-7e0280000000 ---p \n7e0280000000-7e0281000000 rw-p \n7e0281000000-7e1a80000000 ---p "
+         "\n",
+         "/usr/bin/node"},
+        // A program whose mappings the kernel places where V8's pages would be.
+        {"148300000000-148300040000 rw-p \n148310000000-148310001000 r-xp /lib/libm.so.6\n", "/usr/bin/node"},
+        {"b13100000-b13140000 rw-p \n", "/usr/bin/nodeapp"},
+        {"b13100000-b13140000 rw-p \n", "/usr/bin/node_exporter"},
+        // Stacks above guards, side by side in a multiple of mimalloc's segments.
+        {"7e0004000000-7e0004001000 ---p \n7e0004001000-7e0004801000 rw-p \n7e0004801000-7e0004802000 ---p \n"
+         "7e0004802000-7e0008002000 rw-p \n",
+         "/lib/libmimalloc.so.2.0"},
+    };
+    for (const auto& [layout, file] : rows) {
+        const bool hasHighLibraries = layout.find("/lib/libm.so.6") == std::string::npos;
+        map(layout + (hasHighLibraries ? libc + "7ff000002000-7ff000003000 r-xp " + file + "\n"
+                                       : "148310002000-148310003000 r-xp " + file + "\n"));
+        EXPECT_THAT(kinds(), Each(kUnnamed)) << layout << file;
+    }
+}
+
+TEST_F(HeapOwnersTest, ContentsComeBeforeLayouts) {
+    // Python with another allocator: its arenas are known by what is in them.
+    constexpr std::uint64_t kStart = 0x7F0000000000;
+    contents = {{kStart, 3},
+                {kStart + 8, kStart + 0x90},
+                {kStart + 32, std::uint64_t{1} << 32},
+                {kStart + 40, 0xA0 | std::uint64_t{16384 - 32} << 32}};
+    map("7f0000000000-7f0000200000 rw-p \n7f0000200000-7f0000201000 r-xp /usr/bin/python3.11\n"
+        "7f1000000000-7f1000001000 r-xp /lib/libjemalloc.so.2\n");
+    EXPECT_THAT(kinds(), ElementsAre(Tag::kPythonObjects, Tag::kJemalloc));
 }
 
 TEST_F(HeapOwnersTest, NamesOfTheProgramWin) {

@@ -44,15 +44,16 @@ void findJemallocHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& piec
 void findMimallocHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces) {
     constexpr std::uint64_t kSegment = 32 << 20;
     if (!evidence.runs("libmimalloc")) return;
-    for (const HeapEvidence::Stretch& stretch : evidence.stretches()) {
-        const std::uint64_t first = (stretch.start() + kSegment - 1) & ~(kSegment - 1);
-        const std::uint64_t end = stretch.end() & ~(kSegment - 1);
-        if (first < end) pieces.push_back({first, end, Tag::kMimalloc});
-    }
+    std::uint64_t end = 0;  // Of the segments that are known, which become accessible piece by piece.
+    forEachUnguarded(evidence, [&](const SnapshotRegion& region) {
+        if (region.start % kSegment != 0 && region.start >= end) return;
+        pieces.push_back({region.start, region.end, Tag::kMimalloc});
+        end = (region.end + kSegment - 1) & ~(kSegment - 1);
+    });
 }
 
 void findTcmallocHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces) {
-    if (!evidence.runs("libtcmalloc")) return;
+    if (!evidence.runs("libtcmalloc") && !evidence.runs("libtcmalloc_minimal")) return;
     for (const SnapshotRegion& region : evidence.regions())
         if (region.tag == Tag::kSbrk) pieces.push_back({region.start, region.end, Tag::kTcmalloc});
 }

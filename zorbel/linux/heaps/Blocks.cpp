@@ -8,15 +8,15 @@ namespace zorbel {
 
 void findBlocks(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces) {
     std::vector<BlockKind> kinds;
-    for (const BlockOwner* owner : {&kErlang, &kPython, &kRuby, &kGlibc})
-        if (evidence.runsAny(owner->files))
+    for (const BlockOwner* owner : {&kErlang, &kPython, &kRuby, &kTransientRuby, &kGlibc})
+        if (owner->files.empty() || evidence.runsAny(owner->files))
             kinds.insert(kinds.end(), owner->kinds.begin(), owner->kinds.end());
-    if (kinds.empty()) return;
-    std::size_t left = kMostBlocks;
+    std::size_t left = kMostLooks;
     for (const SnapshotRegion& region : evidence.regions()) {
         const bool isReadWrite = region.protection == (SmapsEntry::kRead | SmapsEntry::kWrite);
         if (!region.isPlainAnonymous || !isReadWrite || region.size() < kSmallestBlock) continue;
-        for (std::uint64_t at = region.start; at < region.end && left > 0; --left) {
+        for (std::uint64_t at = region.start; at < region.end && left > 0;) {
+            --left;
             HeapPiece piece{at, 0, Tag::kNone};
             for (const BlockKind& kind : kinds) {
                 const std::uint64_t size = kind.sizeAt(evidence, at, region.end);

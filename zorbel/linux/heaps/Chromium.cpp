@@ -16,8 +16,8 @@ constexpr std::uint64_t kSmallestPool = std::uint64_t{8} << 30;
 constexpr std::uint64_t kSuperPage = 2 << 20;
 constexpr std::uint64_t kGuardedStart = 16 << 10;
 
-constexpr std::string_view kPrograms[] = {"chrom",     "headless_shell", "electron",
-                                          "libcef.so", "msedge",         "brave"};
+constexpr std::string_view kPrograms[] = {"chrome", "chromium", "headless_shell", "electron",
+                                          "libcef", "msedge",   "brave"};
 
 /// Whether what can be accessed begins behind the guarded start of a super page, or with its description.
 bool isPool(const HeapEvidence::Stretch& stretch) {

@@ -45,6 +45,6 @@ constexpr BlockKind kKinds[] = {{Tag::kMallocLarge, sizeOfLargeAllocation}, {Tag
 
 }  // namespace
 
-const BlockOwner kGlibc = {{"libc.so", "libc-2"}, kKinds};
+const BlockOwner kGlibc = {{}, kKinds};  // Any program may be linked with it statically.
 
 }  // namespace zorbel

@@ -14,6 +14,7 @@ namespace {
 
 constexpr std::uint64_t kFirstHint = 0xC0'0000'0000;
 constexpr std::uint64_t kLastHint = 0x7FC0'0000'0000;
+constexpr std::uint64_t kLargest = 64 << 20;  // Of what the runtime maps besides; programs may map more.
 constexpr std::uint64_t kBetweenHints = 0x100'0000'0000;
 
 /// Whether the region begins a chain of arenas.
@@ -25,14 +26,14 @@ bool isAtHint(const SnapshotRegion& region) {
 
 void findGoHeap(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces) {
     if (evidence.program() == nullptr || !evidence.program()->isGo) return;
-    const bool hasLibraries = evidence.runs("libc.") || evidence.runs("ld-");
+    const bool hasLibraries = evidence.runs("libc") || evidence.runs("ld");
     std::uint64_t heapEnd = 0;
     for (const SnapshotRegion& region : evidence.regions()) {
         if (!region.isPlainAnonymous) continue;
         if (region.start == heapEnd || isAtHint(region)) {
             pieces.push_back({region.start, region.end, Tag::kGoHeap});
             heapEnd = region.end;
-        } else if (!hasLibraries) {
+        } else if (!hasLibraries && region.size() < kLargest) {
             pieces.push_back({region.start, region.end, Tag::kGoRuntime});
         }
     }

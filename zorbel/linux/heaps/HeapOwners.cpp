@@ -8,9 +8,20 @@ namespace zorbel {
 
 namespace {
 
-/// Runtimes come before allocators, which they may use as well.
-constexpr HeapFinder kFinders[] = {findGoHeap,       findJavaHeap,     findPartitionAllocHeap, findV8Heap,
-                                   findJemallocHeap, findMimallocHeap, findTcmallocHeap,       findBlocks};
+/// What is proved by contents comes before what only has a layout, and runtimes come before allocators, which
+/// they may use as well.
+constexpr HeapFinder kFinders[] = {findBlocks, findGoHeap,       findJavaHeap,     findPartitionAllocHeap,
+                                   findV8Heap, findJemallocHeap, findMimallocHeap, findTcmallocHeap};
+
+/// Adds what of a piece none of the others has, which are in ascending order and disjoint.
+void addRest(HeapPiece piece, std::span<const HeapPiece> others, std::vector<HeapPiece>& pieces) {
+    auto other = std::ranges::upper_bound(others, piece.start, {}, &HeapPiece::end);
+    for (; other != others.end() && other->start < piece.end; ++other) {
+        if (piece.start < other->start) pieces.push_back({piece.start, other->start, piece.tag});
+        piece.start = other->end;
+    }
+    if (piece.start < piece.end) pieces.push_back(piece);
+}
 
 }  // namespace
 
@@ -23,8 +34,8 @@ HeapEvidence::HeapEvidence(std::span<const SnapshotRegion> regions, const ElfLay
     }
 }
 
-bool HeapEvidence::runsAny(std::span<const std::string_view> nameStarts) const {
-    return std::ranges::any_of(nameStarts, [this](std::string_view start) { return runs(start); });
+bool HeapEvidence::runsAny(std::span<const std::string_view> names) const {
+    return std::ranges::any_of(names, [this](std::string_view name) { return runs(name); });
 }
 
 std::vector<HeapEvidence::Stretch> HeapEvidence::stretches() const {
@@ -42,8 +53,12 @@ std::vector<HeapEvidence::Stretch> HeapEvidence::stretches() const {
     return found;
 }
 
-bool HeapEvidence::runs(std::string_view nameStart) const {
-    return std::ranges::any_of(_files, [&](std::string_view file) { return file.starts_with(nameStart); });
+bool HeapEvidence::runs(std::string_view name) const {
+    constexpr std::string_view kMayFollow = "0123456789.-";
+    return std::ranges::any_of(_files, [&](std::string_view file) {
+        return file.starts_with(name) &&
+               (file.size() == name.size() || kMayFollow.find(file[name.size()]) != kMayFollow.npos);
+    });
 }
 
 std::vector<HeapPiece> findHeaps(const HeapEvidence& evidence) {
@@ -52,12 +67,8 @@ std::vector<HeapPiece> findHeaps(const HeapEvidence& evidence) {
     for (const HeapFinder find : kFinders) {
         found.clear();
         find(evidence, found);
-        const std::size_t before = all.size();
-        for (const HeapPiece& piece : found) {
-            const auto earlier = std::span(all).first(before);
-            const auto next = std::ranges::upper_bound(earlier, piece.start, {}, &HeapPiece::end);
-            if (next == earlier.end() || next->start >= piece.end) all.push_back(piece);
-        }
+        const std::vector<HeapPiece> earlier = all;
+        for (const HeapPiece& piece : found) addRest(piece, earlier, all);
         std::ranges::sort(all, {}, &HeapPiece::start);
     }
     return all;

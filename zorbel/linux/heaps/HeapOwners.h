@@ -26,9 +26,10 @@ class HeapEvidence {
     [[nodiscard]] std::span<const SnapshotRegion> regions() const { return _regions; }
     [[nodiscard]] const ElfLayout* program() const { return _program; }
 
-    /// Whether the process maps code of a file whose name, without the directory, begins like this.
-    [[nodiscard]] bool runs(std::string_view nameStart) const;
-    [[nodiscard]] bool runsAny(std::span<const std::string_view> nameStarts) const;
+    /// Whether the process maps code of a file with this name, without the directory: up to the end, a digit,
+    /// a point or a hyphen, which begin a version.
+    [[nodiscard]] bool runs(std::string_view name) const;
+    [[nodiscard]] bool runsAny(std::span<const std::string_view> names) const;
     /// Memory without a gap that maps no file: regions that follow each other. Whatever reserves a large
     /// piece of address space, and makes parts of it accessible, leaves one such stretch.
     struct Stretch {
@@ -65,8 +66,8 @@ struct HeapPiece {
 /// names is complete: a wrong name is worse than none. Its pieces are disjoint.
 using HeapFinder = void (*)(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 
-/// All pieces that have an owner, in ascending order and disjoint. Of two owners that claim a piece, the one
-/// that is listed first in HeapOwners.cpp has it.
+/// All pieces that have an owner, in ascending order and disjoint. What two owners claim, the one has that is
+/// listed first in HeapOwners.cpp.
 std::vector<HeapPiece> findHeaps(const HeapEvidence& evidence);
 
 /// Sets the kinds of plain anonymous regions within the pieces that can be accessed, and of the main heap of

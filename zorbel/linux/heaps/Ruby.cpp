@@ -40,11 +40,13 @@ std::uint64_t sizeOfTransientHeap(const HeapEvidence& /*evidence*/, std::uint64_
     return address % kBlock == 0 && end - address == kSize ? kSize : 0;
 }
 
-constexpr BlockKind kKinds[] = {{Tag::kRubyHeap, sizeOfPages},
-                                {Tag::kRubyTransientHeap, sizeOfTransientHeap}};
+constexpr BlockKind kKinds[] = {{Tag::kRubyHeap, sizeOfPages}};
+constexpr BlockKind kTransientKinds[] = {{Tag::kRubyTransientHeap, sizeOfTransientHeap}};
 
 }  // namespace
 
 const BlockOwner kRuby = {{"ruby", "libruby"}, kKinds};
+const BlockOwner kTransientRuby = {{"libruby-2", "libruby-3.0", "libruby-3.1", "libruby-3.2"},
+                                   kTransientKinds};
 
 }  // namespace zorbel

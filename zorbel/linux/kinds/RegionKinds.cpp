@@ -170,14 +170,17 @@ bool hasSharedPages(Tag tag) {
     return std::find(std::begin(kTags), std::end(kTags), tag) != std::end(kTags);
 }
 
-void findAnonymousKinds(std::span<SnapshotRegion> regions) {
+void findAnonymousKinds(std::span<SnapshotRegion> regions,
+                        const std::function<bool(std::uint64_t address)>& mayRead) {
     bool is64bit = false;
     for (const SnapshotRegion& region : regions) is64bit = is64bit || region.end > k32BitAddressSpace;
     for (std::size_t i = 0; i < regions.size(); ++i) {
         if (!regions[i].isPlainAnonymous || regions[i].tag != Tag::kNone) continue;
         const SnapshotRegion* previous = i > 0 ? &regions[i - 1] : nullptr;
         const SnapshotRegion* next = i + 1 < regions.size() ? &regions[i + 1] : nullptr;
-        regions[i].tag = tagOfPlainAnonymous(regions[i], previous, next, is64bit);
+        const Tag tag = tagOfPlainAnonymous(regions[i], previous, next, is64bit);
+        const bool isDisproved = tag == Tag::kMallocSmall && mayRead(regions[i].start);
+        regions[i].tag = isDisproved ? Tag::kNone : tag;
     }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 
 #include "linux/kinds/FileSystems.h"
@@ -30,6 +31,10 @@ bool hasSharedPages(Tag tag);
 
 /// Sets the kinds of plain anonymous regions, which have no name, by their addresses and neighbours. The
 /// regions are those of one address space, in ascending order.
-void findAnonymousKinds(std::span<SnapshotRegion> regions);
+///
+/// What can be read and is an arena of the C library has been found by its contents before: only where memory
+/// can't be read, arenas are known by their layout.
+void findAnonymousKinds(std::span<SnapshotRegion> regions,
+                        const std::function<bool(std::uint64_t address)>& mayRead);
 
 }  // namespace zorbel

@@ -227,9 +227,10 @@ int PageTables::forEachWord(std::uint64_t start, std::uint64_t end, const VisitW
 
 int PageTables::forEachUsedWord(std::uint64_t start, std::uint64_t end, const VisitUsedWords& visit) {
     const std::uint64_t stretch = kMostPagesOfCall * pageSize();
-    // The first scan only finds out what the region is like.
-    std::uint64_t scanned = _access.hugePageSize;
-    bool isDense = end - start <= scanned;
+    // The first scan only finds out what the region is like. Later ones reach as far as a call may, since
+    // there may be terabytes without any page.
+    std::uint64_t probe = _access.hugePageSize;
+    bool isDense = end - start <= probe;
     while (start < end) {
         int error = 0;
         if (!_access.mayScan || (isDense && _access.seesFrames())) {
@@ -243,14 +244,15 @@ int PageTables::forEachUsedWord(std::uint64_t start, std::uint64_t end, const Vi
             start = stop;
         } else {
             const std::uint64_t began = start;
+            const std::uint64_t scanEnd = probe != 0 ? std::min(end, start + probe) : end;
+            const std::uint64_t enough = probe != 0 ? probe : stretch;
             isDense = false;
-            const int scanError =
-                _scan(start, std::min(end, start + scanned), Detail::kPlace, [&](const PageRun& run) {
-                    isDense = !run.isHuge && run.end - run.start >= scanned && run.start == began;
-                    if (error == 0) error = _visitRun(run, visit);
-                });
+            const int scanError = _scan(start, scanEnd, Detail::kPlace, [&](const PageRun& run) {
+                isDense = !run.isHuge && run.end - run.start >= enough && run.start == began;
+                if (error == 0) error = _visitRun(run, visit);
+            });
             if (scanError != 0) return scanError;
-            scanned = stretch;
+            probe = 0;
         }
         if (error != 0) return error;
         if (start < end) _giveWay();

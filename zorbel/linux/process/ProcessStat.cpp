@@ -17,6 +17,7 @@ constexpr int kStartTimeField = 22;
 constexpr int kStackStartField = 28;
 constexpr int kArgumentsStartField = 48;
 constexpr int kArgumentsEndField = 49;
+constexpr int kEnvironmentEndField = 51;
 
 }  // namespace
 
@@ -34,8 +35,8 @@ std::optional<ProcessStat> parseProcessStat(std::string_view text) {
     stat.state = rest[1];
     rest.remove_prefix(2);
 
-    std::array<std::uint64_t, kArgumentsEndField + 1> fields{};
-    for (int field = kFirstNumberField; field <= kArgumentsEndField; ++field) {
+    std::array<std::uint64_t, kEnvironmentEndField + 1> fields{};
+    for (int field = kFirstNumberField; field <= kEnvironmentEndField; ++field) {
         while (!rest.empty() && rest.front() == ' ') rest.remove_prefix(1);
         if (!rest.empty() && rest.front() == '-') rest.remove_prefix(1);  // No field that we use is negative.
         const auto value = takeNumber(rest);
@@ -50,6 +51,7 @@ std::optional<ProcessStat> parseProcessStat(std::string_view text) {
     stat.stackStart = fields[kStackStartField];
     stat.argumentsStart = fields[kArgumentsStartField];
     stat.argumentsEnd = fields[kArgumentsEndField];
+    stat.environmentEnd = fields[kEnvironmentEndField];
     return stat;
 }
 

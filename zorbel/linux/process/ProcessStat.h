@@ -23,6 +23,7 @@ struct ProcessStat {
     /// Addresses of the command line's first byte, and of the one behind it; 0 if we may not see them.
     std::uint64_t argumentsStart = 0;
     std::uint64_t argumentsEnd = 0;
+    std::uint64_t environmentEnd = 0;  ///< Behind which it lies; likewise.
 
     /// Whether it is a zombie or dead.
     [[nodiscard]] bool hasEnded() const { return state == 'Z' || state == 'X' || state == 'x'; }

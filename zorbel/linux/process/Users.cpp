@@ -15,7 +15,8 @@ std::string Users::nameOf(std::uint32_t uid) {
             std::string_view line = takeLine(rest);
             const std::string_view name = takeUpTo(line, ':');
             takeUpTo(line, ':');
-            if (const auto number = takeNumber(line))  // The first of several names for one user counts.
+            if (const auto number = takeNumber(line);
+                number && *number <= UINT32_MAX)  // The first of several names for one user counts.
                 _names.try_emplace(static_cast<std::uint32_t>(*number), printable(name));
         }
     });
