@@ -7,6 +7,7 @@
 #include <deque>
 #include <random>
 
+#include "model/MemoryKinds.h"
 #include "model/ZBMemoryCategory.h"
 
 namespace zorbel::test {
@@ -207,6 +208,58 @@ TEST(ZBMemoryRegionTest, TagsHaveNames) {
                                     {240U, "app-specific tag 1"},
                                     {255U, "app-specific tag 16"}})
         EXPECT_EQ(ZBMemoryRegion::categoryNameForTag(tag).text(), name);
+}
+
+// A name in the wrong row would be a false name in every report.
+TEST(ZBMemoryRegionTest, KindsOnLinuxHaveTheirNames) {
+    const std::pair<Tag, const char*> kinds[] = {
+        {Tag::kMallocSmall, "MALLOC_SMALL"},
+        {Tag::kMallocLarge, "MALLOC_LARGE"},
+        {Tag::kSbrk, "sbrk"},
+        {Tag::kStack, "stack"},
+        {Tag::kGuard, "guard"},
+        {Tag::kJitCode, "JS JIT generated code"},
+        {Tag::kMemfd, "memfd"},
+        {Tag::kReserved, "reserved address space"},
+        {Tag::kPosixShared, "POSIX shared memory"},
+        {Tag::kSysVShared, "SysV shared memory"},
+        {Tag::kSharedAnonymous, "shared anonymous memory"},
+        {Tag::kTmpfs, "tmpfs file"},
+        {Tag::kHugePages, "huge pages"},
+        {Tag::kGpuBuffer, "GPU buffer"},
+        {Tag::kDmaBuffer, "DMA buffer"},
+        {Tag::kIoUring, "io_uring"},
+        {Tag::kAioRing, "AIO ring"},
+        {Tag::kPerfRing, "perf ring buffer"},
+        {Tag::kBpfMap, "BPF map"},
+        {Tag::kPacketRing, "packet ring"},
+        {Tag::kDeviceMemory, "device memory"},
+        {Tag::kVdso, "vdso"},
+        {Tag::kVvar, "vvar"},
+        {Tag::kVsyscall, "vsyscall"},
+        {Tag::kUprobes, "uprobes"},
+        {Tag::kExecutableAnonymous, "executable anonymous memory"},
+        {Tag::kNamedAnonymous, "named anonymous memory"},
+        {Tag::kGoHeap, "Go heap"},
+        {Tag::kGoRuntime, "Go runtime"},
+        {Tag::kJavaHeap, "Java heap"},
+        {Tag::kJavaClassSpace, "Java class space"},
+        {Tag::kJavaMetaspace, "Java metaspace"},
+        {Tag::kJavaCode, "Java code cache"},
+        {Tag::kV8Heap, "V8 heap"},
+        {Tag::kPythonObjects, "Python objects"},
+        {Tag::kPartitionAlloc, "PartitionAlloc"},
+        {Tag::kOilpanHeap, "Oilpan heap"},
+        {Tag::kJemalloc, "jemalloc"},
+        {Tag::kMimalloc, "mimalloc"},
+        {Tag::kTcmalloc, "tcmalloc"},
+        {Tag::kRubyHeap, "Ruby heap"},
+        {Tag::kErlangHeap, "Erlang heap"},
+        {Tag::kRubyTransientHeap, "Ruby transient heap"},
+        {Tag::kSecretMemory, "secret memory"},
+    };
+    for (const auto& [tag, name] : kinds)
+        EXPECT_EQ(ZBMemoryRegion::categoryNameForTag(static_cast<std::uint32_t>(tag)).text(), name);
 }
 
 }  // namespace zorbel::test
