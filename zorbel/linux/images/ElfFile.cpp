@@ -76,7 +76,7 @@ bool hasGoNote(int fd, const GElf_Phdr& notes) {
         std::memcpy(&note, text.data() + at, sizeof note);
         const std::string_view rest(text.data() + at + sizeof note,
                                     static_cast<std::size_t>(length) - at - sizeof note);
-        if (note.n_type == kBuildId && note.n_namesz == 4 && rest.starts_with(std::string_view("Go\0", 4)))
+        if (note.n_type == kBuildId && note.n_namesz == 4 && rest.starts_with(std::string_view("Go\0\0", 4)))
             return true;
         at += sizeof note + aligned(note.n_namesz) + aligned(note.n_descsz);
     }
