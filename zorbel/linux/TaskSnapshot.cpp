@@ -107,7 +107,9 @@ void TaskSnapshot::_nameAnonymousMemory(int processDirectory, const ReadingPlan&
     const auto read = [&](std::uint64_t address, std::span<std::byte> buffer) {
         return memory.read(address, buffer);
     };
-    const std::vector<HeapPiece> heaps = findHeaps(HeapEvidence(_regions, _images.program(), read));
+    std::vector<HeapPiece> heaps;
+    if (std::ranges::any_of(_regions, mayBeHeap))
+        heaps = findHeaps(HeapEvidence(_regions, _images.program(), read));
     ThreadStacks stacks;
     std::vector<std::uint64_t> stackStarts;
     if (plan.threads > 1 && std::ranges::any_of(_regions, mayHoldStacks)) {
@@ -233,9 +235,8 @@ void TaskSnapshot::_lookAtFile(const SmapsEntry& entry, int processDirectory) {
     if (_file.mapped != nullptr && entry.device == _file.device && entry.inode == _file.inode &&
         entry.path == _file.rawPath)
         return;
-    FileIdentifier::Process process = {processDirectory, _knowsMounts};
-    const FileIdentifier::Found found = _services.fileIdentifier.identify(entry, process);
-    _knowsMounts = process.knowsMounts;
+    _identified.directory = processDirectory;
+    const FileIdentifier::Found found = _services.fileIdentifier.identify(entry, _identified);
     MappedFile& mapped = _files->emplace_front();
     mapped.path = Name(printable(entry.path, kLongestPath));
     mapped.device = found.device;

@@ -154,8 +154,8 @@ class TaskSnapshot {
     std::forward_list<std::vector<SharedPages>> _shared;  ///< Lent to the regions.
     KernReturn _codeAtEnd = kKernInvalidAddress;
     mutable std::size_t _lastFound = 0;
-    bool _knowsMounts = false;
-    bool _isFromSmaps = false;  ///< Otherwise from maps and the page tables.
+    FileIdentifier::Process _identified;  ///< While its files are identified.
+    bool _isFromSmaps = false;            ///< Otherwise from maps and the page tables.
     struct SplitRegion {
         std::uint64_t start;
         std::uint64_t end;

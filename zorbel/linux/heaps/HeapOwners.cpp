@@ -61,6 +61,15 @@ bool HeapEvidence::runs(std::string_view name) const {
     });
 }
 
+bool mayBeHeap(const SnapshotRegion& region) {
+    constexpr std::uint64_t kSmallest = 64 << 10;
+    const bool isNameless = region.isPlainAnonymous || region.tag == Tag::kSbrk;
+    const bool isCode = region.has(SmapsEntry::kExecute);
+    // The main heap begins with 132 KiB; only allocators that are larger by themselves take it over.
+    const std::uint64_t smallest = region.tag == Tag::kSbrk ? 4 * kSmallest : kSmallest;
+    return isNameless && region.protection != 0 && (isCode || region.size() >= smallest);
+}
+
 std::vector<HeapPiece> findHeaps(const HeapEvidence& evidence) {
     std::vector<HeapPiece> all;
     std::vector<HeapPiece> found;

@@ -66,6 +66,9 @@ struct HeapPiece {
 /// names is complete: a wrong name is worse than none. Its pieces are disjoint.
 using HeapFinder = void (*)(const HeapEvidence& evidence, std::vector<HeapPiece>& pieces);
 
+/// Whether a region is worth looking for its owner: most small programs have none.
+bool mayBeHeap(const SnapshotRegion& region);
+
 /// All pieces that have an owner, in ascending order and disjoint. What two owners claim, the one has that is
 /// listed first in HeapOwners.cpp.
 std::vector<HeapPiece> findHeaps(const HeapEvidence& evidence);

@@ -110,7 +110,10 @@ FileIdentifier::Found FileIdentifier::identify(const SmapsEntry& entry, Process&
 
 /// If our own namespace does not mount the file system, looks at the mounts of the process.
 FileSystems::FileSystem FileIdentifier::_fileSystemOf(const SmapsEntry& entry, Process& process) {
+    if (process.fileSystem.isProbed && process.device == entry.device) return process.fileSystem;
     const FileSystems::FileSystem found = _fileSystems.find(entry.device);
+    process.device = entry.device;
+    process.fileSystem = found;
     if (found.kind != FileSystems::Kind::kUnknown || !entry.path.starts_with('/') || process.knowsMounts)
         return found;
     _readMounts(process);

@@ -44,8 +44,11 @@ class FileIdentifier {
 
     /// A process whose files are identified.
     struct Process {
-        int directory;             ///< A /proc directory that shows its address space.
+        int directory = -1;        ///< A /proc directory that shows its address space.
         bool knowsMounts = false;  ///< Whether the mounts that it sees have been read.
+        /// The last file system that was found and probed: most files of a process are on one.
+        std::uint64_t device = 0;
+        FileSystems::FileSystem fileSystem;
     };
 
     /// Identifies the file of an entry.
