@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <vector>
+#include <utility>
 
 #include "base/TextCursor.h"
 #include "base/Utf8.h"
@@ -26,14 +26,18 @@ std::string commandLineOf(int processDirectory, const ProcessStat& stat, const P
     PageTables tables(processDirectory, access);
     if (!tables.isOpen()) return "";
     ResidentMemory memory(processDirectory, tables);
-    const std::uint64_t size = stat.argumentsEnd - stat.argumentsStart;
-    const std::uint64_t all = std::max(stat.environmentEnd, stat.argumentsEnd) - stat.argumentsStart;
-    std::string command(std::min<std::size_t>(kLongestCommand, all), '\0');
-    if (!memory.read(stat.argumentsStart, std::as_writable_bytes(std::span(command)))) return "";
-    if (size <= command.size() && command[size - 1] == '\0')
-        command.resize(size);
-    else if (size <= command.size())
-        command.resize(std::min(command.find('\0'), command.size()));
+    const auto readUpTo = [&](std::uint64_t end) {
+        std::string text(std::min<std::size_t>(kLongestCommand, end - stat.argumentsStart), '\0');
+        if (!memory.read(stat.argumentsStart, std::as_writable_bytes(std::span(text)))) text.clear();
+        return text;
+    };
+    std::string command = readUpTo(stat.argumentsEnd);
+    const bool isTitle = !command.empty() && command.size() < kLongestCommand && command.back() != '\0';
+    if (isTitle && stat.environmentEnd > stat.argumentsEnd) {
+        std::string title = readUpTo(stat.environmentEnd);
+        title.resize(std::min(title.find('\0'), title.size()));
+        if (title.size() > command.size()) command = std::move(title);
+    }
     while (!command.empty() && command.back() == '\0') command.pop_back();
     std::ranges::replace(command, '\0', ' ');
     return printable(command);
